@@ -1,0 +1,33 @@
+#pragma once
+// Decoding of 8-bit and UTF-16 text into the library's UTF-8. The single-byte code pages are read through
+// the C library's iconv once, into a table per code page, and then mapped byte by byte.
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace kv {
+
+/// The single-byte code pages the library meets.
+enum TCodePage : uint8_t {
+    cpWindows1252, ///< the "system ANSI code page" of the files this library reads
+    cpOEM437,      ///< MS-DOS text (OEM)
+    cpEBCDIC037    ///< IBM mainframe text
+};
+
+/// How a text file's bytes were found to be encoded.
+enum TTextEncoding : uint8_t { teUtf8, teUtf8Bom, teUtf16LE, teUtf16BE, teAnsi };
+
+/// Looks at the first bytes (and, for 8-bit text, at the whole sample): a UTF-16 BOM selects UTF-16, a
+/// UTF-8 BOM or valid UTF-8 is UTF-8, anything else is Windows-1252.
+TTextEncoding DetectTextEncoding(std::string_view bytes);
+/// Bytes in the detected encoding as UTF-8 (without BOM).
+std::string DecodeText(std::string_view bytes);
+/// One single-byte code page to UTF-8.
+std::string CodePageToUtf8(std::string_view bytes, TCodePage codePage);
+/// The UTF-8 text of byte `b` in `codePage`.
+const std::string& CodePageChar(unsigned char b, TCodePage codePage);
+/// UTF-8 back to a single-byte code page; characters it lacks become "?".
+std::string Utf8ToCodePage(std::string_view text, TCodePage codePage);
+
+} // namespace kv

@@ -1,0 +1,360 @@
+#include "platform/SysUtils.h"
+
+#include "platform/Exceptions.h"
+#include "platform/Utf8.h"
+
+#include <charconv>
+#include <cmath>
+#include <cstring>
+#include <system_error>
+
+namespace kv {
+
+namespace {
+bool IsTrimmed(char c) {
+    return static_cast<unsigned char>(c) <= ' ';
+}
+char AsciiUpper(char c) {
+    return (c >= 'a' && c <= 'z') ? static_cast<char>(c - 32) : c;
+}
+char AsciiLower(char c) {
+    return (c >= 'A' && c <= 'Z') ? static_cast<char>(c + 32) : c;
+}
+} // namespace
+
+std::string_view TrimView(std::string_view s) {
+    size_t b = 0, e = s.size();
+    while (b < e && IsTrimmed(s[b])) ++b;
+    while (e > b && IsTrimmed(s[e - 1])) --e;
+    return s.substr(b, e - b);
+}
+
+std::string Trim(std::string_view s) {
+    return std::string(TrimView(s));
+}
+
+std::string TrimLeft(std::string_view s) {
+    size_t b = 0;
+    while (b < s.size() && IsTrimmed(s[b])) ++b;
+    return std::string(s.substr(b));
+}
+
+std::string TrimRight(std::string_view s) {
+    size_t e = s.size();
+    while (e > 0 && IsTrimmed(s[e - 1])) --e;
+    return std::string(s.substr(0, e));
+}
+
+std::string UpperCase(std::string_view s) {
+    std::string r(s);
+    for (char& c : r) c = AsciiUpper(c);
+    return r;
+}
+
+std::string LowerCase(std::string_view s) {
+    std::string r(s);
+    for (char& c : r) c = AsciiLower(c);
+    return r;
+}
+
+int CompareText(std::string_view a, std::string_view b) {
+    size_t i = 0, j = 0;
+    while (i < a.size() && j < b.size()) {
+        unsigned char ca = static_cast<unsigned char>(a[i]), cb = static_cast<unsigned char>(b[j]);
+        char32_t x, y;
+        if (ca < 0x80 && cb < 0x80) {
+            x = static_cast<unsigned char>(AsciiUpper(static_cast<char>(ca)));
+            y = static_cast<unsigned char>(AsciiUpper(static_cast<char>(cb)));
+            ++i, ++j;
+        } else {
+            x = CharUpper(Utf8Decode(a, i));
+            y = CharUpper(Utf8Decode(b, j));
+        }
+        if (x != y) return x < y ? -1 : 1;
+    }
+    if (i < a.size()) return 1;
+    if (j < b.size()) return -1;
+    return 0;
+}
+
+bool SameText(std::string_view a, std::string_view b) {
+    if (a.size() == b.size()) {
+        bool ascii = true;
+        for (size_t i = 0; i < a.size(); ++i) {
+            if ((static_cast<unsigned char>(a[i]) | static_cast<unsigned char>(b[i])) >= 0x80) {
+                ascii = false;
+                break;
+            }
+            if (AsciiUpper(a[i]) != AsciiUpper(b[i])) return false;
+        }
+        if (ascii) return true;
+    } else if (IsAscii(a) && IsAscii(b)) {
+        return false;
+    }
+    return CompareText(a, b) == 0;
+}
+
+int CompareStr(std::string_view a, std::string_view b) {
+    int c = a.compare(b);
+    return c < 0 ? -1 : c > 0 ? 1 : 0;
+}
+
+bool StartsText(std::string_view prefix, std::string_view s) {
+    if (IsAscii(prefix) && IsAscii(s))
+        return s.size() >= prefix.size() && SameText(prefix, s.substr(0, prefix.size()));
+    size_t n = Utf8Length(prefix);
+    return SameText(prefix, s.substr(0, Utf8Offset(s, n)));
+}
+
+std::string IntToStr(int64_t value) {
+    char buffer[24];
+    auto r = std::to_chars(buffer, buffer + sizeof buffer, value);
+    return std::string(buffer, r.ptr);
+}
+
+std::string IntToHex(uint64_t value, int digits) {
+    char buffer[24];
+    auto r = std::to_chars(buffer, buffer + sizeof buffer, value, 16);
+    std::string s(buffer, r.ptr);
+    for (char& c : s) c = AsciiUpper(c);
+    if (static_cast<int>(s.size()) < digits) s.insert(0, static_cast<size_t>(digits) - s.size(), '0');
+    return s;
+}
+
+bool TryStrToInt64(std::string_view s, int64_t& out) {
+    size_t i = 0;
+    while (i < s.size() && s[i] == ' ') ++i;
+    bool negative = false;
+    if (i < s.size() && (s[i] == '-' || s[i] == '+')) negative = s[i++] == '-';
+    int base = 10;
+    if (i < s.size() && s[i] == '$') {
+        base = 16, ++i;
+    } else if (i + 1 < s.size() && s[i] == '0' && (s[i + 1] == 'x' || s[i + 1] == 'X')) {
+        base = 16, i += 2;
+    } else if (i < s.size() && (s[i] == 'x' || s[i] == 'X')) {
+        base = 16, ++i;
+    }
+    if (i >= s.size()) return false;
+    uint64_t magnitude = 0;
+    const char* first = s.data() + i;
+    const char* last = s.data() + s.size();
+    auto r = std::from_chars(first, last, magnitude, base);
+    if (r.ec != std::errc() || r.ptr != last) return false;
+    if (base == 16) {
+        // Hexadecimal texts are bit patterns: "$FFFFFFFFFFFFFFFF" is -1.
+        out = negative ? -static_cast<int64_t>(magnitude) : static_cast<int64_t>(magnitude);
+        return true;
+    }
+    if (negative) {
+        if (magnitude > 9223372036854775808ull) return false;
+        out = magnitude == 9223372036854775808ull ? INT64_MIN : -static_cast<int64_t>(magnitude);
+    } else {
+        if (magnitude > 9223372036854775807ull) return false;
+        out = static_cast<int64_t>(magnitude);
+    }
+    return true;
+}
+
+bool TryStrToInt(std::string_view s, int& out) {
+    int64_t v;
+    if (!TryStrToInt64(s, v)) return false;
+    if (v < INT32_MIN || v > INT32_MAX) {
+        // A hexadecimal text of eight digits is a 32-bit pattern.
+        if (v > INT32_MAX && v <= static_cast<int64_t>(UINT32_MAX) &&
+            s.find_first_of("$xX") != std::string_view::npos) {
+            out = static_cast<int>(static_cast<uint32_t>(v));
+            return true;
+        }
+        return false;
+    }
+    out = static_cast<int>(v);
+    return true;
+}
+
+int64_t StrToInt64(std::string_view s) {
+    int64_t v;
+    if (!TryStrToInt64(s, v)) throw EConvertError("'" + std::string(s) + "' is not a valid integer value");
+    return v;
+}
+
+int StrToInt(std::string_view s) {
+    int v;
+    if (!TryStrToInt(s, v)) throw EConvertError("'" + std::string(s) + "' is not a valid integer value");
+    return v;
+}
+
+int StrToIntDef(std::string_view s, int fallback) {
+    int v;
+    return TryStrToInt(s, v) ? v : fallback;
+}
+
+namespace {
+
+// Validates a float text and writes it with "." as the decimal point into `out` (which needs room for
+// s.size() + 1 characters); returns the written length, or 0 when the text is not a float.
+size_t NormalizeFloat(std::string_view s, const char* decimal, size_t decimalLen, char* out) {
+    size_t n = 0, i = 0;
+    const size_t len = s.size();
+    while (i < len && s[i] == ' ') ++i;
+    if (i < len && s[i] == '-') out[n++] = '-';
+    if (i < len && (s[i] == '-' || s[i] == '+')) ++i;
+    size_t digits = 0;
+    bool point = false;
+    while (i < len) {
+        char c = s[i];
+        if (c >= '0' && c <= '9') {
+            out[n++] = c;
+            ++digits, ++i;
+        } else if (!point && decimalLen && len - i >= decimalLen &&
+                   std::memcmp(s.data() + i, decimal, decimalLen) == 0) {
+            out[n++] = '.';
+            point = true;
+            i += decimalLen;
+        } else {
+            break;
+        }
+    }
+    if (digits == 0) return 0;
+    if (i < len && (s[i] == 'e' || s[i] == 'E')) {
+        out[n++] = 'e';
+        ++i;
+        if (i < len && (s[i] == '-' || s[i] == '+')) out[n++] = s[i++];
+        size_t expDigits = 0;
+        while (i < len && s[i] >= '0' && s[i] <= '9') out[n++] = s[i++], ++expDigits;
+        if (expDigits == 0) return 0;
+    }
+    while (i < len && s[i] == ' ') ++i;
+    return i == len ? n : 0;
+}
+
+} // namespace
+
+bool TryStrToFloat(std::string_view s, double& out, const TFormatSettings& fs) {
+    char decimal[4] = {'.'};
+    size_t decimalLen = 1;
+    if (fs.DecimalSeparator >= 0x80) {
+        std::string enc = Utf8Encode(fs.DecimalSeparator);
+        decimalLen = enc.size();
+        std::memcpy(decimal, enc.data(), decimalLen);
+    } else {
+        decimal[0] = static_cast<char>(fs.DecimalSeparator);
+        decimalLen = fs.DecimalSeparator ? 1 : 0;
+    }
+    char small[64];
+    std::string large;
+    char* buffer = small;
+    if (s.size() + 1 > sizeof small) {
+        large.resize(s.size() + 1);
+        buffer = large.data();
+    }
+    const size_t n = NormalizeFloat(s, decimal, decimalLen, buffer);
+    if (n == 0) return false;
+    const std::string_view text(buffer, n);
+    double value;
+    auto r = std::from_chars(text.data(), text.data() + n, value);
+    if (r.ec == std::errc::result_out_of_range) {
+        // Underflow reads as zero; overflow is no number at all.
+        if (text.find("e-") == std::string_view::npos) return false;
+        out = text[0] == '-' ? -0.0 : 0.0;
+        return true;
+    }
+    if (r.ec != std::errc() || r.ptr != text.data() + n) return false;
+    out = value;
+    return true;
+}
+
+double StrToFloat(std::string_view s, const TFormatSettings& fs) {
+    double v;
+    if (!TryStrToFloat(s, v, fs))
+        throw EConvertError("'" + std::string(s) + "' is not a valid floating point value");
+    return v;
+}
+
+namespace {
+
+std::string DecimalText(char32_t separator) {
+    return separator < 0x80 ? std::string(1, static_cast<char>(separator)) : Utf8Encode(separator);
+}
+
+std::string GeneralFloat(double value, const std::string& decimal) {
+    if (std::isnan(value)) return "NAN";
+    if (std::isinf(value)) return value < 0 ? "-INF" : "INF";
+    if (value == 0) return "0";
+    char buffer[40];
+    auto r = std::to_chars(buffer, buffer + sizeof buffer, value, std::chars_format::scientific, 14);
+    std::string_view text(buffer, static_cast<size_t>(r.ptr - buffer));
+    bool negative = text[0] == '-';
+    if (negative) text.remove_prefix(1);
+    size_t e = text.find('e');
+    std::string digits;
+    digits += text[0];
+    digits.append(text.substr(2, e - 2));
+    int exponent = 0;
+    std::from_chars(text.data() + e + (text[e + 1] == '+' ? 2 : 1), text.data() + text.size(), exponent);
+    while (digits.size() > 1 && digits.back() == '0') digits.pop_back();
+
+    std::string out = negative ? "-" : "";
+    if (exponent >= -5 && exponent < 15) {
+        if (exponent >= 0) {
+            size_t intDigits = static_cast<size_t>(exponent) + 1;
+            if (digits.size() <= intDigits) {
+                out += digits;
+                out.append(intDigits - digits.size(), '0');
+            } else {
+                out.append(digits, 0, intDigits);
+                out += decimal;
+                out.append(digits, intDigits, std::string::npos);
+            }
+        } else {
+            out += '0';
+            out += decimal;
+            out.append(static_cast<size_t>(-exponent - 1), '0');
+            out += digits;
+        }
+        return out;
+    }
+    out += digits[0];
+    if (digits.size() > 1) {
+        out += decimal;
+        out.append(digits, 1, std::string::npos);
+    }
+    out += 'E';
+    out += std::to_string(exponent);
+    return out;
+}
+
+} // namespace
+
+std::string FloatToStr(double value, const TFormatSettings& fs) {
+    return GeneralFloat(value, DecimalText(fs.DecimalSeparator ? fs.DecimalSeparator : U'.'));
+}
+
+std::string FloatToStrInvariant(double value) {
+    return GeneralFloat(value, ".");
+}
+
+std::string FloatToStrFixed(double value, int decimals, const TFormatSettings& fs) {
+    if (!std::isfinite(value)) return GeneralFloat(value, ".");
+    if (decimals < 0) decimals = 0;
+    if (decimals > 18) decimals = 18;
+    char buffer[400];
+    auto r = std::to_chars(buffer, buffer + sizeof buffer, value, std::chars_format::fixed, decimals);
+    std::string s(buffer, r.ptr);
+    size_t point = s.find('.');
+    if (point != std::string::npos && fs.DecimalSeparator != U'.')
+        s.replace(point, 1, DecimalText(fs.DecimalSeparator));
+    return s;
+}
+
+std::string BoolToStr(bool value) {
+    return value ? "True" : "False";
+}
+
+std::string SysErrorMessage(int errorCode) {
+    char buffer[256];
+    // The GNU strerror_r returns the text, which may or may not be the buffer.
+    const char* text = strerror_r(errorCode, buffer, sizeof buffer);
+    return text ? text : "Unknown error";
+}
+
+} // namespace kv

@@ -1,0 +1,59 @@
+#pragma once
+// Helpers shared by the test files.
+
+#include "platform/FormatSettings.h"
+
+#include <gtest/gtest.h>
+#include <string>
+
+namespace kv::test {
+
+/// Puts fixed regional settings in force for one test and restores the previous ones afterwards.
+class ScopedFormatSettings {
+public:
+    explicit ScopedFormatSettings(const TFormatSettings& fs) : saved_(DefaultFormatSettings) {
+        DefaultFormatSettings = fs;
+    }
+    ~ScopedFormatSettings() { DefaultFormatSettings = saved_; }
+
+private:
+    TFormatSettings saved_;
+};
+
+/// US-style settings: m/d/yyyy, "." decimals, "," grouping, 12-hour times.
+inline TFormatSettings UsSettings() {
+    TFormatSettings fs;
+    fs.ShortDateFormat = "m/d/yyyy";
+    fs.DateSeparator = U'/';
+    fs.LongTimeFormat = "h:nn:ss ampm";
+    fs.ShortTimeFormat = "h:nn ampm";
+    return fs;
+}
+
+/// German-style settings: dd.mm.yyyy, "," decimals, "." grouping, euro.
+inline TFormatSettings GermanSettings() {
+    TFormatSettings fs;
+    fs.ShortDateFormat = "dd.mm.yyyy";
+    fs.DateSeparator = U'.';
+    fs.DecimalSeparator = U',';
+    fs.ThousandSeparator = U'.';
+    fs.CurrencyString = "€";
+    return fs;
+}
+
+/// A fresh temporary directory, removed with its contents at the end of the test.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    const std::string& Path() const { return path_; }
+    std::string File(const std::string& name) const { return path_ + "/" + name; }
+
+private:
+    std::string path_;
+};
+
+/// Writes `bytes` to `path`.
+void WriteFile(const std::string& path, const std::string& bytes);
+
+} // namespace kv::test

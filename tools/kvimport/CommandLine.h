@@ -1,0 +1,40 @@
+#pragma once
+// A small option reader shared by the subcommands: "--name value", "--name=value", flags, and positionals.
+
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace kv::cli {
+
+/// A mistake in how the program was called; reported with exit status 2.
+class UsageError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+class ArgReader {
+public:
+    explicit ArgReader(std::vector<std::string> args) : args_(std::move(args)) {}
+
+    bool AtEnd() const { return pos_ >= args_.size(); }
+    /// True when the next argument is an option ("--x" or "-x" with a letter); "--" ends the options.
+    bool NextIsOption();
+    /// Takes the next option's name (without dashes); a "--name=value" keeps its value for TakeValue.
+    std::string TakeOption();
+    /// The value of the option just taken.
+    std::string TakeValue(const std::string& option);
+    std::string TakePositional() { return args_[pos_++]; }
+
+private:
+    std::vector<std::string> args_;
+    size_t pos_ = 0;
+    bool optionsEnded_ = false;
+    std::optional<std::string> inlineValue_;
+};
+
+/// Exit statuses of the program.
+enum ExitCode { ExitOk = 0, ExitFailed = 1, ExitUsage = 2, ExitCanceled = 3 };
+
+} // namespace kv::cli
