@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 #include <string>
+#include <vector>
 
 namespace kv::test {
 
@@ -55,5 +56,16 @@ private:
 
 /// Writes `bytes` to `path`.
 void WriteFile(const std::string& path, const std::string& bytes);
+std::string ReadFile(const std::string& path);
+
+/// What a run of the command-line program gave.
+struct CliResult {
+    int Status = -1;
+    std::string Out, Err;
+};
+
+/// Runs the kvimport program with `args` (no shell involved), `input` on its standard input and the
+/// environment's locale set to "C".
+CliResult RunCli(const std::vector<std::string>& args, const std::string& input = {});
 
 } // namespace kv::test

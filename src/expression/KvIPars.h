@@ -67,6 +67,8 @@ using TOnEvaluate =
 constexpr int KvIMaxHostArguments = 11;
 /// Nesting beyond this ends in an error instead of exhausting the stack.
 constexpr int KvIMaxNestingDepth = 1000;
+/// One computation of an expression ends in an error after this many nodes.
+constexpr int64_t KvIMaxEvaluationSteps = 1'000'000;
 
 class TExpEvalContext;
 

@@ -1,6 +1,7 @@
 #include "expression/KvIParsInternal.h"
 
 #include "platform/Exceptions.h"
+#include "platform/Format.h"
 #include "platform/SysUtils.h"
 #include "platform/Utf8.h"
 
@@ -11,6 +12,9 @@
 namespace kv::expr {
 
 namespace {
+
+// Beyond any field a table holds; guards against an allocation of gigabytes.
+constexpr int KvIMaxPadLength = 1 << 24;
 
 enum Builtin {
     bGetDate,
@@ -135,6 +139,8 @@ double Logarithm(double x) {
 }
 
 std::string Pad(const std::string& text, int length, const Variant* padArgument, bool left) {
+    if (length > KvIMaxPadLength)
+        throw Exception(Format("Calculate error: padding to %d characters.", length));
     std::string cut = Utf8Copy(text, 1, length);
     const int64_t missing = static_cast<int64_t>(length) - static_cast<int64_t>(Utf8Length(cut));
     if (missing <= 0) return cut;

@@ -32,11 +32,6 @@ void RemoveAll(std::string& s, std::string_view what) {
 } // namespace
 
 bool StringIsNumeric(std::string_view s) {
-    if (s.size() == 1) { // the tokenizer asks this for every character
-        char c = s[0];
-        char32_t decimal = DefaultFormatSettings.DecimalSeparator;
-        return (c >= '0' && c <= '9') || c == '.' || (decimal < 0x80 && c == static_cast<char>(decimal));
-    }
     double ignored;
     return expr::TryParseInvariantFloat(WithInvariantDecimal(s), ignored);
 }

@@ -40,6 +40,8 @@ TTokenType Classify(char c) {
     default:
         break;
     }
+    // A digit is numeric; so is the decimal separator (and "."), which alone reads as no number but must
+    // not split "3.14" into pieces.
     if ((c >= '0' && c <= '9') || c == '.') return ttNumeric;
     char32_t decimal = DefaultFormatSettings.DecimalSeparator;
     if (decimal < 0x80 && c == static_cast<char>(decimal)) return ttNumeric;

@@ -22,6 +22,13 @@ int& EvaluationDepth() {
     return depth;
 }
 
+// Nodes computed since the outermost computation began; user functions that call themselves twice can
+// otherwise take exponential time within the nesting limit.
+int64_t& EvaluationSteps() {
+    thread_local int64_t steps = 0;
+    return steps;
+}
+
 double Factorial(double n) {
     double result = n;
     for (double k = n - 1; k > 1 && std::isfinite(result); --k) result *= k;
@@ -199,6 +206,9 @@ std::unique_ptr<TExpNode> BuildExpressionTree(const std::string& text) {
 // ---- computing ----
 
 void TExpEvalContext::Enter() {
+    if (EvaluationDepth() == 0) EvaluationSteps() = 0;
+    if (++EvaluationSteps() > KvIMaxEvaluationSteps)
+        throw Exception("Calculate error: expression too complex.");
     if (++EvaluationDepth() > KvIMaxNestingDepth) {
         --EvaluationDepth();
         throw Exception("Calculate error: expression nested too deeply.");

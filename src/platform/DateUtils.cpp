@@ -50,14 +50,16 @@ bool SplitDateTime(TDateTime value, int64_t& days, int64_t& msecs) {
     return true;
 }
 
-std::string Pad2(int v) {
-    std::string s = std::to_string(v);
-    return s.size() < 2 ? "0" + s : s;
+std::string PadN(int v, size_t n) {
+    std::string digits = std::to_string(v);
+    std::string s;
+    if (digits.size() < n) s.assign(n - digits.size(), '0');
+    s += digits;
+    return s;
 }
 
-std::string PadN(int v, size_t n) {
-    std::string s = std::to_string(v);
-    return s.size() < n ? std::string(n - s.size(), '0') + s : s;
+std::string Pad2(int v) {
+    return PadN(v, 2);
 }
 
 } // namespace
@@ -586,7 +588,10 @@ std::string DateToISO8601(TDateTime value) {
 std::string TimeToISO8601(TDateTime value) {
     TDateTimeParts p = DecodeDateTime(value);
     std::string s = Pad2(p.Hour) + ":" + Pad2(p.Minute) + ":" + Pad2(p.Second);
-    if (p.MSec) s += "." + PadN(p.MSec, 3);
+    if (p.MSec) {
+        s += '.';
+        s += PadN(p.MSec, 3);
+    }
     return s;
 }
 

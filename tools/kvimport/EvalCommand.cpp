@@ -118,7 +118,7 @@ int RunEval(const std::vector<std::string>& args) {
         if (typed) std::cout << KindName(value.VarType()) << ':';
         std::cout << ValueText(value) << '\n';
     } catch (const kv::Exception& e) {
-        std::cerr << e.what() << '\n';
+        std::cerr << e.Message() << '\n';
         return ExitFailed;
     }
     return ExitOk;

@@ -2,11 +2,24 @@
 
 #include "CommandLine.h"
 #include "EvalCommand.h"
+#include "platform/Exceptions.h"
 #include "platform/FormatSettings.h"
 
 #include <iostream>
 
 namespace {
+
+using namespace kv::cli;
+
+struct Command {
+    const char* name;
+    int (*run)(const std::vector<std::string>&);
+    const char* usage;
+};
+
+const Command kCommands[] = {
+    {"eval", RunEval, EvalUsage},
+};
 
 const char* const kUsage = "Usage: kvimport COMMAND [options]\n"
                            "\n"
@@ -18,37 +31,39 @@ const char* const kUsage = "Usage: kvimport COMMAND [options]\n"
 } // namespace
 
 int main(int argc, char** argv) {
-    using namespace kv::cli;
-    // The regional settings are read from the environment's locale without switching the process locale,
-    // so that number formatting inside the library never depends on it.
-    try {
-        kv::DefaultFormatSettings = kv::GetLocaleFormatSettings();
-    } catch (const std::exception&) {
-        // An unusable locale leaves the invariant settings in force.
-    }
+    // Numbers and dates print by the environment's locale; the process locale itself stays "C", so that
+    // nothing inside the library formats by it behind the regional settings' back.
+    kv::DefaultFormatSettings = kv::GetLocaleFormatSettings("");
 
     if (argc < 2) {
         std::cerr << kUsage;
         return ExitUsage;
     }
-    std::string command = argv[1];
-    std::vector<std::string> args(argv + 2, argv + argc);
-    try {
-        if (command == "--help" || command == "-h" || command == "help") {
-            std::cout << kUsage;
-            return ExitOk;
-        }
-        if (command == "--version") {
-            std::cout << "kvimport 0.1.0\n";
-            return ExitOk;
-        }
-        if (command == "eval") return RunEval(args);
-        throw UsageError("unknown command '" + command + "'");
-    } catch (const UsageError& e) {
-        std::cerr << "kvimport: " << e.what() << "\n\n" << kUsage;
-        return ExitUsage;
-    } catch (const std::exception& e) {
-        std::cerr << e.what() << '\n';
-        return ExitFailed;
+    const std::string name = argv[1];
+    const std::vector<std::string> args(argv + 2, argv + argc);
+    if (name == "--help" || name == "-h" || name == "help") {
+        std::cout << kUsage;
+        return ExitOk;
     }
+    if (name == "--version") {
+        std::cout << "kvimport 0.1.0\n";
+        return ExitOk;
+    }
+    for (const Command& command : kCommands) {
+        if (name != command.name) continue;
+        try {
+            return command.run(args);
+        } catch (const UsageError& e) {
+            std::cerr << "kvimport " << name << ": " << e.what() << "\n\n" << command.usage;
+            return ExitUsage;
+        } catch (const kv::Exception& e) {
+            std::cerr << e.Message() << '\n';
+            return ExitFailed;
+        } catch (const std::exception& e) {
+            std::cerr << "kvimport: " << e.what() << '\n';
+            return ExitFailed;
+        }
+    }
+    std::cerr << "kvimport: unknown command '" << name << "'\n\n" << kUsage;
+    return ExitUsage;
 }
