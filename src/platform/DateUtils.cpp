@@ -580,23 +580,53 @@ TDateTime StrToDateTime(std::string_view s, const TFormatSettings& fs) {
     return v;
 }
 
+namespace {
+
+// Digits written straight into a buffer: ISO texts are made for every date a database receives.
+char* PutDigits(char* p, int value, int width) {
+    for (int i = width - 1; i >= 0; --i, value /= 10) p[i] = static_cast<char>('0' + value % 10);
+    return p + width;
+}
+
+char* PutDate(char* p, const TDateTimeParts& d) {
+    p = PutDigits(p, d.Year, 4);
+    *p++ = '-';
+    p = PutDigits(p, d.Month, 2);
+    *p++ = '-';
+    return PutDigits(p, d.Day, 2);
+}
+
+char* PutTime(char* p, const TDateTimeParts& d) {
+    p = PutDigits(p, d.Hour, 2);
+    *p++ = ':';
+    p = PutDigits(p, d.Minute, 2);
+    *p++ = ':';
+    p = PutDigits(p, d.Second, 2);
+    if (d.MSec) {
+        *p++ = '.';
+        p = PutDigits(p, d.MSec, 3);
+    }
+    return p;
+}
+
+} // namespace
+
 std::string DateToISO8601(TDateTime value) {
-    TDateTimeParts p = DecodeDateTime(value);
-    return PadN(p.Year, 4) + "-" + Pad2(p.Month) + "-" + Pad2(p.Day);
+    char buffer[16];
+    return std::string(buffer, PutDate(buffer, DecodeDateTime(value)));
 }
 
 std::string TimeToISO8601(TDateTime value) {
-    TDateTimeParts p = DecodeDateTime(value);
-    std::string s = Pad2(p.Hour) + ":" + Pad2(p.Minute) + ":" + Pad2(p.Second);
-    if (p.MSec) {
-        s += '.';
-        s += PadN(p.MSec, 3);
-    }
-    return s;
+    char buffer[16];
+    return std::string(buffer, PutTime(buffer, DecodeDateTime(value)));
 }
 
 std::string DateTimeToISO8601(TDateTime value) {
-    return DateToISO8601(value) + " " + TimeToISO8601(value);
+    const TDateTimeParts d = DecodeDateTime(value);
+    char buffer[32];
+    char* p = PutDate(buffer, d);
+    *p++ = ' ';
+    return std::string(buffer, PutTime(p, d));
 }
 
 } // namespace kv

@@ -66,25 +66,25 @@ const CodePageTable& Table(TCodePage cp) {
 TTextEncoding DetectTextEncoding(std::string_view bytes) {
     if (bytes.size() >= 2 && static_cast<unsigned char>(bytes[0]) == 0xFF &&
         static_cast<unsigned char>(bytes[1]) == 0xFE)
-        return teUtf16LE;
+        return encUtf16LE;
     if (bytes.size() >= 2 && static_cast<unsigned char>(bytes[0]) == 0xFE &&
         static_cast<unsigned char>(bytes[1]) == 0xFF)
-        return teUtf16BE;
-    if (bytes.size() >= 3 && bytes.substr(0, 3) == "\xEF\xBB\xBF") return teUtf8Bom;
-    return IsValidUtf8(bytes) ? teUtf8 : teAnsi;
+        return encUtf16BE;
+    if (bytes.size() >= 3 && bytes.substr(0, 3) == "\xEF\xBB\xBF") return encUtf8Bom;
+    return IsValidUtf8(bytes) ? encUtf8 : encAnsi;
 }
 
 std::string DecodeText(std::string_view bytes) {
     switch (DetectTextEncoding(bytes)) {
-    case teUtf16LE:
+    case encUtf16LE:
         return Utf16ToUtf8(bytes.substr(2), false);
-    case teUtf16BE:
+    case encUtf16BE:
         return Utf16ToUtf8(bytes.substr(2), true);
-    case teUtf8Bom:
+    case encUtf8Bom:
         return std::string(bytes.substr(3));
-    case teUtf8:
+    case encUtf8:
         return std::string(bytes);
-    case teAnsi:
+    case encAnsi:
         break;
     }
     return CodePageToUtf8(bytes, cpWindows1252);

@@ -16,7 +16,7 @@ enum TCodePage : uint8_t {
 };
 
 /// How a text file's bytes were found to be encoded.
-enum TTextEncoding : uint8_t { teUtf8, teUtf8Bom, teUtf16LE, teUtf16BE, teAnsi };
+enum TTextEncoding : uint8_t { encUtf8, encUtf8Bom, encUtf16LE, encUtf16BE, encAnsi };
 
 /// Looks at the first bytes (and, for 8-bit text, at the whole sample): a UTF-16 BOM selects UTF-16, a
 /// UTF-8 BOM or valid UTF-8 is UTF-8, anything else is Windows-1252.

@@ -190,11 +190,11 @@ TEST(Encoding, CodePagesAndDetection) {
 
     EXPECT_EQ(DetectTextEncoding("\xFF\xFE"
                                  "a\0"),
-              teUtf16LE);
-    EXPECT_EQ(DetectTextEncoding("\xFE\xFF"), teUtf16BE);
-    EXPECT_EQ(DetectTextEncoding("\xEF\xBB\xBFx"), teUtf8Bom);
-    EXPECT_EQ(DetectTextEncoding("caf\xC3\xA9"), teUtf8);
-    EXPECT_EQ(DetectTextEncoding("caf\xE9"), teAnsi);
+              encUtf16LE);
+    EXPECT_EQ(DetectTextEncoding("\xFE\xFF"), encUtf16BE);
+    EXPECT_EQ(DetectTextEncoding("\xEF\xBB\xBFx"), encUtf8Bom);
+    EXPECT_EQ(DetectTextEncoding("caf\xC3\xA9"), encUtf8);
+    EXPECT_EQ(DetectTextEncoding("caf\xE9"), encAnsi);
     EXPECT_EQ(DecodeText("caf\xE9"), "caf\xC3\xA9");
     EXPECT_EQ(DecodeText("\xEF\xBB\xBF"
                          "abc"),

@@ -1,0 +1,881 @@
+#include "datasets/KvSQLiteDataSet.h"
+
+#include "platform/DateUtils.h"
+#include "platform/SysUtils.h"
+#include "platform/Utf8.h"
+
+#include <algorithm>
+#include <climits>
+#include <sqlite3.h>
+
+namespace kv {
+
+void TSQLiteStatementFinalizer::operator()(sqlite3_stmt* statement) const {
+    sqlite3_finalize(statement);
+}
+
+namespace {
+
+// Resets a statement when leaving a scope, so that no statement stays pending between calls.
+class TResetGuard {
+public:
+    explicit TResetGuard(sqlite3_stmt* statement) : statement_(statement) {}
+    ~TResetGuard() { sqlite3_reset(statement_); }
+    TResetGuard(const TResetGuard&) = delete;
+    TResetGuard& operator=(const TResetGuard&) = delete;
+
+private:
+    sqlite3_stmt* statement_;
+};
+
+// ---- declared column types ----
+
+struct TDeclaredType {
+    TFieldType Type = ftString;
+    int Size = 0;
+    int Precision = 0;
+};
+
+// Type names by meaning, "|" between names; names not listed fall back on SQLite's affinity rules.
+const struct {
+    TFieldType Type;
+    std::string_view Names;
+} KnownTypeNames[] = {
+    {ftInteger, "INT|INTEGER|MEDIUMINT|INT4|INT32"},
+    {ftLargeint, "BIGINT|BIG INT|INT8|INT64"},
+    {ftSmallint, "SMALLINT|TINYINT|INT2|INT1|INT16"},
+    {ftBoolean, "BOOL|BOOLEAN|BIT|LOGICAL"},
+    // SQLite gives "FLOATING POINT" INTEGER affinity ("POINT" holds "INT"); its meaning is a float.
+    {ftFloat, "REAL|DOUBLE|DOUBLE PRECISION|FLOAT|FLOAT4|FLOAT8|FLOATING POINT"},
+    {ftBCD, "NUMERIC|DECIMAL|DEC|NUMBER"},
+    {ftCurrency, "MONEY|SMALLMONEY|CURRENCY"},
+    {ftDate, "DATE"},
+    {ftTime, "TIME"},
+    {ftDateTime, "DATETIME|DATETIME2|SMALLDATETIME|TIMESTAMP|TIMESTAMPTZ"},
+    {ftString, "CHAR|CHARACTER|VARCHAR|VARCHAR2|NCHAR|NVARCHAR|NVARCHAR2|CHARACTER VARYING|VARYING CHARACTER|"
+               "NATIVE CHARACTER|TEXT|NTEXT|TINYTEXT|MEDIUMTEXT|LONGTEXT|CLOB|STRING"},
+    {ftBlob, "BLOB|BINARY|VARBINARY|BYTEA|TINYBLOB|MEDIUMBLOB|LONGBLOB|IMAGE"},
+};
+
+bool LookUpTypeName(std::string_view name, TFieldType& type) {
+    if (name.empty()) return false;
+    for (const auto& known : KnownTypeNames) {
+        for (size_t start = 0; start < known.Names.size();) {
+            size_t end = known.Names.find('|', start);
+            if (end == std::string_view::npos) end = known.Names.size();
+            if (known.Names.substr(start, end - start) == name) {
+                type = known.Type;
+                return true;
+            }
+            start = end + 1;
+        }
+    }
+    return false;
+}
+
+TDeclaredType MapDeclaredType(std::string_view declared) {
+    TDeclaredType result;
+    std::string text = UpperCase(Trim(declared));
+    std::vector<int> args;
+    const size_t paren = text.find('(');
+    if (paren != std::string::npos) {
+        const size_t close = text.find(')', paren);
+        std::string_view inside = std::string_view(text).substr(
+            paren + 1, close == std::string::npos ? std::string::npos : close - paren - 1);
+        size_t start = 0;
+        while (start <= inside.size()) {
+            size_t comma = inside.find(',', start);
+            if (comma == std::string_view::npos) comma = inside.size();
+            int value = 0;
+            args.push_back(TryStrToInt(Trim(inside.substr(start, comma - start)), value) ? value : 0);
+            start = comma + 1;
+        }
+        text.erase(paren);
+    }
+    // Words separated by single blanks, "UNSIGNED" and "ZEROFILL" set aside.
+    std::string base;
+    bool isUnsigned = false;
+    size_t pos = 0;
+    while (pos < text.size()) {
+        while (pos < text.size() && text[pos] <= ' ') ++pos;
+        size_t end = pos;
+        while (end < text.size() && text[end] > ' ') ++end;
+        const std::string_view word = std::string_view(text).substr(pos, end - pos);
+        if (word == "UNSIGNED")
+            isUnsigned = true;
+        else if (!word.empty() && word != "ZEROFILL")
+            base += (base.empty() ? "" : " ") + std::string(word);
+        pos = end;
+    }
+    if (base.empty() && !isUnsigned) {
+        // No declared type: values keep the kind they come with, as SQLite stores them.
+        result.Type = ftVariant;
+        return result;
+    }
+
+    TFieldType type = ftString;
+    const auto has = [&base](const char* part) { return base.find(part) != std::string::npos; };
+    if (!LookUpTypeName(base, type) && !LookUpTypeName(base.substr(0, base.find(' ')), type)) {
+        // SQLite's affinity rules, in its order, then the remaining kinds by name.
+        if (has("INT") || base.empty())
+            type = ftInteger;
+        else if (has("CHAR") || has("CLOB") || has("TEXT"))
+            type = ftString;
+        else if (has("BLOB"))
+            type = ftBlob;
+        else if (has("REAL") || has("FLOA") || has("DOUB"))
+            type = ftFloat;
+        else if (has("BOOL"))
+            type = ftBoolean;
+        else if (has("DATETIME") || has("TIMESTAMP"))
+            type = ftDateTime;
+        else if (has("DATE"))
+            type = ftDate;
+        else if (has("TIME"))
+            type = ftTime;
+        else if (has("DEC") || has("NUMERIC"))
+            type = ftBCD;
+        else if (has("MONEY") || has("CURRENCY"))
+            type = ftCurrency;
+        else
+            type = ftString; // a name we cannot read: keep whatever SQLite stores
+    }
+    if (isUnsigned) {
+        if (type == ftInteger)
+            type = ftLargeint;
+        else if (type == ftSmallint && !has("TINY"))
+            type = ftWord;
+    }
+    result.Type = type;
+    if (type == ftString && !args.empty()) result.Size = std::max(args[0], 0);
+    if (type == ftBCD) {
+        if (!args.empty()) result.Size = std::max(args[0], 0);
+        if (args.size() > 1) result.Precision = std::max(args[1], 0);
+    }
+    return result;
+}
+
+// ---- ISO-8601 text of dates and times ----
+
+bool ReadDigits(std::string_view s, size_t pos, size_t count, int& out) {
+    if (pos + count > s.size()) return false;
+    out = 0;
+    for (size_t i = pos; i < pos + count; ++i) {
+        if (s[i] < '0' || s[i] > '9') return false;
+        out = out * 10 + (s[i] - '0');
+    }
+    return true;
+}
+
+// "hh:nn[:ss[.fff...]]" with an optional "Z"; digits past milliseconds are ignored.
+bool ParseISOTime(std::string_view s, TDateTime& out) {
+    int hour, minute, second = 0, msec = 0;
+    if (!ReadDigits(s, 0, 2, hour) || s.size() < 5 || s[2] != ':' || !ReadDigits(s, 3, 2, minute))
+        return false;
+    size_t pos = 5;
+    if (pos < s.size() && s[pos] == ':') {
+        if (!ReadDigits(s, pos + 1, 2, second)) return false;
+        pos += 3;
+        if (pos < s.size() && s[pos] == '.') {
+            const size_t start = ++pos;
+            int scale = 100;
+            for (; pos < s.size() && s[pos] >= '0' && s[pos] <= '9'; ++pos) {
+                msec += (s[pos] - '0') * scale;
+                scale /= 10;
+            }
+            if (pos == start) return false;
+        }
+    }
+    if (pos < s.size() && s[pos] == 'Z') ++pos;
+    return pos == s.size() && TryEncodeTime(hour, minute, second, msec, out);
+}
+
+// "yyyy-mm-dd", "yyyy-mm-dd hh:nn[:ss[.zzz]]" (or with "T"), or a time alone.
+bool ParseISODateTime(std::string_view s, TDateTime& out) {
+    int year, month, day;
+    if (s.size() >= 10 && ReadDigits(s, 0, 4, year) && s[4] == '-' && ReadDigits(s, 5, 2, month) &&
+        s[7] == '-' && ReadDigits(s, 8, 2, day)) {
+        TDateTime date, time = 0;
+        if (!TryEncodeDate(year, month, day, date)) return false;
+        if (s.size() > 10 && ((s[10] != ' ' && s[10] != 'T') || !ParseISOTime(s.substr(11), time)))
+            return false;
+        out = date >= 0 ? date + time : date - time;
+        return true;
+    }
+    return ParseISOTime(s, out);
+}
+
+bool IsDateTimeType(TFieldType type) {
+    return type == ftDate || type == ftTime || type == ftDateTime;
+}
+
+Variant ColumnValue(sqlite3_stmt* statement, int column, TFieldType type) {
+    switch (sqlite3_column_type(statement, column)) {
+    case SQLITE_INTEGER: {
+        const int64_t value = sqlite3_column_int64(statement, column);
+        return type == ftBoolean ? Variant(value != 0) : Variant::FromInt(value);
+    }
+    case SQLITE_FLOAT:
+        return Variant(sqlite3_column_double(statement, column));
+    case SQLITE_TEXT: {
+        const char* p = reinterpret_cast<const char*>(sqlite3_column_text(statement, column));
+        const std::string_view text(p ? p : "", static_cast<size_t>(sqlite3_column_bytes(statement, column)));
+        if (IsDateTimeType(type)) {
+            TDateTime value;
+            if (ParseISODateTime(text, value)) return Variant::FromDateTime(value);
+        } else if (type == ftBoolean) {
+            if (SameText(text, "true")) return Variant(true);
+            if (SameText(text, "false")) return Variant(false);
+        }
+        return Variant(text);
+    }
+    case SQLITE_BLOB: {
+        const char* p = static_cast<const char*>(sqlite3_column_blob(statement, column));
+        const size_t size = static_cast<size_t>(sqlite3_column_bytes(statement, column));
+        return Variant::FromBytes(p ? std::string(p, size) : std::string());
+    }
+    default:
+        return Variant::Null();
+    }
+}
+
+} // namespace
+
+// ---- TKvSQLiteDatabase ----
+
+TKvSQLiteDatabase::TKvSQLiteDatabase(TComponent* owner) : TComponent(owner) {}
+
+TKvSQLiteDatabase::~TKvSQLiteDatabase() {
+    Close();
+    for (TKvSQLiteDataSet* dataSet : dataSets_) dataSet->db_ = nullptr;
+}
+
+void TKvSQLiteDatabase::Open(const std::string& fileName) {
+    Close();
+    sqlite3* db = nullptr;
+    // One connection is used by one thread at a time: SQLite's own locking would only cost time.
+    int rc = sqlite3_open_v2(fileName.c_str(), &db,
+                             SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
+    if (rc == SQLITE_OK) {
+        sqlite3_extended_result_codes(db, 1);
+        sqlite3_busy_timeout(db, busyTimeout_);
+        // SQLite reads the file lazily; reading the schema now makes a file that is not a database fail here.
+        rc = sqlite3_exec(db, "SELECT count(*) FROM sqlite_master", nullptr, nullptr, nullptr);
+    }
+    if (rc != SQLITE_OK) {
+        const std::string message = db ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
+        sqlite3_close(db);
+        throw EDatabaseError("Cannot open database \"" + fileName + "\": " + message);
+    }
+    db_ = db;
+    fileName_ = fileName;
+}
+
+void TKvSQLiteDatabase::Close() {
+    if (!db_) return;
+    for (TKvSQLiteDataSet* dataSet : dataSets_) dataSet->Close();
+    sqlite3_close_v2(db_); // rolls back an open transaction
+    db_ = nullptr;
+}
+
+void TKvSQLiteDatabase::SetBusyTimeout(int milliseconds) {
+    busyTimeout_ = std::max(milliseconds, 0);
+    if (db_) sqlite3_busy_timeout(db_, busyTimeout_);
+}
+
+void TKvSQLiteDatabase::CheckConnected() const {
+    if (!db_) throw EDatabaseError("The database is not open");
+}
+
+void TKvSQLiteDatabase::RaiseError() const {
+    throw EDatabaseError(db_ ? sqlite3_errmsg(db_) : "The database is not open");
+}
+
+void TKvSQLiteDatabase::Execute(const std::string& sql) {
+    CheckConnected();
+    char* error = nullptr;
+    if (sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, &error) != SQLITE_OK) {
+        const std::string message = error ? error : sqlite3_errmsg(db_);
+        sqlite3_free(error);
+        throw EDatabaseError(message);
+    }
+}
+
+TSQLiteStatement TKvSQLiteDatabase::Prepare(const std::string& sql, bool persistent) {
+    CheckConnected();
+    sqlite3_stmt* statement = nullptr;
+    if (sqlite3_prepare_v3(db_, sql.data(), static_cast<int>(sql.size()),
+                           persistent ? SQLITE_PREPARE_PERSISTENT : 0, &statement, nullptr) != SQLITE_OK)
+        RaiseError();
+    if (!statement) throw EDatabaseError("No SQL statement to prepare");
+    return TSQLiteStatement(statement);
+}
+
+void TKvSQLiteDatabase::StartTransaction() {
+    Execute("BEGIN IMMEDIATE");
+}
+
+void TKvSQLiteDatabase::Commit() {
+    Execute("COMMIT");
+}
+
+void TKvSQLiteDatabase::Rollback() {
+    // Some errors end the transaction inside SQLite already; rolling back then has nothing left to do.
+    if (InTransaction()) Execute("ROLLBACK");
+}
+
+bool TKvSQLiteDatabase::InTransaction() const {
+    return db_ && !sqlite3_get_autocommit(db_);
+}
+
+bool TKvSQLiteDatabase::TableExists(const std::string& name) {
+    TSQLiteStatement statement = Prepare("SELECT 1 FROM pragma_table_list(?1)");
+    sqlite3_bind_text64(statement.get(), 1, name.data(), name.size(), SQLITE_STATIC, SQLITE_UTF8);
+    const int rc = sqlite3_step(statement.get());
+    if (rc != SQLITE_ROW && rc != SQLITE_DONE) RaiseError();
+    return rc == SQLITE_ROW;
+}
+
+std::string TKvSQLiteDatabase::QuoteIdentifier(std::string_view name) {
+    std::string quoted = "\"";
+    for (char c : name) {
+        quoted += c;
+        if (c == '"') quoted += '"';
+    }
+    return quoted + '"';
+}
+
+// ---- TKvSQLiteDataSet ----
+
+TKvSQLiteDataSet::TKvSQLiteDataSet(TComponent* owner) : TDataSet(owner) {}
+
+TKvSQLiteDataSet::~TKvSQLiteDataSet() {
+    Close();
+    SetDatabase(nullptr);
+}
+
+void TKvSQLiteDataSet::SetDatabase(TKvSQLiteDatabase* database) {
+    if (database == db_) return;
+    if (Active()) throw EDatabaseError("Cannot perform this operation on an open dataset");
+    if (db_) std::erase(db_->dataSets_, this);
+    db_ = database;
+    if (db_) db_->dataSets_.push_back(this);
+}
+
+void TKvSQLiteDataSet::SetTableName(const std::string& name) {
+    if (name == tableName_) return;
+    if (Active()) throw EDatabaseError("Cannot perform this operation on an open dataset");
+    tableName_ = name;
+}
+
+void TKvSQLiteDataSet::SetFetchSize(int rows) {
+    fetchSize_ = std::max(rows, 1);
+}
+
+void TKvSQLiteDataSet::CheckDatabase() const {
+    if (!db_) throw EDatabaseError("No database assigned");
+    db_->CheckConnected();
+    if (tableName_.empty()) throw EDatabaseError("The table name is missing");
+}
+
+void TKvSQLiteDataSet::CheckWritable() const {
+    if (!hasRowid_)
+        throw EDatabaseError("Cannot modify a read-only dataset: '" + tableName_ +
+                             "' is a view or a table without rowid");
+}
+
+TKvSQLiteDataSet::TTableInfo TKvSQLiteDataSet::ReadTableInfo() const {
+    CheckDatabase();
+    TTableInfo info;
+    const auto bindName = [this](sqlite3_stmt* statement) {
+        sqlite3_bind_text64(statement, 1, tableName_.data(), tableName_.size(), SQLITE_STATIC, SQLITE_UTF8);
+    };
+
+    TSQLiteStatement list = db_->Prepare("SELECT type, wr FROM pragma_table_list(?1)");
+    bindName(list.get());
+    int rc = sqlite3_step(list.get());
+    if (rc == SQLITE_DONE) throw EDatabaseError("Table '" + tableName_ + "' does not exist");
+    if (rc != SQLITE_ROW) db_->RaiseError();
+    const bool isView =
+        std::string_view(reinterpret_cast<const char*>(sqlite3_column_text(list.get(), 0))) == "view";
+    info.HasRowid = !isView && sqlite3_column_int(list.get(), 1) == 0;
+
+    TSQLiteStatement xinfo = db_->Prepare("SELECT name, type, \"notnull\", dflt_value, pk, hidden "
+                                          "FROM pragma_table_xinfo(?1) ORDER BY cid");
+    bindName(xinfo.get());
+    int keyColumns = 0;
+    std::vector<std::string> declaredTypes;
+    while ((rc = sqlite3_step(xinfo.get())) == SQLITE_ROW) {
+        const int hidden = sqlite3_column_int(xinfo.get(), 5);
+        if (hidden == 1) continue; // a virtual table's hidden column
+        const auto text = [&](int column) {
+            const unsigned char* p = sqlite3_column_text(xinfo.get(), column);
+            return p ? std::string(reinterpret_cast<const char*>(p)) : std::string();
+        };
+        TColumn column;
+        column.Def.Name = text(0);
+        const std::string declared = text(1);
+        const TDeclaredType mapped = MapDeclaredType(declared);
+        column.Def.DataType = mapped.Type;
+        column.Def.Size = mapped.Size;
+        column.Def.Precision = mapped.Precision;
+        column.Untyped = Trim(declared).empty();
+        column.Generated = hidden == 2 || hidden == 3;
+        column.KeyPosition = sqlite3_column_int(xinfo.get(), 4);
+        column.Def.Required = sqlite3_column_int(xinfo.get(), 2) != 0 &&
+                              sqlite3_column_type(xinfo.get(), 3) == SQLITE_NULL && !column.Generated;
+        if (column.KeyPosition > 0) ++keyColumns;
+        declaredTypes.push_back(UpperCase(Trim(declared)));
+        info.Columns.push_back(std::move(column));
+    }
+    if (rc != SQLITE_DONE) db_->RaiseError();
+
+    // A single-column key declared exactly INTEGER names the rowid, unless SQLite built an index for it
+    // (as it does for "INTEGER PRIMARY KEY DESC"), which means it is an ordinary column.
+    int aliasColumn = -1;
+    if (info.HasRowid && keyColumns == 1) {
+        for (size_t i = 0; i < info.Columns.size(); ++i)
+            if (info.Columns[i].KeyPosition == 1 && declaredTypes[i] == "INTEGER")
+                aliasColumn = static_cast<int>(i);
+        if (aliasColumn >= 0) {
+            TSQLiteStatement indexes =
+                db_->Prepare("SELECT count(*) FROM pragma_index_list(?1) WHERE origin = 'pk'");
+            bindName(indexes.get());
+            if (sqlite3_step(indexes.get()) != SQLITE_ROW) db_->RaiseError();
+            if (sqlite3_column_int(indexes.get(), 0) > 0) aliasColumn = -1;
+        }
+    }
+    if (aliasColumn >= 0) {
+        TColumn& alias = info.Columns[static_cast<size_t>(aliasColumn)];
+        alias.Def.DataType = ftAutoInc;
+        alias.Def.Required = false; // SQLite numbers a row whose key is left Null
+    }
+
+    // Columns may take the rowid's names; the rowid is then reached through another of them.
+    if (info.HasRowid) {
+        for (const char* name : {"rowid", "_rowid_", "oid"}) {
+            const bool taken = std::any_of(info.Columns.begin(), info.Columns.end(),
+                                           [name](const TColumn& c) { return SameText(c.Def.Name, name); });
+            if (!taken) {
+                info.RowidName = name;
+                break;
+            }
+        }
+        if (info.RowidName.empty() && aliasColumn >= 0)
+            info.RowidName =
+                TKvSQLiteDatabase::QuoteIdentifier(info.Columns[static_cast<size_t>(aliasColumn)].Def.Name);
+        if (info.RowidName.empty()) info.HasRowid = false;
+    }
+    if (info.HasRowid) {
+        // Virtual tables say they are tables but need not have a rowid.
+        sqlite3_stmt* probe = nullptr;
+        const std::string sql = "SELECT " + info.RowidName + " FROM " + QuotedTable() + " LIMIT 0";
+        if (sqlite3_prepare_v2(db_->Handle(), sql.c_str(), -1, &probe, nullptr) != SQLITE_OK)
+            info.HasRowid = false;
+        sqlite3_finalize(probe);
+    }
+    for (TColumn& column : info.Columns)
+        if (column.Generated || !info.HasRowid) column.Def.ReadOnly = true;
+    return info;
+}
+
+std::optional<std::string> TKvSQLiteDataSet::PublishedProperty(const std::string& name) const {
+    if (SameText(name, "TableName")) return tableName_;
+    if (!SameText(name, "IndexFieldName")) return std::nullopt;
+    std::vector<TColumn> read;
+    const std::vector<TColumn>* columns = &columns_;
+    if (!Active()) {
+        try {
+            read = ReadTableInfo().Columns;
+        } catch (const EDatabaseError&) {
+            return std::nullopt;
+        }
+        columns = &read;
+    }
+    std::vector<const TColumn*> key;
+    for (const TColumn& column : *columns)
+        if (column.KeyPosition > 0) key.push_back(&column);
+    if (key.empty()) return std::nullopt;
+    std::sort(key.begin(), key.end(),
+              [](const TColumn* a, const TColumn* b) { return a->KeyPosition < b->KeyPosition; });
+    std::string names;
+    for (const TColumn* column : key) names += (names.empty() ? "" : ";") + column->Def.Name;
+    return names;
+}
+
+std::string TKvSQLiteDataSet::ColumnList(const std::vector<bool>* only) const {
+    std::string list;
+    for (size_t i = 0; i < columns_.size(); ++i) {
+        if (only && !(*only)[i]) continue;
+        if (!list.empty()) list += ", ";
+        list += TKvSQLiteDatabase::QuoteIdentifier(columns_[i].Def.Name);
+    }
+    return list;
+}
+
+sqlite3_stmt* TKvSQLiteDataSet::FindStatement(const std::string& key) const {
+    auto found = statements_.find(key);
+    return found == statements_.end() ? nullptr : found->second.get();
+}
+
+sqlite3_stmt* TKvSQLiteDataSet::AddStatement(const std::string& key, const std::string& sql) {
+    return statements_.insert_or_assign(key, db_->Prepare(sql, true)).first->second.get();
+}
+
+std::vector<TFieldDef> TKvSQLiteDataSet::InternalOpen() {
+    TTableInfo info = ReadTableInfo();
+    if (info.Columns.empty()) throw EDatabaseError("Table '" + tableName_ + "' has no columns");
+    columns_ = std::move(info.Columns);
+    hasRowid_ = info.HasRowid;
+    rowidName_ = std::move(info.RowidName);
+    onRow_ = false;
+    windowValid_ = false;
+    forwardDone_ = true;
+    std::vector<TFieldDef> defs;
+    for (const TColumn& column : columns_) defs.push_back(column.Def);
+    return defs;
+}
+
+void TKvSQLiteDataSet::InternalClose() {
+    statements_.clear();
+    forward_.reset();
+    forwardDone_ = true;
+    columns_.clear();
+    windowRowids_.clear();
+    windowValues_.clear();
+    windowValid_ = false;
+    onRow_ = false;
+}
+
+void TKvSQLiteDataSet::ReadRow(sqlite3_stmt* statement, int firstColumn, std::vector<Variant>& out) const {
+    for (size_t i = 0; i < columns_.size(); ++i)
+        out.push_back(ColumnValue(statement, firstColumn + static_cast<int>(i), columns_[i].Def.DataType));
+}
+
+size_t TKvSQLiteDataSet::FillWindow(int64_t from) {
+    static const std::string key = "window";
+    sqlite3_stmt* statement = FindStatement(key);
+    if (!statement)
+        statement =
+            AddStatement(key, "SELECT " + rowidName_ + ", " + ColumnList() + " FROM " + QuotedTable() +
+                                  " WHERE " + rowidName_ + " >= ?1 ORDER BY " + rowidName_ + " LIMIT ?2");
+    windowRowids_.clear();
+    windowValues_.clear();
+    windowPos_ = 0;
+    windowValid_ = false;
+    TResetGuard reset(statement);
+    sqlite3_bind_int64(statement, 1, from);
+    sqlite3_bind_int(statement, 2, fetchSize_);
+    int rc;
+    while ((rc = sqlite3_step(statement)) == SQLITE_ROW) {
+        windowRowids_.push_back(sqlite3_column_int64(statement, 0));
+        ReadRow(statement, 1, windowValues_);
+    }
+    if (rc != SQLITE_DONE) db_->RaiseError();
+    windowValid_ = !windowRowids_.empty();
+    return windowRowids_.size();
+}
+
+bool TKvSQLiteDataSet::InternalFirst() {
+    if (!hasRowid_) {
+        if (!forward_) forward_ = db_->Prepare("SELECT " + ColumnList() + " FROM " + QuotedTable(), true);
+        sqlite3_reset(forward_.get());
+        forwardDone_ = false;
+        forwardIndex_ = -1;
+        windowValid_ = false;
+        return ForwardStep();
+    }
+    onRow_ = FillWindow(INT64_MIN) > 0;
+    if (onRow_) rowid_ = windowRowids_[0];
+    return onRow_;
+}
+
+bool TKvSQLiteDataSet::InternalNext() {
+    if (!hasRowid_) return ForwardStep();
+    if (!onRow_) return false;
+    if (windowValid_ && windowPos_ + 1 < windowRowids_.size()) {
+        rowid_ = windowRowids_[++windowPos_];
+        return true;
+    }
+    if (rowid_ == INT64_MAX || FillWindow(rowid_ + 1) == 0) return false;
+    rowid_ = windowRowids_[0];
+    return true;
+}
+
+void TKvSQLiteDataSet::InternalReadRecord(std::vector<Variant>& values) {
+    if (hasRowid_) {
+        if (!onRow_) return;
+        if (!windowValid_) {
+            // Read again after a write or a Locate; the window then runs on from here.
+            if (FillWindow(rowid_) == 0 || windowRowids_[0] != rowid_) {
+                windowValid_ = false;
+                return; // the row is gone
+            }
+        }
+    } else if (!windowValid_) {
+        return;
+    }
+    const size_t n = columns_.size();
+    const auto first = windowValues_.begin() + static_cast<std::ptrdiff_t>(windowPos_ * n);
+    values.assign(first, first + static_cast<std::ptrdiff_t>(n));
+}
+
+void TKvSQLiteDataSet::BindValue(sqlite3_stmt* statement, int parameter, const Variant& value,
+                                 const TColumn& column) const {
+    int rc = SQLITE_OK;
+    switch (value.VarType()) {
+    case varEmpty:
+    case varNull:
+        rc = sqlite3_bind_null(statement, parameter);
+        break;
+    case varBoolean:
+        rc = sqlite3_bind_int(statement, parameter, value.AsBoolean() ? 1 : 0);
+        break;
+    case varInteger:
+    case varInt64:
+        rc = sqlite3_bind_int64(statement, parameter, value.AsInt64());
+        break;
+    case varDouble:
+        rc = sqlite3_bind_double(statement, parameter, value.AsDouble());
+        break;
+    case varDate: {
+        const TDateTime t = value.AsDateTime();
+        const std::string text = column.Def.DataType == ftDate   ? DateToISO8601(t)
+                                 : column.Def.DataType == ftTime ? TimeToISO8601(t)
+                                                                 : DateTimeToISO8601(t);
+        rc = sqlite3_bind_text64(statement, parameter, text.data(), text.size(), SQLITE_TRANSIENT,
+                                 SQLITE_UTF8);
+        break;
+    }
+    case varString: {
+        // The caller keeps the value alive until the statement has run.
+        const std::string& text = value.StringRef();
+        rc = sqlite3_bind_text64(statement, parameter, text.data(), text.size(), SQLITE_STATIC, SQLITE_UTF8);
+        break;
+    }
+    case varBytes: {
+        const std::string& bytes = value.StringRef();
+        rc = sqlite3_bind_blob64(statement, parameter, bytes.data(), bytes.size(), SQLITE_STATIC);
+        break;
+    }
+    case varArray:
+        RaiseCastError(varArray, varString);
+    }
+    if (rc != SQLITE_OK) db_->RaiseError();
+}
+
+void TKvSQLiteDataSet::InternalPost(bool inserting, const std::vector<Variant>& values,
+                                    const std::vector<bool>& assigned) {
+    CheckWritable();
+    std::string key(1, inserting ? 'i' : 'u');
+    int assignedCount = 0;
+    for (size_t i = 0; i < columns_.size(); ++i) {
+        if (!assigned[i]) {
+            key += '0';
+            continue;
+        }
+        if (columns_[i].Generated)
+            throw EDatabaseError("Field '" + columns_[i].Def.Name + "' cannot be modified");
+        key += '1';
+        ++assignedCount;
+    }
+    if (!inserting && assignedCount == 0) return; // nothing changed
+
+    sqlite3_stmt* statement = FindStatement(key);
+    if (!statement) {
+        std::string sql;
+        if (inserting && assignedCount == 0) {
+            sql = "INSERT INTO " + QuotedTable() + " DEFAULT VALUES";
+        } else if (inserting) {
+            // Only the assigned columns, so the others get their declared defaults.
+            sql = "INSERT INTO " + QuotedTable() + " (" + ColumnList(&assigned) + ") VALUES (?";
+            for (int i = 1; i < assignedCount; ++i) sql += ", ?";
+            sql += ")";
+        } else {
+            sql = "UPDATE " + QuotedTable() + " SET ";
+            for (size_t i = 0, n = 0; i < columns_.size(); ++i)
+                if (assigned[i])
+                    sql +=
+                        (n++ ? ", " : "") + TKvSQLiteDatabase::QuoteIdentifier(columns_[i].Def.Name) + " = ?";
+            sql += " WHERE " + rowidName_ + " = ?";
+        }
+        statement = AddStatement(key, sql);
+    }
+
+    sqlite3* db = db_->Handle();
+    {
+        TResetGuard reset(statement);
+        int parameter = 1;
+        for (size_t i = 0; i < columns_.size(); ++i)
+            if (assigned[i]) BindValue(statement, parameter++, values[i], columns_[i]);
+        if (!inserting) sqlite3_bind_int64(statement, parameter, rowid_);
+        if (sqlite3_step(statement) != SQLITE_DONE) db_->RaiseError();
+    }
+    windowValid_ = false;
+    if (inserting) {
+        // A conflict clause of the table may have dropped the row: the cursor then stays where it was.
+        if (sqlite3_changes(db) > 0) {
+            rowid_ = sqlite3_last_insert_rowid(db);
+            onRow_ = true;
+        }
+        return;
+    }
+    if (sqlite3_changes(db) == 0) throw EDatabaseError("Record not found or changed by another user");
+    for (size_t i = 0; i < columns_.size(); ++i) // a new key moves the row, and the cursor with it
+        if (assigned[i] && columns_[i].Def.DataType == ftAutoInc && !values[i].IsNullOrEmpty())
+            rowid_ = values[i].AsInt64();
+}
+
+bool TKvSQLiteDataSet::InternalDelete() {
+    CheckWritable();
+    if (!onRow_) return false;
+    static const std::string key = "delete";
+    sqlite3_stmt* statement = FindStatement(key);
+    if (!statement)
+        statement = AddStatement(key, "DELETE FROM " + QuotedTable() + " WHERE " + rowidName_ + " = ?1");
+    {
+        TResetGuard reset(statement);
+        sqlite3_bind_int64(statement, 1, rowid_);
+        if (sqlite3_step(statement) != SQLITE_DONE) db_->RaiseError();
+    }
+    windowValid_ = false;
+    if (FillWindow(rowid_) == 0) return false;
+    rowid_ = windowRowids_[0];
+    return true;
+}
+
+Variant TKvSQLiteDataSet::KeyValue(const Variant& value, const TColumn& column) const {
+    // A column without a declared type compares without conversions, so the key is bound as it comes.
+    if (column.Untyped || value.IsNullOrEmpty()) return value;
+    try {
+        return CoerceToFieldType(value, column.Def.DataType, column.Def.Name);
+    } catch (const Exception&) {
+        return value;
+    }
+}
+
+bool TKvSQLiteDataSet::KeysMatch(const std::vector<Variant>& row, const std::vector<int>& fields,
+                                 const std::vector<Variant>& keys, TLocateOptions options) const {
+    for (size_t k = 0; k < fields.size(); ++k)
+        if (!LocateMatches(row[static_cast<size_t>(fields[k])], keys[k], options)) return false;
+    return true;
+}
+
+bool TKvSQLiteDataSet::InternalLocate(const std::vector<int>& fields, const std::vector<Variant>& values,
+                                      TLocateOptions options) {
+    std::vector<Variant> keys;
+    keys.reserve(values.size());
+    for (size_t k = 0; k < fields.size(); ++k)
+        keys.push_back(KeyValue(values[k], columns_[static_cast<size_t>(fields[k])]));
+    if (!hasRowid_) return ForwardLocate(fields, keys, options);
+
+    const bool noCase = options.Contains(loCaseInsensitive), partial = options.Contains(loPartialKey);
+    std::string key = "l";
+    for (size_t k = 0; k < fields.size(); ++k) {
+        char mode = '=';
+        if (keys[k].IsString() && (noCase || partial)) {
+            // SQLite folds the case of ASCII letters only; other texts are compared here, row by row.
+            if (noCase && !IsAscii(keys[k].StringRef())) return ScanLocate(fields, keys, options);
+            mode = partial ? (noCase ? 'P' : 'p') : 'n';
+        }
+        key += IntToStr(fields[k]) + mode;
+    }
+    sqlite3_stmt* statement = FindStatement(key);
+    if (!statement) {
+        std::string sql = "SELECT " + rowidName_ + " FROM " + QuotedTable() + " WHERE ";
+        for (size_t k = 0; k < fields.size(); ++k) {
+            const std::string column =
+                TKvSQLiteDatabase::QuoteIdentifier(columns_[static_cast<size_t>(fields[k])].Def.Name);
+            const std::string parameter = "?" + IntToStr(static_cast<int64_t>(k) + 1);
+            if (k) sql += " AND ";
+            const bool text = keys[k].IsString() && (noCase || partial);
+            if (!text)
+                sql += column + " IS " + parameter;
+            else if (partial)
+                sql += "substr(" + column + ", 1, length(" + parameter + ")) = " + parameter;
+            else
+                sql += column + " = " + parameter;
+            if (text && noCase) sql += " COLLATE NOCASE";
+        }
+        sql += " ORDER BY " + rowidName_ + " LIMIT 1";
+        statement = AddStatement(key, sql);
+    }
+    TResetGuard reset(statement);
+    for (size_t k = 0; k < fields.size(); ++k)
+        BindValue(statement, static_cast<int>(k) + 1, keys[k], columns_[static_cast<size_t>(fields[k])]);
+    const int rc = sqlite3_step(statement);
+    if (rc == SQLITE_DONE) return false;
+    if (rc != SQLITE_ROW) db_->RaiseError();
+    rowid_ = sqlite3_column_int64(statement, 0);
+    onRow_ = true;
+    windowValid_ = false;
+    return true;
+}
+
+bool TKvSQLiteDataSet::ScanLocate(const std::vector<int>& fields, const std::vector<Variant>& keys,
+                                  TLocateOptions options) {
+    const size_t n = columns_.size();
+    std::vector<Variant> row;
+    int64_t from = INT64_MIN;
+    while (FillWindow(from) > 0) {
+        for (size_t r = 0; r < windowRowids_.size(); ++r) {
+            row.assign(windowValues_.begin() + static_cast<std::ptrdiff_t>(r * n),
+                       windowValues_.begin() + static_cast<std::ptrdiff_t>((r + 1) * n));
+            if (KeysMatch(row, fields, keys, options)) {
+                windowPos_ = r;
+                rowid_ = windowRowids_[r];
+                onRow_ = true;
+                return true;
+            }
+        }
+        if (windowRowids_.back() == INT64_MAX) break;
+        from = windowRowids_.back() + 1;
+    }
+    windowValid_ = false; // the cursor stays; its row is read again when asked for
+    return false;
+}
+
+bool TKvSQLiteDataSet::ForwardStep() {
+    if (forwardDone_ || !forward_) return false;
+    sqlite3_stmt* statement = forward_.get();
+    const int rc = sqlite3_step(statement);
+    if (rc == SQLITE_ROW) {
+        windowValues_.clear();
+        ReadRow(statement, 0, windowValues_);
+        windowPos_ = 0;
+        windowValid_ = true;
+        ++forwardIndex_;
+        return true;
+    }
+    // At the end the statement is reset so that it holds no lock; the last row stays in the window.
+    forwardDone_ = true;
+    const std::string message = sqlite3_errmsg(db_->Handle());
+    sqlite3_reset(statement);
+    if (rc != SQLITE_DONE) throw EDatabaseError(message);
+    return false;
+}
+
+bool TKvSQLiteDataSet::ForwardLocate(const std::vector<int>& fields, const std::vector<Variant>& keys,
+                                     TLocateOptions options) {
+    const int64_t original = forwardIndex_;
+    const bool hadRow = windowValid_;
+    for (bool row = InternalFirst(); row; row = ForwardStep())
+        if (KeysMatch(windowValues_, fields, keys, options)) return true;
+    // Not found: step back to where the cursor stood.
+    InternalFirst();
+    while (forwardIndex_ < original && ForwardStep()) {
+    }
+    if (!hadRow) windowValid_ = false;
+    return false;
+}
+
+int TKvSQLiteDataSet::InternalRecordCount() {
+    static const std::string key = "count";
+    sqlite3_stmt* statement = FindStatement(key);
+    if (!statement) statement = AddStatement(key, "SELECT count(*) FROM " + QuotedTable());
+    TResetGuard reset(statement);
+    if (sqlite3_step(statement) != SQLITE_ROW) db_->RaiseError();
+    return static_cast<int>(std::min<int64_t>(sqlite3_column_int64(statement, 0), INT_MAX));
+}
+
+} // namespace kv

@@ -1,0 +1,182 @@
+#pragma once
+// TKvSQLiteDatabase, a connection to one SQLite file, and TKvSQLiteDataSet, one table of it as a TDataSet.
+//
+// The dataset walks a table in rowid order, fetching a window of rows per query, so that neither memory nor
+// open statements grow with the table and no statement stays pending between calls (the application may
+// commit or roll back at any time). Writes are prepared INSERT/UPDATE/DELETE statements by rowid; the
+// dataset never starts or ends a transaction itself.
+//
+// Views and tables WITHOUT ROWID have no stable row address: they are read forward through one
+// statement (Locate scans from the start) and refuse every write.
+
+#include "datasets/DataSet.h"
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace kv {
+
+struct TSQLiteStatementFinalizer {
+    void operator()(sqlite3_stmt* statement) const;
+};
+/// A prepared statement, finalized when released.
+using TSQLiteStatement = std::unique_ptr<sqlite3_stmt, TSQLiteStatementFinalizer>;
+
+class TKvSQLiteDataSet;
+
+/// A connection to an SQLite database file. Closing it (or destroying it) closes the datasets that use it.
+class TKvSQLiteDatabase : public TComponent {
+public:
+    explicit TKvSQLiteDatabase(TComponent* owner = nullptr);
+    ~TKvSQLiteDatabase() override;
+
+    /// Opens (creating when missing) the database file; a file that is not a database fails here.
+    void Open(const std::string& fileName);
+    void Close();
+    bool Connected() const { return db_ != nullptr; }
+    const std::string& FileName() const { return fileName_; }
+    /// Milliseconds a statement waits for another connection's lock before failing (default 5000).
+    int BusyTimeout() const { return busyTimeout_; }
+    void SetBusyTimeout(int milliseconds);
+
+    /// Runs one or more statements that return no rows.
+    void Execute(const std::string& sql);
+    /// A prepared statement; `persistent` hints that it will be reused many times.
+    TSQLiteStatement Prepare(const std::string& sql, bool persistent = false);
+
+    /// BEGIN IMMEDIATE: the write lock is taken at once, so a busy database fails here rather than midway.
+    void StartTransaction();
+    void Commit();
+    void Rollback();
+    bool InTransaction() const;
+
+    /// True when a table or view of that name (compared ignoring case) exists in any attached schema.
+    bool TableExists(const std::string& name);
+    sqlite3* Handle() const { return db_; }
+    /// `name` as an SQL identifier: in double quotes, inner quotes doubled.
+    static std::string QuoteIdentifier(std::string_view name);
+
+    /// Raises EDatabaseError with the connection's last error message.
+    [[noreturn]] void RaiseError() const;
+
+    std::string ClassName() const override { return "TKvSQLiteDatabase"; }
+
+private:
+    friend class TKvSQLiteDataSet;
+    void CheckConnected() const;
+
+    sqlite3* db_ = nullptr;
+    std::string fileName_;
+    int busyTimeout_ = 5000;
+    std::vector<TKvSQLiteDataSet*> dataSets_; // datasets whose Database is this one
+};
+
+/// One table (or view) of an SQLite database.
+///
+/// Field types follow the declared column types by meaning (INTEGER, BIGINT, SMALLINT, BOOLEAN, REAL,
+/// DECIMAL(p,s), MONEY, DATE, TIME, DATETIME, VARCHAR(n), TEXT, BLOB, ...), falling back on SQLite's
+/// affinity rules for names it does not know; the INTEGER PRIMARY KEY is ftAutoInc; a column without a
+/// declared type (or of an unknown one) is ftString and reads back whatever SQLite stored. Texts are ftString
+/// (Size 0 when no length is declared), never ftMemo.
+class TKvSQLiteDataSet : public TDataSet {
+public:
+    explicit TKvSQLiteDataSet(TComponent* owner = nullptr);
+    ~TKvSQLiteDataSet() override;
+
+    TKvSQLiteDatabase* Database() const { return db_; }
+    void SetDatabase(TKvSQLiteDatabase* database);
+    const std::string& TableName() const { return tableName_; }
+    void SetTableName(const std::string& name);
+    /// Rows read per query while walking the table (default 256).
+    int FetchSize() const { return fetchSize_; }
+    void SetFetchSize(int rows);
+    /// True while open on a view or a table without rowid.
+    bool ReadOnly() const { return Active() && !hasRowid_; }
+
+    /// "TableName"; "IndexFieldName": the primary key's columns in key order joined by ";" (an INTEGER
+    /// PRIMARY KEY included), nothing when the table has no primary key.
+    std::optional<std::string> PublishedProperty(const std::string& name) const override;
+    std::string ClassName() const override { return "TKvSQLiteDataSet"; }
+
+protected:
+    std::vector<TFieldDef> InternalOpen() override;
+    void InternalClose() override;
+    bool InternalFirst() override;
+    bool InternalNext() override;
+    void InternalReadRecord(std::vector<Variant>& values) override;
+    void InternalPost(bool inserting, const std::vector<Variant>& values,
+                      const std::vector<bool>& assigned) override;
+    bool InternalDelete() override;
+    bool InternalLocate(const std::vector<int>& fields, const std::vector<Variant>& values,
+                        TLocateOptions options) override;
+    int InternalRecordCount() override;
+
+private:
+    friend class TKvSQLiteDatabase;
+
+    struct TColumn {
+        TFieldDef Def;
+        bool Untyped = false;   // no declared type: values are bound as they come
+        bool Generated = false; // computed by SQLite, never written
+        int KeyPosition = 0;    // 1-based position in the primary key, 0 when not part of it
+    };
+    struct TTableInfo {
+        std::vector<TColumn> Columns;
+        bool HasRowid = false;
+        std::string RowidName; // how to name the rowid in SQL (a column may hide "rowid")
+    };
+
+    TTableInfo ReadTableInfo() const;
+    void CheckDatabase() const;
+    void CheckWritable() const;
+    sqlite3_stmt* FindStatement(const std::string& key) const;
+    sqlite3_stmt* AddStatement(const std::string& key, const std::string& sql);
+    /// Reads up to FetchSize rows from rowid `from` on into the window; the number read.
+    size_t FillWindow(int64_t from);
+    void ReadRow(sqlite3_stmt* statement, int firstColumn, std::vector<Variant>& out) const;
+    void BindValue(sqlite3_stmt* statement, int parameter, const Variant& value, const TColumn& column) const;
+    Variant KeyValue(const Variant& value, const TColumn& column) const;
+    bool KeysMatch(const std::vector<Variant>& row, const std::vector<int>& fields,
+                   const std::vector<Variant>& keys, TLocateOptions options) const;
+    bool ScanLocate(const std::vector<int>& fields, const std::vector<Variant>& keys, TLocateOptions options);
+    bool ForwardStep();
+    bool ForwardLocate(const std::vector<int>& fields, const std::vector<Variant>& keys,
+                       TLocateOptions options);
+    std::string ColumnList(const std::vector<bool>* only = nullptr) const;
+    std::string QuotedTable() const { return TKvSQLiteDatabase::QuoteIdentifier(tableName_); }
+
+    TKvSQLiteDatabase* db_ = nullptr;
+    std::string tableName_;
+    int fetchSize_ = 256;
+
+    // While open:
+    std::vector<TColumn> columns_;
+    bool hasRowid_ = false;
+    std::string rowidName_;
+    std::map<std::string, TSQLiteStatement> statements_;
+
+    // The cursor: the current row's rowid and a window of rows read ahead (values stored field by field),
+    // valid until this dataset writes.
+    bool onRow_ = false;
+    int64_t rowid_ = 0;
+    std::vector<int64_t> windowRowids_;
+    std::vector<Variant> windowValues_;
+    size_t windowPos_ = 0;
+    bool windowValid_ = false;
+
+    // Reading without rowid: one statement stepped forward, the row it stands on, and how many rows came
+    // before it (to come back after a failed Locate).
+    TSQLiteStatement forward_;
+    bool forwardDone_ = true;
+    int64_t forwardIndex_ = 0;
+};
+
+} // namespace kv

@@ -1,0 +1,454 @@
+// SQLite tables as datasets, against real database files in a temporary directory.
+
+#include "datasets/KvSQLiteDataSet.h"
+#include "TestSupport.h"
+#include "platform/SysUtils.h"
+
+#include <climits>
+#include <functional>
+#include <memory>
+#include <sqlite3.h>
+
+namespace kv {
+namespace {
+
+std::string ErrorOf(const std::function<void()>& action) {
+    try {
+        action();
+    } catch (const std::exception& e) {
+        return e.what();
+    }
+    return "";
+}
+
+class SQLiteTest : public ::testing::Test {
+protected:
+    SQLiteTest() { db.Open(dir.File("test.db")); }
+
+    std::unique_ptr<TKvSQLiteDataSet> Table(const std::string& name, int fetchSize = 256) {
+        auto ds = std::make_unique<TKvSQLiteDataSet>();
+        ds->SetDatabase(&db);
+        ds->SetTableName(name);
+        ds->SetFetchSize(fetchSize);
+        ds->Open();
+        return ds;
+    }
+    // The first column of the first row as text.
+    std::string Query(const std::string& sql) {
+        TSQLiteStatement statement = db.Prepare(sql);
+        const unsigned char* text =
+            sqlite3_step(statement.get()) == SQLITE_ROW ? sqlite3_column_text(statement.get(), 0) : nullptr;
+        return text ? reinterpret_cast<const char*>(text) : "";
+    }
+    void Insert(TKvSQLiteDataSet& ds, const std::vector<Variant>& values) {
+        ds.Append();
+        for (size_t i = 0; i < values.size(); ++i) ds.Fields(static_cast<int>(i)).SetValue(values[i]);
+        ds.Post();
+    }
+
+    test::TempDir dir;
+    TKvSQLiteDatabase db;
+};
+
+TEST_F(SQLiteTest, FieldTypesFollowTheDeclaredTypes) {
+    struct Case {
+        const char* declared;
+        TFieldType type;
+        int size = 0, precision = 0;
+    } cases[] = {{"INTEGER", ftInteger},
+                 {"MEDIUMINT", ftInteger},
+                 {"BIGINT", ftLargeint},
+                 {"INT8", ftLargeint},
+                 {"UNSIGNED BIG INT", ftLargeint},
+                 {"INT UNSIGNED", ftLargeint},
+                 {"TINYINT", ftSmallint},
+                 {"SMALLINT UNSIGNED", ftWord},
+                 {"bool", ftBoolean},
+                 {"DOUBLE PRECISION", ftFloat},
+                 {"FLOATING POINT", ftFloat},
+                 {"NUMERIC", ftBCD},
+                 {"DECIMAL(10, 2)", ftBCD, 10, 2},
+                 {"MONEY", ftCurrency},
+                 {"DATE", ftDate},
+                 {"TIME", ftTime},
+                 {"DATETIME", ftDateTime},
+                 {"TIMESTAMP WITH TIME ZONE", ftDateTime},
+                 {"NVARCHAR( 12 )", ftString, 12},
+                 {"NATIVE CHARACTER(70)", ftString, 70},
+                 {"TEXT", ftString},
+                 {"CLOB", ftString},
+                 {"BLOB", ftBlob},
+                 {"", ftVariant},
+                 {"LONGVARCHAR", ftString},
+                 {"BIGINTEGER", ftInteger},
+                 {"JSON", ftString}};
+    std::string sql = "CREATE TABLE t (";
+    for (size_t i = 0; i < std::size(cases); ++i)
+        sql += (i ? ", c" : "c") + IntToStr(i) + " " + cases[i].declared;
+    db.Execute(sql + ")");
+    auto ds = Table("t");
+    ASSERT_EQ(ds->FieldCount(), static_cast<int>(std::size(cases)));
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        const TField& f = ds->Fields(static_cast<int>(i));
+        EXPECT_STREQ(FieldTypeName(f.DataType()), FieldTypeName(cases[i].type)) << cases[i].declared;
+        EXPECT_EQ(f.Size(), cases[i].size) << cases[i].declared;
+        EXPECT_EQ(f.Precision(), cases[i].precision) << cases[i].declared;
+    }
+}
+
+TEST_F(SQLiteTest, KeysRequiredAndComputedColumns) {
+    db.Execute("CREATE TABLE a (id INTEGER PRIMARY KEY, name TEXT NOT NULL, code TEXT NOT NULL DEFAULT 'x',"
+               " twice INTEGER GENERATED ALWAYS AS (length(name) * 2));"
+               "CREATE TABLE b (id INTEGER PRIMARY KEY DESC, v);" // SQLite's quirk: not the rowid
+               "CREATE TABLE c (id INT PRIMARY KEY, v); CREATE TABLE d (x TEXT, y INT, PRIMARY KEY (y, x));"
+               "CREATE TABLE e (v)");
+    auto a = Table("A");
+    EXPECT_EQ(a->FieldByName("id").DataType(), ftAutoInc);
+    EXPECT_FALSE(a->FieldByName("id").Required());
+    EXPECT_TRUE(a->FieldByName("name").Required());
+    EXPECT_FALSE(a->FieldByName("code").Required()); // it has a default
+    EXPECT_TRUE(a->FieldByName("twice").ReadOnly());
+    EXPECT_EQ(Table("b")->FieldByName("id").DataType(), ftInteger);
+    EXPECT_EQ(Table("c")->FieldByName("id").DataType(), ftInteger);
+
+    const std::pair<const char*, std::optional<std::string>> keys[] = {
+        {"a", "id"}, {"b", "id"}, {"d", "y;x"}, {"e", std::nullopt}};
+    for (const auto& [table, key] : keys) {
+        TKvSQLiteDataSet closed; // the key is known before the table is opened
+        closed.SetDatabase(&db);
+        closed.SetTableName(table);
+        EXPECT_EQ(closed.PublishedProperty("IndexFieldName"), key) << table;
+        EXPECT_EQ(Table(table)->PublishedProperty("IndexFieldName"), key) << table;
+    }
+    EXPECT_EQ(a->PublishedProperty("TableName"), "A");
+
+    Insert(*a, {Variant::Null(), "n"});
+    EXPECT_EQ(a->FieldByName("twice").Value().AsInteger(), 2);
+    a->Edit();
+    a->FieldByName("twice").SetValue(5);
+    EXPECT_EQ(ErrorOf([&] { a->Post(); }), "Field 'twice' cannot be modified");
+}
+
+TEST_F(SQLiteTest, ValuesRoundTripInTheirNativeKinds) {
+    db.Execute("CREATE TABLE t (id INTEGER PRIMARY KEY, i INTEGER, big BIGINT, f REAL, s TEXT, b BLOB,"
+               " d DATE, tm TIME, dt DATETIME, flag BOOLEAN, n NUMERIC(10,2), u)");
+    const std::vector<Variant> row = {Variant::Null(),
+                                      Variant(-7),
+                                      Variant(5000000000LL),
+                                      Variant(2.5),
+                                      Variant("Zoë 東京 🙂"),
+                                      Variant::FromBytes(std::string("\x00\x01\xff", 3)),
+                                      Variant::FromDateTime(EncodeDate(2024, 2, 29)),
+                                      Variant::FromDateTime(EncodeTime(13, 45, 10, 0)),
+                                      Variant::FromDateTime(EncodeDateTime(2024, 2, 29, 13, 45, 10, 250)),
+                                      Variant(true),
+                                      Variant(12.25),
+                                      Variant(3)};
+    {
+        auto ds = Table("t");
+        Insert(*ds, row);
+        Insert(*ds, {}); // all Null
+    }
+    // SQLite holds dates as ISO-8601 text and booleans as 0/1; an untyped field keeps the value's kind.
+    EXPECT_EQ(
+        Query("SELECT typeof(big) || typeof(f) || typeof(b) || typeof(flag) || flag || typeof(u) FROM t"),
+        "integerrealblobinteger1integer");
+    EXPECT_EQ(Query("SELECT d || '|' || tm || '|' || dt || '|' || quote(b) FROM t"),
+              "2024-02-29|13:45:10|2024-02-29 13:45:10.250|X'0001FF'");
+
+    auto ds = Table("t");
+    EXPECT_TRUE(ds->Fields(0).Value().Identical(Variant(1)));
+    for (int i = 1; i < ds->FieldCount(); ++i) {
+        const Variant& expected = row[static_cast<size_t>(i)];
+        EXPECT_TRUE(ds->Fields(i).Value().Identical(expected)) << ds->Fields(i).FieldName();
+    }
+    ds->Next();
+    for (int i = 1; i < ds->FieldCount(); ++i) EXPECT_TRUE(ds->Fields(i).Value().IsNull());
+}
+
+TEST_F(SQLiteTest, ReadsTextWrittenByOthersAsDatesAndBooleansWhereItCan) {
+    db.Execute("CREATE TABLE t (d DATETIME, flag BOOL, u);"
+               "INSERT INTO t VALUES ('2024-01-02T03:04:05.5Z', 'true', 12), ('2024-01-02 03:04', 0, 1.5),"
+               " ('yesterday', 7, x'00'), ('2023-02-29', 'maybe', NULL)");
+    auto ds = Table("t");
+    const Variant expected[][3] = {
+        {Variant::FromDateTime(EncodeDateTime(2024, 1, 2, 3, 4, 5, 500)), Variant(true), Variant(12)},
+        {Variant::FromDateTime(EncodeDateTime(2024, 1, 2, 3, 4, 0, 0)), Variant(false), Variant(1.5)},
+        {Variant("yesterday"), Variant(true), Variant::FromBytes(std::string(1, '\0'))},
+        {Variant("2023-02-29"), Variant("maybe"), Variant::Null()}}; // no such day: the text stays
+    for (const auto& values : expected) {
+        for (int i = 0; i < 3; ++i)
+            EXPECT_TRUE(ds->Fields(i).Value().Identical(values[i])) << ds->Fields(i).AsString();
+        ds->Next();
+    }
+    EXPECT_TRUE(ds->Eof());
+}
+
+TEST_F(SQLiteTest, AppendEditAndDeleteMoveTheCursor) {
+    db.Execute("CREATE TABLE t (id INTEGER PRIMARY KEY, name TEXT, city TEXT DEFAULT 'Paris', n INTEGER)");
+    auto ds = Table("t");
+    for (const char* name : {"Ada", "Bob", "Cy"}) {
+        ds->Append();
+        ds->FieldByName("name").SetValue(name);
+        ds->FieldByName("n").SetValue(1);
+        ds->Post();
+        EXPECT_EQ(ds->FieldByName("name").AsString(), name); // on the new row
+    }
+    EXPECT_EQ(ds->FieldByName("id").Value().AsInteger(), 3);
+    EXPECT_EQ(ds->FieldByName("city").AsString(), "Paris"); // unassigned columns take their defaults
+    EXPECT_EQ(ds->RecordCount(), 3);
+
+    ds->First();
+    ds->Next();
+    ds->Edit();
+    ds->FieldByName("n").SetValue(2); // only this column is written
+    ds->Post();
+    EXPECT_EQ(Query("SELECT group_concat(name || n || city) FROM t"), "Ada1Paris,Bob2Paris,Cy1Paris");
+    ds->Edit();
+    ds->FieldByName("id").SetValue(10); // a new key moves the row, and the cursor with it
+    ds->Post();
+    EXPECT_EQ(ds->FieldByName("name").AsString(), "Bob");
+    ds->Next();
+    EXPECT_TRUE(ds->Eof());
+
+    ds->First();
+    ds->Delete();
+    EXPECT_EQ(ds->FieldByName("name").AsString(), "Cy");
+    ds->Next();
+    ds->Delete(); // the last row: back to the one before
+    EXPECT_EQ(ds->FieldByName("name").AsString(), "Cy");
+    EXPECT_TRUE(ds->Eof());
+    EXPECT_EQ(Query("SELECT group_concat(name) FROM t"), "Cy");
+}
+
+TEST_F(SQLiteTest, LocateMatchesKeysAsTheMemoryTableDoes) {
+    db.Execute(
+        "CREATE TABLE t (id INTEGER PRIMARY KEY, country TEXT, code INTEGER, name VARCHAR(20), d DATE, u);"
+        "CREATE INDEX t_code ON t (country, code);"
+        "INSERT INTO t (country, code, name, d, u) VALUES ('FR', 1, 'Ada', '2024-01-02', 5),"
+        " ('DE', 1, 'bob', NULL, '5'), ('DE', 2, 'Bobby', NULL, NULL), ('DE', NULL, 'École', NULL, NULL),"
+        " (NULL, 2, 'Bob', NULL, NULL)");
+    auto ds = Table("t");
+    const auto keys = [](Variant a, Variant b) { return Variant::FromArray({a, b}); };
+    struct Case {
+        std::string fields;
+        Variant values;
+        TLocateOptions options;
+        int expectedId; // 0: not found
+    } cases[] = {{"country;code", keys("DE", 2), {}, 3},
+                 {"code;country", keys("2", "DE"), {}, 3}, // the key is read as the field's type
+                 {"country;code", keys("DE", Variant::Null()), {}, 4},
+                 {"country", Variant::Null(), {}, 5},
+                 {"code", Variant("x"), {}, 0},
+                 {"d", Variant::FromDateTime(EncodeDate(2024, 1, 2)), {}, 1},
+                 {"u", Variant(5), {}, 1}, // no declared type: compared as stored
+                 {"u", Variant("5"), {}, 2},
+                 {"name", Variant("BOB"), {}, 0},
+                 {"name", Variant("BOB"), {loCaseInsensitive}, 2},
+                 {"name", Variant("école"), {loCaseInsensitive}, 4},
+                 {"name", Variant("Bo"), {loPartialKey}, 3},
+                 {"name", Variant("bo"), {loPartialKey, loCaseInsensitive}, 2},
+                 {"name", Variant("Éc"), {loPartialKey}, 4},
+                 {"country;name", keys("de", "BOBBY"), {loCaseInsensitive}, 3}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.fields + " -> " + IntToStr(c.expectedId));
+        ds->First();
+        ds->Next(); // on row 2, where a failed Locate leaves the cursor
+        EXPECT_EQ(ds->Locate(c.fields, c.values, c.options), c.expectedId != 0);
+        EXPECT_EQ(ds->FieldByName("id").Value().AsInteger(), c.expectedId ? c.expectedId : 2);
+        ds->Next(); // walking goes on from there
+        EXPECT_EQ(ds->Eof() ? 6 : ds->FieldByName("id").Value().AsInteger(),
+                  (c.expectedId ? c.expectedId : 2) + 1);
+    }
+}
+
+TEST_F(SQLiteTest, WalksManyRowsInRowidOrderAcrossFetchWindows) {
+    db.Execute("CREATE TABLE t (id INTEGER PRIMARY KEY, v TEXT);"
+               "INSERT INTO t VALUES (9223372036854775807, 'max'), (-5, 'neg')");
+    db.StartTransaction();
+    auto writer = Table("t");
+    for (int i = 10000; i > 2; --i)
+        Insert(*writer, {i * 3, "v" + IntToStr(i)}); // rowids against insertion order
+    db.Commit();
+    for (int fetchSize : {1, 7, 256, 20000}) {
+        SCOPED_TRACE(fetchSize);
+        auto ds = Table("t", fetchSize);
+        std::vector<int64_t> ids;
+        int wrongValues = 0;
+        for (ds->First(); !ds->Eof(); ds->Next()) {
+            ids.push_back(ds->Fields(0).Value().AsInt64());
+            if (ids.back() > 0 && ids.back() < INT64_MAX &&
+                ds->Fields(1).AsString() != "v" + IntToStr(ids.back() / 3))
+                ++wrongValues;
+        }
+        ASSERT_EQ(ids.size(), 10000u);
+        EXPECT_EQ(ids.front(), -5);
+        EXPECT_EQ(ids[1], 9);
+        EXPECT_EQ(ids.back(), INT64_MAX);
+        EXPECT_TRUE(std::is_sorted(ids.begin(), ids.end()));
+        EXPECT_EQ(wrongValues, 0);
+    }
+}
+
+TEST_F(SQLiteTest, EditsAndDeletesWhileWalkingVisitEachRowOnce) {
+    db.Execute("CREATE TABLE t (n INTEGER, v TEXT);"
+               "WITH RECURSIVE c(n) AS (SELECT 1 UNION ALL SELECT n + 1 FROM c WHERE n < 100)"
+               " INSERT INTO t (n) SELECT n FROM c");
+    auto ds = Table("t", 4);
+    std::vector<int> visited;
+    for (ds->First(); !ds->Eof();) {
+        const int n = ds->Fields(0).Value().AsInteger();
+        visited.push_back(n);
+        if (n % 3 == 0) {
+            ds->Delete(); // already on the next row
+            continue;
+        }
+        if (n % 2 == 0) {
+            ds->Edit();
+            ds->Fields(1).SetValue("even");
+            ds->Post();
+            EXPECT_EQ(ds->Fields(1).AsString(), "even");
+        }
+        ds->Next();
+    }
+    ASSERT_EQ(visited.size(), 100u);
+    for (int i = 0; i < 100; ++i) EXPECT_EQ(visited[static_cast<size_t>(i)], i + 1);
+    EXPECT_EQ(Query("SELECT count(*) || ' ' || count(v) FROM t"), "67 34");
+}
+
+TEST_F(SQLiteTest, ConstraintErrorsLeaveTheDataSetUsable) {
+    db.Execute("CREATE TABLE t (code TEXT NOT NULL UNIQUE, qty INTEGER CHECK (qty >= 0))");
+    auto ds = Table("t");
+    const std::pair<std::vector<Variant>, std::string> rows[] = {
+        {{"A", 1}, ""},
+        {{Variant::Null(), 1}, "NOT NULL constraint failed: t.code"},
+        {{"A", 2}, "UNIQUE constraint failed: t.code"},
+        {{"B", -1}, "CHECK constraint failed"}, // SQLite adds the expression
+        {{"C", 3}, ""}};
+    db.StartTransaction();
+    for (const auto& [values, expected] : rows) {
+        const std::string error = ErrorOf([&] { Insert(*ds, values); });
+        EXPECT_EQ(error.substr(0, expected.size()), expected);
+        EXPECT_EQ(error.empty(), expected.empty()) << error;
+        if (!error.empty()) {
+            EXPECT_EQ(ds->State(), dsInsert);
+            ds->Cancel();
+        }
+    }
+    EXPECT_TRUE(db.InTransaction()); // a failed statement does not end the transaction
+    db.Commit();
+    EXPECT_EQ(Query("SELECT group_concat(code) FROM t"), "A,C");
+
+    ds->First();
+    ds->Edit();
+    ds->Fields(0).SetValue("C");
+    EXPECT_EQ(ErrorOf([&] { ds->Post(); }), "UNIQUE constraint failed: t.code");
+    ds->Cancel();
+    EXPECT_EQ(ds->Fields(0).AsString(), "A");
+}
+
+TEST_F(SQLiteTest, RollbackLeavesEarlierCommitsWhole) {
+    db.Execute("CREATE TABLE t (n INTEGER)");
+    auto ds = Table("t");
+    db.StartTransaction();
+    for (int n : {1, 2, 3}) Insert(*ds, {n});
+    db.Commit();
+    db.StartTransaction();
+    for (int n : {4, 5}) Insert(*ds, {n});
+    db.Rollback();
+    db.Rollback(); // nothing left to roll back: no error
+    EXPECT_FALSE(db.InTransaction());
+    EXPECT_THROW(db.Commit(), EDatabaseError);
+    int sum = 0;
+    for (ds->First(); !ds->Eof(); ds->Next()) sum += ds->Fields(0).Value().AsInteger();
+    EXPECT_EQ(sum, 6);
+
+    // StartTransaction takes the write lock at once: a second writer fails there, not midway.
+    db.StartTransaction();
+    TKvSQLiteDatabase other;
+    other.Open(dir.File("test.db"));
+    other.SetBusyTimeout(0);
+    EXPECT_EQ(ErrorOf([&] { other.StartTransaction(); }), "database is locked");
+    db.Commit();
+}
+
+TEST_F(SQLiteTest, OpenFailuresAreClearErrors) {
+    test::WriteFile(dir.File("notes.txt"), std::string(4096, 'x'));
+    TKvSQLiteDatabase bad;
+    const std::string error = ErrorOf([&] { bad.Open(dir.File("notes.txt")); });
+    EXPECT_NE(error.find("file is not a database"), std::string::npos) << error;
+    EXPECT_FALSE(bad.Connected());
+    EXPECT_NE(ErrorOf([&] { bad.Open(dir.Path()); }), "");
+
+    TKvSQLiteDataSet ds;
+    EXPECT_EQ(ErrorOf([&] { ds.Open(); }), "No database assigned");
+    ds.SetDatabase(&bad);
+    EXPECT_EQ(ErrorOf([&] { ds.Open(); }), "The database is not open");
+    ds.SetDatabase(&db);
+    ds.SetTableName("nope");
+    EXPECT_EQ(ErrorOf([&] { ds.Open(); }), "Table 'nope' does not exist");
+    EXPECT_FALSE(db.TableExists("nope"));
+    EXPECT_NE(ErrorOf([&] { db.Execute("SELEC 1"); }).find("syntax error"), std::string::npos);
+}
+
+TEST_F(SQLiteTest, ViewsAndTablesWithoutRowidAreReadForwardOnly) {
+    db.Execute("CREATE TABLE k (code TEXT PRIMARY KEY, n INTEGER) WITHOUT ROWID;"
+               "INSERT INTO k VALUES ('c', 3), ('a', 1), ('b', 2);"
+               "CREATE VIEW v AS SELECT code, n * 10 AS n10 FROM k ORDER BY code DESC");
+    for (const char* name : {"k", "v"}) {
+        SCOPED_TRACE(name);
+        EXPECT_TRUE(db.TableExists(name));
+        auto ds = Table(name);
+        EXPECT_TRUE(ds->ReadOnly());
+        EXPECT_TRUE(ds->Fields(1).ReadOnly());
+        std::string codes;
+        for (; !ds->Eof(); ds->Next()) codes += ds->Fields(0).AsString();
+        EXPECT_EQ(codes, name == std::string("k") ? "abc" : "cba");
+        EXPECT_EQ(ds->Fields(0).AsString(), codes.substr(2)); // still on the last row
+
+        ds->First();
+        ds->Next();
+        EXPECT_FALSE(ds->Locate("code", Variant("zz"), {}));
+        EXPECT_EQ(ds->Fields(0).AsString(), "b");
+        ASSERT_TRUE(ds->Locate("CODE", Variant("A"), {loCaseInsensitive}));
+        EXPECT_EQ(ds->Fields(0).AsString(), "a");
+        EXPECT_EQ(ds->RecordCount(), 3);
+
+        ds->Edit();
+        ds->Fields(1).SetValue(9);
+        EXPECT_NE(ErrorOf([&] { ds->Post(); }).find("Cannot modify a read-only dataset"), std::string::npos);
+        ds->Cancel();
+        EXPECT_THROW(ds->Delete(), EDatabaseError);
+    }
+}
+
+TEST_F(SQLiteTest, OddNamesColumnsHidingTheRowidAndClosing) {
+    db.Execute("CREATE TABLE \"my \"\"odd\"\" table\" (rowid TEXT, _rowid_ TEXT, \"a;b\" INTEGER);"
+               "CREATE TABLE hidden (rowid, _rowid_, oid)");
+    EXPECT_TRUE(Table("hidden")->ReadOnly()); // no name is left to reach the rowid by
+    auto ds = Table("my \"odd\" table", 2);
+    for (const char* v : {"x", "y", "z"}) Insert(*ds, {v, Variant::Null(), 1});
+    ds->First();
+    ds->Next();
+    ds->Edit();
+    ds->FieldByName("a;b").SetValue(2);
+    ds->Post();
+    ds->Next();
+    ds->Delete();
+    EXPECT_EQ(Query("SELECT group_concat(rowid || \"a;b\") FROM \"my \"\"odd\"\" table\""), "x1,y2");
+
+    EXPECT_THROW(ds->SetTableName("t"), EDatabaseError); // not while open
+    db.Close();
+    EXPECT_FALSE(ds->Active());
+    {
+        TKvSQLiteDatabase scoped;
+        scoped.Open(dir.File("test.db"));
+        ds->SetDatabase(&scoped);
+        ds->Open();
+    }
+    EXPECT_FALSE(ds->Active());
+    EXPECT_EQ(ds->Database(), nullptr);
+}
+
+} // namespace
+} // namespace kv
