@@ -43,7 +43,8 @@ void TKvIParser::Evaluate(const std::string& Eval, const std::vector<Variant>& A
         OnEvaluate(this, Eval, Args, ArgCount, IsChild, Value, done);
         if (done) return;
     }
-    Value = Variant(Eval);
+    // A value the handler produced without claiming the name (LOOKUP, SUBSTITUTE, columns: the import's
+    // handler claims only names without arguments) stands unless a user function takes the name.
     if (TKvIParserFunction* function = lstKvIRegFunctions.FunctionByName(Eval)) {
         function->ApplyArguments(Args, ArgCount);
         Value = function->Calculate(this);

@@ -1,0 +1,40 @@
+#pragma once
+// TKvImportFromDataSet: imports the rows of another open table of the application into the destination,
+// with all the engine's mapping, condition, key and mode rules.
+
+#include "engine/KvIBase.h"
+
+#include <unordered_map>
+
+namespace kv {
+
+class TKvImportFromDataSet : public TKvImportBaseComponent {
+public:
+    explicit TKvImportFromDataSet(TComponent* owner = nullptr);
+
+    /// The table read from (not owned; cleared when it is destroyed).
+    TDataSet* SourceDataset() const { return sourceDataset_; }
+    void SetSourceDataset(TDataSet* dataSet);
+
+    std::string ClassName() const override { return "TKvImportFromDataSet"; }
+
+protected:
+    bool NotDefined(std::string& propName) override;
+    void DetectAutoMapping() override;
+    /// Opens the source when it is closed. The regional settings are not reloaded here, even with
+    /// UseRegionalSettings: this source reads typed values, not text.
+    void BeforeImport() override;
+    void GoFirst() override { sourceDataset_->First(); }
+    void GoNext() override { sourceDataset_->Next(); }
+    bool NeedMore() override { return !sourceDataset_->Eof(); }
+    int GetTotalCount() override { return sourceDataset_->RecordCount(); }
+    Variant GetFieldValue(const Variant& value) override;
+    void Notification(TComponent* component, TOperation operation) override;
+
+private:
+    TDataSet* sourceDataset_ = nullptr;
+    // Fields by the names mappings use, found once per run rather than once per value.
+    std::unordered_map<std::string, TField*> fieldsByName_;
+};
+
+} // namespace kv

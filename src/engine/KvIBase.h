@@ -1,0 +1,322 @@
+#pragma once
+// TKvImportBaseComponent: the abstract import source. It owns the settings of an import, runs it
+// (Execute) through virtual source operations that each source class overrides, converts source values
+// into destination field values, proposes mappings, and saves and loads specification files.
+
+#include "datasets/DataSet.h"
+#include "engine/KvISettings.h"
+#include "expression/KvIParams.h"
+#include "expression/KvIPars.h"
+#include "platform/StringList.h"
+
+#include <exception>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace kv {
+
+class TStream;
+class TKvISQLWriter;
+
+using TNotifyEvent = std::function<void(TObject* Sender)>;
+using TErrorEvent = std::function<void(TObject* Sender, const std::exception& Error, bool& Abort)>;
+using TGetCellParamsEvent = std::function<void(TObject* Sender, TField* Field, Variant& Value)>;
+using TKvIParsedValue = std::function<void(TObject* Sender, TField* Field, Variant& Value)>;
+using TBeforeRecordEvent =
+    std::function<void(TObject* Sender, const std::string& Fields, const Variant& Values, bool& Accept)>;
+using TAfterRecordEvent = std::function<void(TObject* Sender, bool& Abort)>;
+using TKvIGetRowMode = std::function<void(TObject* Sender, const Variant& Values, TImportMode& AModeForRow)>;
+using TBeforeFieldEvent = std::function<void(TObject* Sender, TField* Field, Variant& Value, bool& Accept)>;
+using TKvISpecificationEvent = std::function<void(TObject* Sender, const std::string& AFileName)>;
+using TLocateRecordEvent = std::function<void(TObject* Sender, const std::string& KeyFields,
+                                              const Variant& Values, bool& Exist, bool& ExecuteLocate)>;
+using TKvIOnCreateStructure = std::function<void(TObject* Sender, TKvIColumns& Columns)>;
+
+/// The abstract import source.
+class TKvImportBaseComponent : public TComponent {
+public:
+    explicit TKvImportBaseComponent(TComponent* owner = nullptr);
+    ~TKvImportBaseComponent() override;
+
+    // ---- published settings ----
+    std::string About() const;
+    void SetAbout(const std::string&) {}
+    bool AbortOnProblem() const { return abortOnProblem_; }
+    void SetAbortOnProblem(bool v) { abortOnProblem_ = v; }
+    TKvIActionKind ActionKind() const { return actionKind_; }
+    void SetActionKind(TKvIActionKind v) { actionKind_ = v; }
+    bool AnimatedStatus() const { return animatedStatus_; }
+    void SetAnimatedStatus(bool v) { animatedStatus_ = v; }
+    TKvICharacterSet CharacterSet() const { return characterSet_; }
+    void SetCharacterSet(TKvICharacterSet v) { characterSet_ = v; }
+    TKvIDataFormats& DataFormats() { return dataFormats_; }
+    const TKvIDataFormats& DataFormats() const { return dataFormats_; }
+    void SetDataFormats(const TKvIDataFormats& v) { dataFormats_.Assign(v); }
+    TDataSet* DataSet() const { return dataSet_; }
+    /// Keeps the destination (not owned; cleared when it is destroyed) and, when DatasetKeys is empty,
+    /// takes the keys from the dataset's "IndexFieldName".
+    void SetDataSet(TDataSet* dataSet);
+    const std::string& DatasetKeys() const { return datasetKeys_; }
+    void SetDatasetKeys(const std::string& v) { datasetKeys_ = v; }
+    TKvILoadCondition& LoadCondition() { return loadCondition_; }
+    const TKvILoadCondition& LoadCondition() const { return loadCondition_; }
+    void SetLoadCondition(const TKvILoadCondition& v) { loadCondition_.Assign(v); }
+    TKvISQLOptions& SQLOptions() { return sqlOptions_; }
+    const TKvISQLOptions& SQLOptions() const { return sqlOptions_; }
+    void SetSQLOptions(const TKvISQLOptions& v) { sqlOptions_.Assign(v); }
+    TStringList& Mappings() { return mappings_; }
+    const TStringList& Mappings() const { return mappings_; }
+    void SetMappings(const TStringList& v) { mappings_.Assign(v); }
+    TImportMode Mode() const { return mode_; }
+    void SetMode(TImportMode v) { mode_ = v; }
+    TKvIOptions Options() const { return options_; }
+    void SetOptions(TKvIOptions v) { options_ = v; }
+    TKvIParameters& Parameters() { return parameters_; }
+    const TKvIParameters& Parameters() const { return parameters_; }
+    void SetParameters(const TKvIParameters& v) { parameters_.Assign(v); }
+    const std::string& TableName() const { return tableName_; }
+    void SetTableName(const std::string& v) { tableName_ = v; }
+    const std::string& TitleStatus() const { return titleStatus_; }
+    void SetTitleStatus(const std::string& v) { titleStatus_ = v; }
+    TKvIStatistic& Statistic() { return statistic_; }
+    const TKvIStatistic& Statistic() const { return statistic_; }
+    const std::string& SpecificationDir() const { return specificationDir_; }
+    void SetSpecificationDir(const std::string& v) { specificationDir_ = v; }
+    bool UseDisplayNames() const { return useDisplayNames_; }
+    void SetUseDisplayNames(bool v) { useDisplayNames_ = v; }
+    TKvITrimSpaces TrimSpaces() const { return trimSpaces_; }
+    void SetTrimSpaces(TKvITrimSpaces v) { trimSpaces_ = v; }
+    int CommitCount() const { return commitCount_; }
+    void SetCommitCount(int v) { commitCount_ = v; }
+
+    // ---- settings held here and published by the sources that use them ----
+    TTableTypeImport TableType() const { return tableType_; }
+    void SetTableType(TTableTypeImport v) { tableType_ = v; }
+    const std::string& SourceFileName() const { return sourceFileName_; }
+    void SetSourceFileName(const std::string& v) { sourceFileName_ = v; }
+    TKvIFieldDelimiter FieldDelimiter() const { return fieldDelimiter_; }
+    void SetFieldDelimiter(TKvIFieldDelimiter kind);
+    char32_t FieldDelimiterCustom() const { return fieldDelimiterCustom_; }
+    void SetFieldDelimiterCustom(char32_t c);
+    TKvITextQualifier TextQualifier() const { return textQualifier_; }
+    void SetTextQualifier(TKvITextQualifier kind);
+    char32_t TextQualifierCustom() const { return textQualifierCustom_; }
+    void SetTextQualifierCustom(char32_t c);
+    TKvIRecordSeparator RecordSeparator() const { return recordSeparator_; }
+    void SetRecordSeparator(TKvIRecordSeparator kind);
+    const std::string& RecordSeparatorCustom() const { return recordSeparatorCustom_; }
+    void SetRecordSeparatorCustom(const std::string& text);
+    int RowFirst() const { return rowFirst_; }
+    void SetRowFirst(int v) { rowFirst_ = v; }
+    int RowLast() const { return rowLast_; }
+    void SetRowLast(int v) { rowLast_ = v; }
+    int RowFieldNames() const { return rowFieldNames_; }
+    void SetRowFieldNames(int v) { rowFieldNames_ = v; }
+    bool Fixed() const { return fixed_; }
+    void SetFixed(bool v) { fixed_ = v; }
+    int MaxScanRows() const { return maxScanRows_; }
+    void SetMaxScanRows(int v) { maxScanRows_ = v; }
+    const std::string& DefaultSpecificationFileName() const { return specFileName_; }
+    void SetDefaultSpecificationFileName(const std::string& v) { specFileName_ = v; }
+
+    // ---- events ----
+    TErrorEvent OnErrorEvent;
+    TGetCellParamsEvent OnGetCellParams;
+    TKvIParsedValue OnParsedValue;
+    TOnEvaluate OnParserEvaluate;
+    TNotifyEvent OnBeforeExecute, OnAfterExecute;
+    TBeforeRecordEvent OnBeforeRecordEvent;
+    TAfterRecordEvent OnAfterRecordEvent;
+    TKvIGetRowMode OnGetRowMode;
+    TNotifyEvent OnBeforeUpdate;
+    TBeforeFieldEvent OnBeforeFieldUpdate;
+    TKvISpecificationEvent OnBeforeLoadSpecification, OnAfterLoadSpecification, OnBeforeSaveSpecification,
+        OnAfterSaveSpecification;
+    TLocateRecordEvent OnLocateRecord;
+    TNotifyEvent OnStartTransaction, OnFinishTransaction;
+    TKvIOnCreateStructure OnCreateStructure;
+
+    // ---- running ----
+    /// Runs one import; the outcome is in Statistic().Result, the message in LastMessage().
+    void Execute();
+    /// Imports from `stream` (not owned) instead of the source file.
+    virtual void LoadFromStream(TStream& stream);
+    /// The message of the last run (finished, canceled, or the error).
+    const std::string& LastMessage() const { return lastMessage_; }
+    /// The source's columns, as the last DetectAutoMapping found them.
+    TKvIColumns& Columns() { return columns_; }
+    const TKvIColumns& Columns() const { return columns_; }
+    /// Opens the source, describes its columns into Columns() and closes it again (for an application that
+    /// needs them before a run, for example to create the destination table).
+    void DescribeColumns();
+    /// Computes or asks the parameters; false when the user cancels.
+    virtual bool AskParameters();
+
+    /// The SQL statements of the last run with ActionKind akGenerateSQL.
+    TStringList& SQLScript() { return sqlScript_; }
+    /// When set, the script is also written to this file at the end of the run.
+    const std::string& SQLFileName() const { return sqlFileName_; }
+    void SetSQLFileName(const std::string& v) { sqlFileName_ = v; }
+
+    // ---- specification files ----
+    void LoadSpecification(const std::string& fileName);
+    void SaveSpecification(const std::string& fileName, const std::string& description, bool ask);
+    void LoadSpecificationFromStream(TStream& stream);
+    virtual void LoadSpecificationFromStrings(const TStringList& list);
+    virtual void SaveSpecificationToStream(TStream& stream, const std::string& description);
+
+    // ---- helpers ----
+    /// The destination field type as an import data type.
+    static TKvIDataType GetKvIDataType(TFieldType type);
+    /// The default file extension of a format index (".DBF", ".TXT", ...).
+    static std::string GetDefExt(int index);
+    static TImportFormatTypes GetAvailableImportFormats();
+    /// TableName when set, else the table name the dataset gives.
+    std::string GetTableName() const;
+    /// The table name of a dataset: its "TableName", else "CommandText", else the name after "FROM " in
+    /// its "SQL"; cut before the first ".".
+    static std::string GetParsedTableName(const TDataSet* dataSet);
+    /// The date-time mask by which source text is read into date fields.
+    std::string BuildDTFormat() const;
+    std::string BuildTimeFormat(bool withT) const;
+    /// Index of the mapping entry for destination field `name`, -1 when none.
+    int GetFieldItem(const std::string& name) const;
+    /// How a source column is named in a mapping line: its name, in brackets when it holds a blank.
+    virtual std::string GetColumnFieldName(int index) const;
+    virtual std::string Extension() const { return ".KvI"; }
+    virtual std::string FillFileFilters() const;
+    /// Rebuilds Mappings from Columns and the destination's fields.
+    virtual void Columns2Mapping();
+
+    void Assign(const TPersistent& source) override;
+    std::string ClassName() const override { return "TKvImportBaseComponent"; }
+
+protected:
+    // ---- the virtual source operations ----
+    virtual void Prepare();
+    virtual void BeforeImport();
+    virtual void AfterImport() {}
+    virtual void BuildArrayIntersection();
+    virtual void BuildFieldMapping();
+    virtual bool LoadRecord();
+    virtual void GoFirst() {}
+    virtual void GoNext() {}
+    virtual bool NeedMore() { return false; }
+    virtual int GetTotalCount() { return 0; }
+    virtual Variant GetValues(const std::string& columnName) {
+        (void)columnName;
+        return Variant::Null();
+    }
+    /// The value of the source column a name refers to; the base gives the name itself.
+    virtual Variant GetFieldValue(const Variant& value) { return value; }
+    /// The value of a mapping's source side for the current row (`index` >= 0: mapping entry `index`;
+    /// -1: a condition).
+    virtual Variant GetParsedValue(const Variant& value, int index);
+    virtual bool FieldIsTruncated() { return false; }
+    /// True, with the property's name, when a required property is missing.
+    virtual bool NotDefined(std::string& propName);
+    virtual bool BLOBIsMIME() { return false; }
+    virtual void ProcessRowsForColumnTypes() {}
+    /// Fills Columns; the base describes the destination's fields.
+    virtual void DetectAutoMapping();
+    void FillKey4Locate();
+    void FillKey4Values();
+
+    /// The evaluation handler every mapping and condition computes with.
+    void ParserEvaluate(TObject* sender, const std::string& eval, const std::vector<Variant>& args,
+                        int argCount, bool isChild, Variant& value, bool& done);
+
+    void Notification(TComponent* component, TOperation operation) override;
+
+    /// The stream LoadFromStream gave for the current run (nullptr: read the source file).
+    TStream* SourceStream() const { return sourceStream_; }
+    /// The field delimiter, qualifier and record separator as characters and text.
+    char32_t FieldDelimiterChar() const { return fieldDelimiterCustom_; }
+    char32_t TextQualifierChar() const { return textQualifierCustom_; }
+    bool Canceled() const { return canceled_; }
+
+    /// One line of the mapping, as the run uses it.
+    struct TKvIMapEntry {
+        std::string FieldName;              ///< destination field
+        int FieldIndex = -1;                ///< its index in the destination, -1 when unknown
+        std::string Source;                 ///< source column reference or expression
+        std::unique_ptr<TKvIParser> Parser; ///< the source side parsed once per run
+        std::exception_ptr ParseError;      ///< raised again for every row when the text does not parse
+    };
+    const std::vector<TKvIMapEntry>& Intersection() const { return intersection_; }
+    const std::vector<Variant>& RowValues() const { return rowValues_; }
+
+private:
+    void RunRows();
+    void ApplyRow();
+    void HandleError(const std::exception& error);
+    bool EvaluateCondition(const std::string& text, std::unique_ptr<TKvIParser>& kept,
+                           std::exception_ptr& error);
+    Variant Compute(TKvIParser& parser, std::exception_ptr error);
+    std::unique_ptr<TKvIParser> MakeParser(const std::string& text, std::exception_ptr& error);
+    void ConvertForField(TField& field, Variant& value, bool isChild, TObject* sender);
+    void RollbackCounter(bool exist);
+    Variant LookupValue(const std::vector<Variant>& args);
+    TDataSet* FindLookupDataSet(const std::string& name) const;
+    void ResetRunState();
+
+    // settings
+    bool abortOnProblem_ = true;
+    TKvIActionKind actionKind_ = akDatasetApply;
+    bool animatedStatus_ = true;
+    TKvICharacterSet characterSet_ = csiANSI_WINDOWS;
+    TKvIDataFormats dataFormats_;
+    TDataSet* dataSet_ = nullptr;
+    std::string datasetKeys_;
+    TKvILoadCondition loadCondition_;
+    TKvISQLOptions sqlOptions_;
+    TStringList mappings_;
+    TImportMode mode_ = imAppend;
+    TKvIOptions options_ = TKvIOptions::FromBits(59);
+    TKvIParameters parameters_;
+    std::string tableName_;
+    std::string titleStatus_;
+    TKvIStatistic statistic_;
+    std::string specificationDir_;
+    bool useDisplayNames_ = false;
+    TKvITrimSpaces trimSpaces_ = tsNoTrim;
+    int commitCount_ = 300;
+    TTableTypeImport tableType_ = teText;
+    std::string sourceFileName_;
+    TKvIFieldDelimiter fieldDelimiter_ = fdTab;
+    char32_t fieldDelimiterCustom_ = 9;
+    TKvITextQualifier textQualifier_ = tqQuot;
+    char32_t textQualifierCustom_ = 34;
+    TKvIRecordSeparator recordSeparator_ = rsCRLF;
+    std::string recordSeparatorCustom_ = "\r\n";
+    int rowFirst_ = 1;
+    int rowLast_ = 2147483647;
+    int rowFieldNames_ = 1;
+    bool fixed_ = false;
+    int maxScanRows_ = 0;
+    std::string specFileName_;
+    std::string sqlFileName_;
+
+    // run state
+    TKvIColumns columns_;
+    TStream* sourceStream_ = nullptr;
+    bool canceled_ = false;
+    bool inTransaction_ = false;
+    std::string lastMessage_;
+    std::vector<TKvIMapEntry> intersection_;
+    std::vector<Variant> rowValues_;
+    std::vector<std::string> keyNames_;
+    std::vector<int> keyPositions_;
+    std::vector<Variant> keyValues_;
+    TField* convertingField_ = nullptr;
+    std::unique_ptr<TKvIParser> loadWhenParser_, skipIfParser_;
+    std::exception_ptr loadWhenError_, skipIfError_;
+    std::string runTableName_;
+    std::string fieldNames_;
+    TStringList sqlScript_;
+    std::unique_ptr<TKvISQLWriter> sqlWriter_;
+};
+
+} // namespace kv

@@ -1,0 +1,254 @@
+// Value conversion: the evaluation handler that resolves the names of mappings and conditions (LOOKUP,
+// SUBSTITUTE, system variables, parameters, source columns) and turns source text into the type of the
+// destination field by the data formats.
+
+#include "engine/Impcnst.h"
+#include "engine/KvIBase.h"
+#include "engine/KvIMIME.h"
+#include "platform/FormatSettings.h"
+#include "platform/SysUtils.h"
+#include "platform/Utf8.h"
+
+namespace kv {
+
+namespace {
+
+void StripPair(std::string& s, char open, char close) {
+    if (s.size() >= 2 && s.front() == open && s.back() == close) s = s.substr(1, s.size() - 2);
+}
+
+void RemoveAll(std::string& s, std::string_view what) {
+    if (what.empty()) return;
+    for (size_t p = s.find(what); p != std::string::npos; p = s.find(what, p)) s.erase(p, what.size());
+}
+
+std::string CharText(char32_t c) {
+    return c ? Utf8Encode(c) : std::string();
+}
+
+bool IsIntegerType(TFieldType t) {
+    return t == ftSmallint || t == ftInteger || t == ftWord || t == ftAutoInc || t == ftLargeint;
+}
+
+} // namespace
+
+std::string TKvImportBaseComponent::BuildTimeFormat(bool withT) const {
+    const std::string sep = CharText(dataFormats_.TimeSeparator);
+    return std::string(withT ? "T" : "") + "HH" + sep + "NN" + sep + "SS";
+}
+
+std::string TKvImportBaseComponent::BuildDTFormat() const {
+    if (!dataFormats_.CustomDateTimeFormat.empty()) return Utf8UpperCase(dataFormats_.CustomDateTimeFormat);
+    const std::string sep = CharText(dataFormats_.DateSeparator);
+    const std::string y = dataFormats_.FourDigitYear ? "YYYY" : "YY";
+    const char* order[6][3] = {{"MM", "DD", "Y"}, {"DD", "MM", "Y"}, {"Y", "MM", "DD"},
+                               {"Y", "DD", "MM"}, {"DD", "Y", "MM"}, {"MM", "Y", "DD"}};
+    std::string date;
+    for (int i = 0; i < 3; ++i) {
+        const std::string part = order[dataFormats_.DateOrder][i];
+        if (i) date += sep;
+        date += part == "Y" ? y : part;
+    }
+    return date + " " + BuildTimeFormat(tableType_ == teXML);
+}
+
+TDataSet* TKvImportBaseComponent::FindLookupDataSet(const std::string& name) const {
+    TComponent* found = nullptr;
+    const size_t dot = name.find('.');
+    // Owners from the nearest outwards: the component's owner, the owner's owner (its form), ...
+    for (TComponent* scope = Owner(); scope && !found; scope = scope->Owner()) {
+        if (dot == std::string::npos) {
+            found = scope->FindComponent(name);
+        } else {
+            const std::string form = name.substr(0, dot);
+            TComponent* container = SameText(scope->Name(), form) ? scope : scope->FindComponent(form);
+            if (container) found = container->FindComponent(name.substr(dot + 1));
+        }
+    }
+    if (!found) return nullptr;
+    auto* dataSet = dynamic_cast<TDataSet*>(found);
+    if (!dataSet) throw EInvalidCast("Invalid class typecast");
+    return dataSet;
+}
+
+Variant TKvImportBaseComponent::LookupValue(const std::vector<Variant>& args) {
+    TDataSet* table = FindLookupDataSet(args[0].AsString());
+    if (!table) return Variant::Null();
+    if (!table->Active()) table->Open();
+    if (!table->Locate(args[1].AsString(), args[2], TLocateOptions{})) return Variant::Null();
+    std::string returnField = args[3].AsString();
+    StripPair(returnField, '~', '~');
+    return table->FieldByName(returnField).Value();
+}
+
+void TKvImportBaseComponent::ParserEvaluate(TObject* sender, const std::string& eval,
+                                            const std::vector<Variant>& args, int argCount, bool isChild,
+                                            Variant& value, bool& done) {
+    done = argCount == 0;
+    if (value.IsString() && value.StringRef().size() >= 2) {
+        const std::string& s = value.StringRef();
+        if ((s.front() == '[' && s.back() == ']') || (s.front() == '"' && s.back() == '"')) {
+            std::string stripped = s;
+            StripPair(stripped, '[', ']');
+            StripPair(stripped, '"', '"');
+            value = Variant(std::move(stripped));
+        }
+    }
+    // Only names starting with L or S are the handler's own; the rest skip the comparisons.
+    const char first = eval.empty() ? '\0' : static_cast<char>(eval[0] & ~0x20);
+    bool own = first == 'L' || first == 'S';
+    if (own) {
+        const std::string upper = UpperCase(eval);
+        if (upper == "LOOKUP" && argCount >= 4) {
+            value = LookupValue(args);
+        } else if (upper == "SUBSTITUTE" && argCount >= 3) {
+            const std::string text = args[0].AsString();
+            std::string sources = args[1].AsString(), results = args[2].AsString();
+            value = Variant::Null();
+            while (!sources.empty()) {
+                const std::string source = GetNextItem(sources, ";");
+                const std::string result = GetNextItem(results, ";");
+                if (source == text) {
+                    value = Variant(result);
+                    break;
+                }
+            }
+        } else if (upper == "STATTOTALCOUNT") {
+            value = Variant(statistic_.TotalCount);
+        } else if (upper == "STATTOTALIMPORTED") {
+            value = Variant(statistic_.TotalImported);
+        } else if (upper == "STATTOTALADDED") {
+            value = Variant(statistic_.TotalAdded);
+        } else if (upper == "STATTOTALDELETED") {
+            value = Variant(statistic_.TotalDeleted);
+        } else if (upper == "STATTOTALUPDATED") {
+            value = Variant(statistic_.TotalUpdated);
+        } else if (upper == "STATERRORCOUNT") {
+            value = Variant(statistic_.TotalErrors);
+        } else if (upper == "STATTOTALSKIPPED") {
+            value = Variant(statistic_.TotalSkipped);
+        } else {
+            own = false;
+        }
+    }
+    if (!own) {
+        if (const TKvIParameter* parameter = parameters_.ParamByName(eval))
+            value = parameter->Value;
+        else
+            value = GetFieldValue(value);
+        if (OnParsedValue) OnParsedValue(this, convertingField_, value);
+    }
+    if (OnParserEvaluate) OnParserEvaluate(sender, eval, args, argCount, isChild, value, done);
+
+    if (value.IsString()) {
+        switch (trimSpaces_) {
+        case tsTrimRight:
+            value = Variant(TrimRight(value.StringRef()));
+            break;
+        case tsTrimLeft:
+            value = Variant(TrimLeft(value.StringRef()));
+            break;
+        case tsTrimLeftRight:
+            value = Variant(Trim(value.StringRef()));
+            break;
+        case tsNoTrim:
+            break;
+        }
+    }
+    // Only texts (and byte strings) can have an empty text; a number or a date never does.
+    const bool textual = value.IsString() || value.VarType() == varBytes;
+    if (value.IsNullOrEmpty() || (textual && value.StringRef().empty())) {
+        value = Variant::Null();
+        return;
+    }
+    if (!isChild && convertingField_) ConvertForField(*convertingField_, value, isChild, sender);
+}
+
+void TKvImportBaseComponent::ConvertForField(TField& field, Variant& value, bool isChild, TObject* sender) {
+    (void)sender;
+    const TFieldType type = field.DataType();
+    if (value.IsString()) {
+        const std::string& s = value.StringRef();
+        if (!BLOBIsMIME()) {
+            if (s.rfind("[CDATA[", 0) == 0)
+                value = Variant(s.size() >= 9 ? s.substr(7, s.size() - 9) : std::string());
+        } else if (s.rfind("[CDATA[", 0) == 0) {
+            value = Variant::FromBytes(
+                Decode64(s.size() >= 9 ? std::string_view(s).substr(7, s.size() - 9) : ""));
+        } else if (field.IsBlob()) {
+            value = Variant::FromBytes(Decode64(s));
+        }
+    }
+    if (!value.IsString()) return;
+
+    const std::string text = value.StringRef();
+    const std::string trimmed = Trim(text);
+    const std::string& fieldName = field.FieldName();
+    if (type == ftBoolean) {
+        if (text == dataFormats_.BooleanTrue || text == "True" || text == "1" || text == "T" || text == "Y")
+            value = Variant(true);
+        else if (text == dataFormats_.BooleanFalse || text == "False" || text == "0" || text == "F" ||
+                 text == "N")
+            value = Variant(false);
+        else if (text == "-1")
+            value = Variant::Null(); // deliberately: "-1" is no answer
+    } else if (IsIntegerType(type)) {
+        if (trimmed.empty() || SameText(trimmed, fieldName)) {
+            value = Variant(0);
+        } else if (!isChild && StringIsNumeric(text)) {
+            value = type == ftLargeint ? Variant::FromInt(StrToInt64(trimmed)) : Variant(StrToInt(trimmed));
+        }
+    } else if (type == ftFloat || type == ftCurrency || type == ftBCD) {
+        if (trimmed.empty() || SameText(trimmed, fieldName)) {
+            value = Variant(0);
+            return;
+        }
+        TDecimalSeparatorSwap swap(dataFormats_.DecimalSeparator);
+        std::string t = text;
+        if (dataFormats_.ThousandSeparator) RemoveAll(t, Utf8Encode(dataFormats_.ThousandSeparator));
+        if (!dataFormats_.CurrencyString.empty()) {
+            size_t p = t.find(dataFormats_.CurrencyString);
+            if (p != std::string::npos) t.erase(p, dataFormats_.CurrencyString.size());
+        }
+        if (SameText(t, fieldName)) {
+            value = Variant(0);
+            return;
+        }
+        if (SameText(t, "NULL")) {
+            value = Variant::Null();
+            return;
+        }
+        const std::string decimal = Utf8Encode(dataFormats_.DecimalSeparator);
+        if (!decimal.empty() && t.rfind(decimal, 0) == 0) t.insert(0, "0");
+        if (StringIsNumeric(t))
+            value = Variant(StrToFloat(t));
+        else
+            value = Variant(t);
+    } else if (type == ftDate || type == ftDateTime) {
+        std::string bare = text;
+        for (const std::string& sep :
+             {std::string("/"), std::string(":"), CharText(dataFormats_.DateSeparator),
+              CharText(dataFormats_.TimeSeparator)})
+            RemoveAll(bare, sep);
+        if (TrimView(bare).empty() || SameText(text, fieldName)) {
+            value = Variant::Null();
+            return;
+        }
+        const TDateTime dt =
+            GetDTByMask(trimmed, BuildDTFormat(), dataFormats_.DateSeparator, dataFormats_.TimeSeparator);
+        if (dt != 0 && !trimmed.empty()) value = Variant::FromDateTime(dt);
+    } else if (type == ftTime) {
+        if (trimmed.empty() || SameText(trimmed, fieldName)) {
+            value = Variant(0);
+            return;
+        }
+        const TDateTime dt = GetDTByMask(trimmed, BuildTimeFormat(false), dataFormats_.DateSeparator,
+                                         dataFormats_.TimeSeparator);
+        if (dt != 0)
+            value = Variant::FromDateTime(dt);
+        else if (!trimmed.empty())
+            value = Variant::FromDateTime(0); // unreadable time text is midnight, unlike dates
+    }
+}
+
+} // namespace kv

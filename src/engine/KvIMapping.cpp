@@ -1,0 +1,176 @@
+// Mappings: the proposal of a mapping from the source's columns, the table of mapping entries a run
+// computes with, the key positions, and the value of one mapping line for the current row.
+
+#include "engine/Impcnst.h"
+#include "engine/KvIBase.h"
+#include "platform/SysUtils.h"
+
+namespace kv {
+
+std::string TKvImportBaseComponent::GetColumnFieldName(int index) const {
+    const std::string& name = columns_.Columns(index).FieldName;
+    return name.find(' ') == std::string::npos ? name : "[" + name + "]";
+}
+
+void TKvImportBaseComponent::DetectAutoMapping() {
+    if (!dataSet_) return;
+    if (!dataSet_->Active()) dataSet_->Open();
+    for (int i = 0; i < dataSet_->FieldCount(); ++i) {
+        const TField& f = dataSet_->Fields(i);
+        TKvIColumn& c = columns_.Add();
+        c.FieldName = f.FieldName();
+        c.Caption = f.DisplayLabel();
+        c.DataType = GetKvIDataType(f.DataType());
+        c.Alignment = f.Alignment();
+        c.Size = f.Size();
+        if (f.DataType() == ftFloat) c.Precision = f.Precision();
+    }
+}
+
+void TKvImportBaseComponent::Columns2Mapping() {
+    mappings_.Clear();
+    if (!dataSet_) return;
+    if (!dataSet_->Active()) dataSet_->Open();
+    const int fieldCount = dataSet_->FieldCount();
+
+    for (int c = 0; c < columns_.Count(); ++c) {
+        const TKvIColumn& column = columns_.Columns(c);
+        const bool hasBlank = column.FieldName.find(' ') != std::string::npos;
+        for (int f = 0; f < fieldCount; ++f) {
+            const TField& field = dataSet_->Fields(f);
+            if (field.ReadOnly()) continue;
+            bool match = CompareText(column.FieldName, field.FieldName()) == 0;
+            if (!match && hasBlank)
+                match = SameText(column.FieldName, "[" + field.FieldName() + "]") ||
+                        SameText(column.FieldName, "\"" + field.FieldName() + "\"");
+            if (!match && useDisplayNames_)
+                match = SameText(column.FieldName.empty() ? column.Caption : column.FieldName,
+                                 field.DisplayLabel());
+            if (match) {
+                mappings_.Add(field.FieldName() + "=" + GetColumnFieldName(c));
+                break;
+            }
+        }
+    }
+
+    if (mappings_.Count() < fieldCount) {
+        int k = 0;
+        for (int f = 0; f < fieldCount; ++f) {
+            const TField& field = dataSet_->Fields(f);
+            if (!field.Visible() || field.ReadOnly()) continue;
+            if (mappings_.IndexOfName(field.FieldName()) < 0)
+                mappings_.Insert(std::min(k, mappings_.Count()), field.FieldName() + "=");
+            ++k;
+        }
+    }
+
+    if (mappings_.Empty())
+        for (int c = 0; c < columns_.Count() && c < fieldCount; ++c)
+            mappings_.Add(dataSet_->Fields(c).FieldName() + "=" + GetColumnFieldName(c));
+}
+
+int TKvImportBaseComponent::GetFieldItem(const std::string& name) const {
+    for (size_t i = 0; i < intersection_.size(); ++i)
+        if (SameText(intersection_[i].FieldName, name)) return static_cast<int>(i);
+    return -1;
+}
+
+void TKvImportBaseComponent::BuildFieldMapping() {
+    FillKey4Locate();
+    FillKey4Values();
+}
+
+void TKvImportBaseComponent::FillKey4Locate() {
+    keyNames_.clear();
+    size_t start = 0;
+    while (start <= datasetKeys_.size()) {
+        size_t end = datasetKeys_.find(';', start);
+        if (end == std::string::npos) end = datasetKeys_.size();
+        std::string name = Trim(std::string_view(datasetKeys_).substr(start, end - start));
+        if (!name.empty()) keyNames_.push_back(std::move(name));
+        start = end + 1;
+    }
+    keyPositions_.assign(keyNames_.size(), -1);
+}
+
+void TKvImportBaseComponent::FillKey4Values() {
+    keyValues_.assign(keyNames_.size(), Variant::Null());
+    for (size_t k = 0; k < keyNames_.size(); ++k) {
+        const int position = k < keyPositions_.size() ? keyPositions_[k] : -1;
+        if (position >= 0 && static_cast<size_t>(position) < rowValues_.size())
+            keyValues_[k] = rowValues_[static_cast<size_t>(position)];
+    }
+}
+
+std::unique_ptr<TKvIParser> TKvImportBaseComponent::MakeParser(const std::string& text,
+                                                               std::exception_ptr& error) {
+    auto parser = std::make_unique<TKvIParser>();
+    parser->OnEvaluate = [this](TObject* sender, const std::string& eval, const std::vector<Variant>& args,
+                                int argCount, bool isChild, Variant& value, bool& done) {
+        ParserEvaluate(sender, eval, args, argCount, isChild, value, done);
+    };
+    parser->SetText(text);
+    error = nullptr;
+    try {
+        parser->Parse();
+    } catch (...) {
+        // A fresh parse for every row would fail the same way: every row reports this error.
+        error = std::current_exception();
+    }
+    return parser;
+}
+
+Variant TKvImportBaseComponent::Compute(TKvIParser& parser, std::exception_ptr error) {
+    if (error) std::rethrow_exception(error);
+    return parser.Calculate();
+}
+
+void TKvImportBaseComponent::BuildArrayIntersection() {
+    intersection_.clear();
+    fieldNames_.clear();
+    for (int i = 0; i < mappings_.Count(); ++i) {
+        const std::string& line = mappings_[i];
+        const size_t eq = line.find('=');
+        if (eq == std::string::npos) continue;
+        TKvIMapEntry entry;
+        entry.FieldName = Trim(std::string_view(line).substr(0, eq));
+        entry.Source = line.substr(eq + 1);
+        // A line without a source side names a field that receives nothing.
+        if (entry.FieldName.empty() || TrimView(entry.Source).empty()) continue;
+        if (TField* field = dataSet_ ? dataSet_->FindField(entry.FieldName) : nullptr)
+            entry.FieldIndex = field->Index();
+        entry.Parser = MakeParser(entry.Source, entry.ParseError);
+        if (!fieldNames_.empty()) fieldNames_ += ';';
+        fieldNames_ += entry.FieldName;
+        intersection_.push_back(std::move(entry));
+    }
+    for (size_t k = 0; k < keyNames_.size(); ++k) keyPositions_[k] = GetFieldItem(keyNames_[k]);
+    loadWhenParser_.reset();
+    skipIfParser_.reset();
+    rowValues_.assign(intersection_.size(), Variant::Null());
+}
+
+Variant TKvImportBaseComponent::GetParsedValue(const Variant& value, int index) {
+    const std::string text = value.AsString();
+    if ((tableType_ == teText || tableType_ == teClipboard) && text.rfind(strTextFieldName, 0) == 0) {
+        // "Text1-10" is a column reference, not a subtraction: resolve it as one name.
+        Variant v(text);
+        bool done = false;
+        ParserEvaluate(this, text, {}, 0, false, v, done);
+        return v;
+    }
+    if (index >= 0 && static_cast<size_t>(index) < intersection_.size() &&
+        intersection_[static_cast<size_t>(index)].Source == text) {
+        TKvIMapEntry& entry = intersection_[static_cast<size_t>(index)];
+        return Compute(*entry.Parser, entry.ParseError);
+    }
+    if (index < 0 && loadWhenParser_ && loadWhenParser_->Text() == text)
+        return Compute(*loadWhenParser_, loadWhenError_);
+    if (index < 0 && skipIfParser_ && skipIfParser_->Text() == text)
+        return Compute(*skipIfParser_, skipIfError_);
+    std::exception_ptr error;
+    std::unique_ptr<TKvIParser> parser = MakeParser(text, error);
+    return Compute(*parser, error);
+}
+
+} // namespace kv

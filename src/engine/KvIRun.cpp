@@ -1,0 +1,391 @@
+// The run of an import: Execute, the row loop with its modes, key lookup, transactions, error rule and
+// statistic, and the loading of one record.
+
+#include "engine/Impcnst.h"
+#include "engine/KvIBase.h"
+#include "engine/KvISQL.h"
+#include "engine/KvIUtils.h"
+#include "platform/Format.h"
+#include "platform/FrontEnd.h"
+#include "platform/Streams.h"
+#include "platform/SysUtils.h"
+
+namespace kv {
+
+namespace {
+
+bool IsKeyedMode(TImportMode mode) {
+    return mode == imUpdate || mode == imAppendUpdate || mode == imDelete || mode == imAppendNewOnly;
+}
+
+TProgressState ProgressOf(const TKvIStatistic& s) {
+    TProgressState p;
+    p.Processed = s.TotalImported;
+    p.Total = s.TotalCount;
+    p.Added = s.TotalAdded;
+    p.Updated = s.TotalUpdated;
+    p.Deleted = s.TotalDeleted;
+    p.Errors = s.TotalErrors;
+    p.Skipped = s.TotalSkipped;
+    return p;
+}
+
+// The failure of one guarded block: its exception, kept so that it can be passed on unchanged.
+struct Failure {
+    std::exception_ptr error;
+    const std::exception* what = nullptr;
+};
+
+} // namespace
+
+void TKvImportBaseComponent::Execute() {
+    statistic_.Result = irUnknown;
+    if (OnBeforeExecute) OnBeforeExecute(this);
+
+    std::string propName;
+    if (NotDefined(propName)) throw Exception(Format(strPropertyError, propName));
+    if (datasetKeys_.empty() && IsKeyedMode(mode_)) throw Exception(Format(strPropertyError, datasetKeys_));
+
+    if (!AskParameters()) return;
+
+    IKvFrontEnd& ui = FrontEnd();
+    std::string message;
+    bool madeMapping = false;
+    try {
+        BeforeImport();
+        if (!dataSet_->Active()) dataSet_->Open();
+        if (animatedStatus_)
+            ui.CreateProgressDlg(titleStatus_, strImporting, options_.Contains(soExtendedStatistic));
+        if (mappings_.Empty()) {
+            columns_.Clear();
+            DetectAutoMapping();
+            if (OnCreateStructure) OnCreateStructure(this, columns_);
+            if (mappings_.Empty()) {
+                Columns2Mapping();
+                madeMapping = true;
+            }
+        }
+        try {
+            Prepare();
+        } catch (...) {
+            if (madeMapping) mappings_.Clear();
+            throw;
+        }
+        if (madeMapping) mappings_.Clear();
+        if (ui.ProgressCanceled() || canceled_) {
+            message = strImportCanceled;
+            statistic_.Result = irCanceled;
+        } else {
+            message = strImportFinished;
+            statistic_.Result = irExecuted;
+        }
+    } catch (const std::exception& e) {
+        message = strImportError + "\r\n" +
+                  (dynamic_cast<const Exception*>(&e) ? static_cast<const Exception&>(e).Message()
+                                                      : std::string(e.what()));
+        statistic_.Result = irFailed;
+    }
+    lastMessage_ = message;
+    if (animatedStatus_) {
+        ui.FinishProgressDlg(message, ProgressOf(statistic_), !options_.Contains(soAutoCloseStatistic));
+        ui.DestroyProgressDlg();
+    } else if (options_.Contains(soShowMessage)) {
+        ui.ShowMessage(message);
+    }
+    AfterImport();
+    if (OnAfterExecute) OnAfterExecute(this);
+}
+
+void TKvImportBaseComponent::ResetRunState() {
+    statistic_.TotalCount = statistic_.TotalImported = statistic_.TotalAdded = statistic_.TotalDeleted = 0;
+    statistic_.TotalUpdated = statistic_.TotalErrors = statistic_.TotalSkipped = 0;
+    statistic_.LastAction = iaUnknown;
+    sqlScript_.Clear();
+}
+
+void TKvImportBaseComponent::Prepare() {
+    if (OnStartTransaction) OnStartTransaction(this);
+    // The first start leaves the flag clear: the first commit point starts again without finishing.
+    inTransaction_ = false;
+    BuildFieldMapping();
+    BuildArrayIntersection();
+    dataSet_->DisableControls();
+    try {
+        RunRows();
+    } catch (...) {
+        if (inTransaction_ && OnFinishTransaction) OnFinishTransaction(this);
+        inTransaction_ = false;
+        try {
+            dataSet_->First();
+        } catch (...) {
+        }
+        dataSet_->EnableControls();
+        sqlWriter_.reset();
+        throw;
+    }
+    if (inTransaction_ && OnFinishTransaction) OnFinishTransaction(this);
+    inTransaction_ = false;
+    dataSet_->First();
+    dataSet_->EnableControls();
+    sqlWriter_.reset();
+    if (actionKind_ == akGenerateSQL && !sqlFileName_.empty()) sqlScript_.SaveToFile(sqlFileName_);
+}
+
+void TKvImportBaseComponent::RunRows() {
+    ResetRunState();
+    runTableName_ = GetTableName();
+    if (actionKind_ == akGenerateSQL)
+        sqlWriter_ = std::make_unique<TKvISQLWriter>(sqlOptions_, runTableName_);
+    IKvFrontEnd& ui = FrontEnd();
+
+    if (mode_ == imCopy) {
+        dataSet_->First();
+        if (actionKind_ == akGenerateSQL) sqlScript_.Add(sqlWriter_->DeleteAll());
+        while (!dataSet_->Eof()) {
+            if (actionKind_ == akDatasetApply)
+                dataSet_->Delete();
+            else
+                dataSet_->Next();
+            ++statistic_.TotalDeleted;
+        }
+    }
+
+    GoFirst();
+    statistic_.TotalCount = std::min(GetTotalCount(), rowLast_);
+    if (animatedStatus_) ui.UpdateProgressDlg(ProgressOf(statistic_));
+    canceled_ = false;
+
+    const int updateStep = statistic_.UpdateStep > 0 ? statistic_.UpdateStep : 1;
+    while (!canceled_ && !ui.ProgressCanceled() && NeedMore()) {
+        if (animatedStatus_ && statistic_.TotalImported % updateStep == 0)
+            ui.UpdateProgressDlg(ProgressOf(statistic_));
+        ++statistic_.TotalImported;
+        statistic_.LastAction = iaUnknown;
+        if (commitCount_ > 0 && statistic_.TotalImported % commitCount_ == 0) {
+            if (inTransaction_) {
+                if (OnFinishTransaction) OnFinishTransaction(this);
+                inTransaction_ = false;
+            }
+            if (OnStartTransaction) {
+                OnStartTransaction(this);
+                inTransaction_ = true;
+            }
+        }
+
+        try {
+            if (!LoadRecord()) {
+                ++statistic_.TotalSkipped;
+            } else {
+                TImportMode rowMode = mode_;
+                if (OnGetRowMode) OnGetRowMode(this, Variant::FromArray(rowValues_), rowMode);
+                bool exist = false;
+                std::string keyCondition;
+                if (IsKeyedMode(rowMode) && !datasetKeys_.empty()) {
+                    Variant lookup = keyValues_.size() == 1 ? keyValues_[0] : Variant::FromArray(keyValues_);
+                    exist = true;
+                    bool executeLocate = true;
+                    if (OnLocateRecord) OnLocateRecord(this, datasetKeys_, lookup, exist, executeLocate);
+                    if (exist && executeLocate)
+                        exist = dataSet_->Locate(datasetKeys_, lookup, TLocateOptions{});
+                }
+                if (OnBeforeUpdate) OnBeforeUpdate(this);
+                switch (rowMode) {
+                case imAppend:
+                case imCopy:
+                    statistic_.LastAction = iaAdd;
+                    break;
+                case imUpdate:
+                    statistic_.LastAction = exist ? iaUpdate : iaUnknown;
+                    break;
+                case imAppendUpdate:
+                    statistic_.LastAction = exist ? iaUpdate : iaAdd;
+                    break;
+                case imDelete:
+                    statistic_.LastAction = exist ? iaDelete : iaUnknown;
+                    break;
+                case imAppendNewOnly:
+                    statistic_.LastAction = exist ? iaUnknown : iaAdd;
+                    break;
+                }
+                try {
+                    ApplyRow();
+                } catch (const std::exception& e) {
+                    if (actionKind_ == akDatasetApply &&
+                        (dataSet_->State() == dsEdit || dataSet_->State() == dsInsert))
+                        dataSet_->Cancel();
+                    ++statistic_.TotalErrors;
+                    RollbackCounter(exist);
+                    HandleError(e);
+                }
+            }
+        } catch (const std::exception& e) {
+            HandleError(e);
+        }
+
+        canceled_ = false;
+        if (OnAfterRecordEvent) OnAfterRecordEvent(this, canceled_);
+        GoNext();
+    }
+    if (animatedStatus_) ui.UpdateProgressDlg(ProgressOf(statistic_));
+}
+
+void TKvImportBaseComponent::HandleError(const std::exception& error) {
+    if (!OnErrorEvent) return; // swallowed: the loop goes on with the next row
+    canceled_ = abortOnProblem_;
+    OnErrorEvent(this, error, canceled_);
+    if (canceled_) throw;
+}
+
+void TKvImportBaseComponent::RollbackCounter(bool exist) {
+    // Chosen by the component's mode, not the row's: a row that changed its mode rolls back by the run's.
+    switch (mode_) {
+    case imAppend:
+    case imCopy:
+        --statistic_.TotalAdded;
+        break;
+    case imUpdate:
+        if (exist) --statistic_.TotalUpdated;
+        break;
+    case imAppendUpdate:
+        if (exist)
+            --statistic_.TotalUpdated;
+        else
+            --statistic_.TotalAdded;
+        break;
+    case imDelete:
+        if (exist) --statistic_.TotalDeleted;
+        break;
+    case imAppendNewOnly:
+        if (!exist) --statistic_.TotalAdded;
+        break;
+    }
+}
+
+void TKvImportBaseComponent::ApplyRow() {
+    const bool apply = actionKind_ == akDatasetApply;
+    const TKvIAction action = statistic_.LastAction;
+    switch (action) {
+    case iaAdd:
+        if (apply) dataSet_->Append();
+        ++statistic_.TotalAdded;
+        break;
+    case iaUpdate:
+        if (apply) dataSet_->Edit();
+        ++statistic_.TotalUpdated;
+        break;
+    case iaDelete:
+        if (apply) dataSet_->Delete();
+        ++statistic_.TotalDeleted;
+        break;
+    case iaUnknown:
+        break;
+    }
+    const bool editing = dataSet_->State() == dsEdit || dataSet_->State() == dsInsert;
+    std::vector<std::string> names, literals;
+    if (apply ? editing : true) {
+        for (size_t i = 0; i < intersection_.size(); ++i) {
+            const TKvIMapEntry& entry = intersection_[i];
+            TField* field = entry.FieldIndex >= 0 ? &dataSet_->Fields(entry.FieldIndex)
+                                                  : dataSet_->FindField(entry.FieldName);
+            if (!field) continue;
+            Variant value = rowValues_[i];
+            bool accept = !(actionKind_ == akGenerateSQL && field->IsBlob() && field->DataType() != ftMemo &&
+                            field->DataType() != ftFmtMemo);
+            if (OnBeforeFieldUpdate) OnBeforeFieldUpdate(this, field, value, accept);
+            if (!accept) continue;
+            if (apply) {
+                if (value.IsNullOrEmpty())
+                    field->Clear();
+                else if (field->DataType() == ftLargeint)
+                    field->SetValue(Variant::FromInt(value.AsInt64()));
+                else
+                    field->SetValue(value);
+            } else if (action == iaAdd || action == iaUpdate) {
+                names.push_back(field->FieldName());
+                literals.push_back(sqlWriter_->Literal(
+                    CoerceToFieldType(value, field->DataType(), field->FieldName()), field->DataType()));
+            }
+        }
+    }
+    if (apply) {
+        if (dataSet_->State() == dsEdit || dataSet_->State() == dsInsert) dataSet_->Post();
+        return;
+    }
+    std::string condition;
+    if (action == iaUpdate || action == iaDelete) {
+        std::vector<std::string> keyLiterals;
+        for (size_t k = 0; k < keyNames_.size(); ++k) {
+            TField* keyField = dataSet_->FindField(keyNames_[k]);
+            const TFieldType type = keyField ? keyField->DataType() : ftUnknown;
+            const Variant& v = k < keyValues_.size() ? keyValues_[k] : Variant::Null();
+            keyLiterals.push_back(
+                sqlWriter_->Literal(keyField ? CoerceToFieldType(v, type, keyNames_[k]) : v, type));
+        }
+        condition = sqlWriter_->Condition(keyNames_, keyLiterals);
+    }
+    switch (action) {
+    case iaAdd:
+        sqlScript_.Add(sqlWriter_->Insert(names, literals));
+        break;
+    case iaUpdate:
+        sqlScript_.Add(sqlWriter_->Update(names, literals, condition));
+        break;
+    case iaDelete:
+        sqlScript_.Add(sqlWriter_->Delete(condition));
+        break;
+    case iaUnknown:
+        break;
+    }
+}
+
+bool TKvImportBaseComponent::LoadRecord() {
+    bool result = true;
+    rowValues_.assign(intersection_.size(), Variant::Null());
+    for (size_t i = 0; i < intersection_.size(); ++i) {
+        const TKvIMapEntry& entry = intersection_[i];
+        TField* field = entry.FieldIndex >= 0 ? &dataSet_->Fields(entry.FieldIndex)
+                                              : dataSet_->FindField(entry.FieldName);
+        convertingField_ = field;
+        Variant value;
+        try {
+            value = GetParsedValue(Variant(entry.Source), static_cast<int>(i));
+        } catch (...) {
+            convertingField_ = nullptr;
+            throw;
+        }
+        if (!value.IsNullOrEmpty() && value.IsString()) {
+            if (characterSet_ == csiASCII_MSDOS)
+                value = Variant(UECode(value.StringRef()));
+            else if (characterSet_ == csiEBCDIC)
+                value = Variant(EBCDICCode(value.StringRef()));
+        }
+        if (OnGetCellParams) OnGetCellParams(this, field, value);
+        rowValues_[i] = std::move(value);
+    }
+    convertingField_ = nullptr;
+
+    if (!loadCondition_.LoadWhen.empty())
+        result = EvaluateCondition(loadCondition_.LoadWhen, loadWhenParser_, loadWhenError_);
+    if (result && !loadCondition_.SkipIf.empty())
+        result = !EvaluateCondition(loadCondition_.SkipIf, skipIfParser_, skipIfError_);
+    if (result && options_.Contains(soSkipEmptyRow)) {
+        result = false;
+        for (const Variant& v : rowValues_) {
+            if (!v.IsArray() && !TrimView(v.AsString()).empty()) {
+                result = true;
+                break;
+            }
+        }
+    }
+    if (OnBeforeRecordEvent) OnBeforeRecordEvent(this, fieldNames_, Variant::FromArray(rowValues_), result);
+    if (result && (IsKeyedMode(mode_) || OnGetRowMode)) FillKey4Values();
+    return result;
+}
+
+bool TKvImportBaseComponent::EvaluateCondition(const std::string& text, std::unique_ptr<TKvIParser>& kept,
+                                               std::exception_ptr& error) {
+    if (!kept || kept->Text() != text) kept = MakeParser(text, error);
+    return GetParsedValue(Variant(text), -1).AsBoolean();
+}
+
+} // namespace kv

@@ -1,0 +1,103 @@
+// Proposed mappings (by name, the unmatched, by position) and the mapping lines a run computes with.
+
+#include "EngineTestSupport.h"
+
+namespace kv {
+namespace {
+
+class Mapping : public test::EngineFixture {
+protected:
+    void Destination(std::initializer_list<TFieldDef> defs) {
+        dest.Close();
+        dest.FieldDefs() = defs;
+        dest.Open();
+    }
+    void Columns(std::initializer_list<std::pair<const char*, const char*>> names) {
+        imp.Columns().Clear();
+        for (auto [name, caption] : names) {
+            TKvIColumn& c = imp.Columns().Add();
+            c.FieldName = name;
+            c.Caption = caption;
+        }
+    }
+    std::vector<std::string> Lines() { return {imp.Mappings().begin(), imp.Mappings().end()}; }
+};
+
+TFieldDef Def(const char* name, bool readOnly = false, bool visible = true, const char* label = "") {
+    TFieldDef d;
+    d.Name = name;
+    d.ReadOnly = readOnly;
+    d.Visible = visible;
+    d.DisplayLabel = label;
+    return d;
+}
+
+TEST_F(Mapping, ByNameThenTheUnmatchedInPlace) {
+    Destination({Def("ID"), Def("LAST NAME"), Def("CITY"), Def("SECRET", true), Def("HIDDEN", false, false),
+                 Def("ZIP", false, true, "Postal code")});
+    Columns({{"Last Name", ""}, {"id", ""}, {"Secret", ""}, {"Postal code", "Postal code"}, {"Extra", ""}});
+    imp.Columns2Mapping();
+    // The unmatched go in at their place among the eligible fields (CITY third, ZIP fourth).
+    EXPECT_EQ(Lines(), (std::vector<std::string>{"LAST NAME=[Last Name]", "ID=id", "CITY=", "ZIP="}));
+
+    imp.SetUseDisplayNames(true);
+    imp.Columns2Mapping();
+    EXPECT_EQ(Lines(),
+              (std::vector<std::string>{"LAST NAME=[Last Name]", "ID=id", "CITY=", "ZIP=[Postal code]"}));
+}
+
+TEST_F(Mapping, BracketedAndQuotedColumnNames) {
+    Destination({Def("FIRST NAME"), Def("SECOND ONE"), Def("THIRD")});
+    Columns({{"[first name]", ""}, {"\"Second One\"", ""}, {"[third]", ""}});
+    imp.Columns2Mapping();
+    // Only names with a blank are compared in brackets or quotes.
+    EXPECT_EQ(Lines(), (std::vector<std::string>{"FIRST NAME=[[first name]]", "SECOND ONE=[\"Second One\"]",
+                                                 "THIRD="}));
+}
+
+TEST_F(Mapping, ByPositionWhenNoFieldCanTakeALine) {
+    Destination({Def("A", true), Def("B", false, false)});
+    Columns({{"x", ""}, {"y y", ""}, {"z", ""}});
+    imp.Columns2Mapping();
+    EXPECT_EQ(Lines(), (std::vector<std::string>{"A=x", "B=[y y]"}));
+}
+
+TEST_F(Mapping, TwoColumnsMayMatchOneField) {
+    Destination({Def("NAME")});
+    Columns({{"name", ""}, {"NAME", ""}});
+    imp.Columns2Mapping();
+    EXPECT_EQ(Lines(), (std::vector<std::string>{"NAME=name", "NAME=NAME"}));
+}
+
+TEST_F(Mapping, LinesWithoutASourceSideLeaveTheFieldAlone) {
+    dest.AppendRecord({1, "kept", 5.0});
+    SourceRows({{1, "new", "9"}});
+    imp.Mappings().Add("ID=ID");
+    imp.Mappings().Add("NAME=");
+    imp.Mappings().Add(" PRICE = PRICE * 2");
+    imp.Mappings().Add("NOSUCHFIELD=NAME");
+    imp.SetMode(imUpdate);
+    imp.SetDatasetKeys("ID");
+    imp.Execute();
+    EXPECT_EQ(DestRows(), std::vector<std::string>{"1|kept|18"});
+    EXPECT_EQ(imp.GetFieldItem("price"), 1);
+    EXPECT_EQ(imp.GetFieldItem("NAME"), -1);
+}
+
+TEST_F(Mapping, AnExpressionThatDoesNotParseFailsEveryRow) {
+    SourceRows({{1, "a", "1"}, {2, "b", "2"}});
+    imp.Mappings().Add("NAME=UPPER(NAME");
+    imp.Mappings().Add("ID=ID");
+    std::vector<std::string> errors;
+    imp.OnErrorEvent = [&](TObject*, const std::exception& e, bool& abort) {
+        errors.push_back(e.what());
+        abort = false;
+    };
+    imp.Execute();
+    EXPECT_EQ(errors,
+              (std::vector<std::string>{"Compile error: syntax fault.", "Compile error: syntax fault."}));
+    EXPECT_EQ(dest.RowCount(), 0);
+}
+
+} // namespace
+} // namespace kv
