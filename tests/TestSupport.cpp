@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <spawn.h>
+#include <sqlite3.h>
 #include <sstream>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -34,6 +35,29 @@ std::string ReadFile(const std::string& path) {
     std::ostringstream s;
     s << in.rdbuf();
     return s.str();
+}
+
+std::string SqliteQuery(const std::string& file, const std::string& sql) {
+    sqlite3* db = nullptr;
+    if (sqlite3_open(file.c_str(), &db) != SQLITE_OK) {
+        sqlite3_close(db);
+        return "error: cannot open";
+    }
+    std::string out;
+    char* error = nullptr;
+    auto callback = [](void* target, int columns, char** values, char**) {
+        std::string& text = *static_cast<std::string*>(target);
+        if (!text.empty()) text += '\n';
+        for (int i = 0; i < columns; ++i)
+            text += std::string(i ? "|" : "") + (values[i] ? values[i] : "null");
+        return 0;
+    };
+    if (sqlite3_exec(db, sql.c_str(), callback, &out, &error) != SQLITE_OK) {
+        out = std::string("error: ") + (error ? error : "");
+        sqlite3_free(error);
+    }
+    sqlite3_close(db);
+    return out;
 }
 
 CliResult RunCli(const std::vector<std::string>& args, const std::string& input) {

@@ -58,6 +58,9 @@ private:
 void WriteFile(const std::string& path, const std::string& bytes);
 std::string ReadFile(const std::string& path);
 
+/// Runs `sql` on an SQLite file (creating it) and gives the rows as "a|b" lines joined by "\n".
+std::string SqliteQuery(const std::string& file, const std::string& sql);
+
 /// What a run of the command-line program gave.
 struct CliResult {
     int Status = -1;

@@ -14,6 +14,9 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+/// --help was asked for; the command prints its usage.
+class HelpRequested : public std::exception {};
+
 class ArgReader {
 public:
     explicit ArgReader(std::vector<std::string> args) : args_(std::move(args)) {}

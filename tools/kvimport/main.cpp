@@ -2,6 +2,8 @@
 
 #include "CommandLine.h"
 #include "EvalCommand.h"
+#include "ImportCommand.h"
+#include "ImportOptions.h"
 #include "platform/Exceptions.h"
 #include "platform/FormatSettings.h"
 
@@ -19,11 +21,15 @@ struct Command {
 
 const Command kCommands[] = {
     {"eval", RunEval, EvalUsage},
+    {"import", RunImport, ImportUsage},
+    {"run", RunSpecification, RunUsage},
 };
 
 const char* const kUsage = "Usage: kvimport COMMAND [options]\n"
                            "\n"
                            "Commands:\n"
+                           "  import SOURCE       import a file or table into an SQLite table\n"
+                           "  run SPEC.kvi        run a saved import specification\n"
                            "  eval EXPRESSION     evaluate one expression of the mapping language\n"
                            "\n"
                            "Run 'kvimport COMMAND --help' for the options of a command.\n";
@@ -54,7 +60,11 @@ int main(int argc, char** argv) {
         try {
             return command.run(args);
         } catch (const UsageError& e) {
-            std::cerr << "kvimport " << name << ": " << e.what() << "\n\n" << command.usage;
+            // The usage lines of the command, not its whole help.
+            const std::string usage = command.usage;
+            std::cerr << "kvimport " << name << ": " << e.what() << "\n"
+                      << usage.substr(0, usage.find("\n\n")) << "\nRun 'kvimport " << name
+                      << " --help' for the options.\n";
             return ExitUsage;
         } catch (const kv::Exception& e) {
             std::cerr << e.Message() << '\n';

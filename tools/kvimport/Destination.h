@@ -1,0 +1,44 @@
+#pragma once
+// The destination of a command-line import: a table of an SQLite database, created from the source's
+// columns when missing, with the tables LOOKUP may use, and the transactions the run asks for.
+
+#include "Sources.h"
+#include "datasets/KvSQLiteDataSet.h"
+
+#include <string>
+#include <vector>
+
+namespace kv::cli {
+
+class Destination {
+public:
+    /// `sqlOnly`: the run writes SQL statements; the database is only read (and a missing table is made
+    /// in a database in memory, so that it still gives the fields).
+    Destination(const std::string& databaseFile, bool sqlOnly, TComponent& root);
+
+    /// Opens `table`, creating it from the source's columns (or the mapping's fields) when it is missing.
+    void Prepare(const std::string& table, SourceSetup& source, const std::vector<std::string>& maps);
+    /// Table `name` of the database becomes findable by LOOKUP under that name.
+    void AddLookup(const std::string& name);
+    TDataSet& DataSet() { return *dataSet_; }
+    /// Starts a transaction at each commit point, committing the open one first; the last one is left to
+    /// Commit or Rollback after the run.
+    void AttachTransactions(TKvImportBaseComponent& component);
+    void Commit();
+    /// Rolls back the open transaction (after a failed run).
+    void Rollback();
+    /// Rows written since the last commit that a rollback took away.
+    int RolledBackRows() const { return rolledBack_; }
+
+private:
+    TComponent& root_;
+    TKvSQLiteDatabase* database_;
+    TKvSQLiteDataSet* dataSet_;
+    bool sqlOnly_;
+    TKvImportBaseComponent* component_ = nullptr;
+    int Writes() const;
+    int committedWrites_ = 0;
+    int rolledBack_ = 0;
+};
+
+} // namespace kv::cli

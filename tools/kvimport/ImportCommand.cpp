@@ -1,0 +1,167 @@
+#include "ImportCommand.h"
+
+#include "Destination.h"
+#include "ImportOptions.h"
+#include "Sources.h"
+#include "TerminalFrontEnd.h"
+#include "engine/Impcnst.h"
+#include "platform/Exceptions.h"
+#include "platform/Streams.h"
+#include "platform/StringList.h"
+#include "platform/SysUtils.h"
+
+#include <filesystem>
+#include <iostream>
+
+namespace kv::cli {
+
+namespace {
+
+// The regional settings the run reads dates with, in step with the data formats, so that text the masks
+// cannot read is still read by the same day-month order.
+void AlignRegionalSettings(const TKvIDataFormats& f) {
+    TFormatSettings& fs = DefaultFormatSettings;
+    static const char* const orders[] = {"m/d/yyyy", "d/m/yyyy", "yyyy/m/d",
+                                         "yyyy/d/m", "d/yyyy/m", "m/yyyy/d"};
+    fs.ShortDateFormat = orders[f.DateOrder];
+    if (f.DateSeparator) fs.DateSeparator = f.DateSeparator;
+    if (f.TimeSeparator) fs.TimeSeparator = f.TimeSeparator;
+}
+
+void PrintSummary(const TKvImportBaseComponent& c, int errors) {
+    const TKvIStatistic& s = c.Statistic();
+    std::cout << "Processed: " << s.TotalImported << '\n'
+              << "Added: " << s.TotalAdded << '\n'
+              << "Updated: " << s.TotalUpdated << '\n'
+              << "Deleted: " << s.TotalDeleted << '\n'
+              << "Skipped: " << s.TotalSkipped << '\n'
+              << "Errors: " << errors << '\n';
+    const std::string& message = c.LastMessage();
+    std::cout << message.substr(0, message.find('\r')) << '\n';
+}
+
+std::string DefaultTableName(const ImportOptions& o, const TKvImportBaseComponent& source, CommandKind kind) {
+    if (o.Table) return *o.Table;
+    if (kind == CommandKind::Run) {
+        TStringList spec;
+        spec.LoadFromFile(o.Source);
+        const std::string saved = spec.Values("DestinationTable");
+        if (!saved.empty()) return saved;
+    }
+    if (!source.TableName().empty()) return source.TableName();
+    if (o.SourceTable) return *o.SourceTable;
+    if (o.Clipboard) return "clipboard";
+    if (o.Source == "-") return "stdin";
+    return std::filesystem::path(o.Source).stem().string();
+}
+
+// The settings in the library's format, then the command line's own section: where the rows came from
+// and which table received them.
+void SaveSpecification(const ImportOptions& o, TKvImportBaseComponent& c, const SourceSetup& source,
+                       const std::string& table) {
+    c.SaveSpecification(*o.SaveSpec, o.Description.value_or("kvimport import of " + c.SourceFileName()),
+                        false);
+    TStringList lines;
+    lines.LoadFromFile(*o.SaveSpec);
+    lines.Add("[kvimport]");
+    for (const std::string& line : source.SpecificationLines()) lines.Add(line);
+    lines.Add("DestinationTable=" + table);
+    lines.SaveToFile(*o.SaveSpec);
+}
+
+int Run(const ImportOptions& o, CommandKind kind) {
+    TerminalFrontEnd ui(o.Quiet);
+    for (const auto& param : o.Params) ui.Preset.insert(param.first);
+    SetFrontEnd(&ui);
+    struct Restore {
+        ~Restore() { SetFrontEnd(nullptr); }
+    } restore;
+
+    TComponent root; // owns the import component and every table it can look up
+    std::unique_ptr<SourceSetup> source =
+        kind == CommandKind::Run ? OpenSpecificationSource(o, root) : OpenSource(o, root);
+    TKvImportBaseComponent& c = source->Component();
+    ApplyImportOptions(o, c);
+    AlignRegionalSettings(c.DataFormats());
+    c.SetAbortOnProblem(o.AbortOnError);
+    c.Statistic().UpdateStep = 1000;
+    const std::string table = DefaultTableName(o, c, kind);
+    if (o.SaveSpec) SaveSpecification(o, c, *source, table);
+
+    Destination destination(o.Database, o.SqlFile.has_value(), root);
+    destination.Prepare(table, *source, {c.Mappings().begin(), c.Mappings().end()});
+    for (const std::string& name : o.Lookups) destination.AddLookup(name);
+    c.SetDataSet(&destination.DataSet());
+    if (o.SqlFile) {
+        c.SetActionKind(akGenerateSQL);
+        c.SetSQLFileName(*o.SqlFile);
+        c.SetTableName(table);
+        // Apostrophes around texts: what every SQL database reads as a text literal.
+        c.SQLOptions().SQLQuote = U'\'';
+    }
+    destination.AttachTransactions(c);
+
+    // Each failing row once, even when its error passes from the write to the row's outer guard.
+    int errors = 0, lastReportedRow = -1;
+    c.OnErrorEvent = [&](TObject*, const std::exception& e, bool& abort) {
+        const int row = c.Statistic().TotalImported;
+        if (row != lastReportedRow) {
+            ++errors;
+            lastReportedRow = row;
+            ui.ClearLine();
+            const auto* own = dynamic_cast<const Exception*>(&e);
+            std::cerr << "Row " << row << ": " << (own ? own->Message() : std::string(e.what())) << '\n';
+        }
+        abort = o.AbortOnError;
+    };
+
+    c.Execute();
+    const TKvIResult result = c.Statistic().Result;
+    if (result == irFailed) {
+        destination.Rollback();
+        const std::string& message = c.LastMessage();
+        const size_t br = message.find("\r\n");
+        std::cerr << (br == std::string::npos ? message : message.substr(br + 2)) << '\n';
+        if (const int lost = destination.RolledBackRows(); lost > 0)
+            std::cerr << "The last " << (lost == 1 ? std::string("row") : std::to_string(lost) + " rows")
+                      << " written since the last commit " << (lost == 1 ? "was" : "were")
+                      << " rolled back; the table holds the rows committed before.\n";
+    } else {
+        destination.Commit();
+    }
+    if (!o.Quiet && result != irUnknown) PrintSummary(c, errors);
+    switch (result) {
+    case irExecuted:
+        return ExitOk;
+    case irFailed:
+        return ExitFailed;
+    default:
+        return ExitCanceled; // canceled by Ctrl-C or at the parameter prompt
+    }
+}
+
+} // namespace
+
+int RunImport(const std::vector<std::string>& args) {
+    ImportOptions o;
+    try {
+        o = ParseImportOptions(args, CommandKind::Import);
+    } catch (const HelpRequested&) {
+        std::cout << ImportUsage;
+        return ExitOk;
+    }
+    return Run(o, CommandKind::Import);
+}
+
+int RunSpecification(const std::vector<std::string>& args) {
+    ImportOptions o;
+    try {
+        o = ParseImportOptions(args, CommandKind::Run);
+    } catch (const HelpRequested&) {
+        std::cout << RunUsage;
+        return ExitOk;
+    }
+    return Run(o, CommandKind::Run);
+}
+
+} // namespace kv::cli

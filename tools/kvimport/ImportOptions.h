@@ -1,0 +1,58 @@
+#pragma once
+// The options of the import, run and preview commands, read from the command line and applied to an
+// import component. Options left out keep what a specification file (or the defaults) gave.
+
+#include "CommandLine.h"
+#include "engine/KvIBase.h"
+
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace kv::cli {
+
+struct ImportOptions {
+    std::string Source; ///< the source file ("-" for standard input), or the specification for run
+    bool Clipboard = false;
+    std::optional<std::string> Format;
+    std::optional<std::string> SourceTable;
+    std::string Database;
+    std::optional<std::string> Table;
+    std::optional<std::string> Spec, SaveSpec, Description;
+
+    std::vector<std::string> Maps;
+    std::optional<TImportMode> Mode;
+    std::optional<std::string> Keys, LoadWhen, SkipIf;
+    std::vector<std::pair<std::string, std::string>> Params;
+    std::optional<int> CommitCount;
+    std::optional<TKvITrimSpaces> Trim;
+    bool SkipEmptyRows = false;
+    std::optional<TKvICharacterSet> Charset;
+    std::optional<TKvIDateOrder> DateOrder;
+    std::optional<char32_t> DateSeparator, TimeSeparator, DecimalSeparator, ThousandSeparator;
+    std::optional<std::string> Currency, DateFormat, TrueText, FalseText;
+    std::optional<std::string> SqlFile;
+    std::vector<std::string> Lookups;
+    bool AbortOnError = false;
+    bool Quiet = false;
+
+    // text sources
+    std::optional<char32_t> Delimiter, Qualifier;
+    std::optional<std::string> RecordSeparator;
+    std::optional<bool> Fixed;
+    std::optional<int> LineLength, FirstRow, LastRow, NamesRow, MaxScanRows;
+    int PreviewRows = 10;
+};
+
+enum class CommandKind { Import, Run, Preview };
+
+/// Reads the options of `kind`; positional arguments fill Source. Raises UsageError.
+ImportOptions ParseImportOptions(const std::vector<std::string>& args, CommandKind kind);
+/// Puts the options that were given into the component (after any specification was loaded).
+void ApplyImportOptions(const ImportOptions& options, TKvImportBaseComponent& component);
+/// The usage texts.
+extern const char* const ImportUsage;
+extern const char* const RunUsage;
+
+} // namespace kv::cli

@@ -1,0 +1,43 @@
+#pragma once
+// The source side of a command-line import: which import component reads the SOURCE argument (an SQLite
+// table or a text file), how a saved specification names its source again, and the columns a table
+// created for the source gets.
+
+#include "ImportOptions.h"
+#include "engine/KvIBase.h"
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace kv::cli {
+
+/// A column of a destination table to create.
+struct ColumnDef {
+    std::string Name;
+    std::string Type; ///< the declared SQL type ("" for none)
+};
+
+/// One source, set up and owned by the command.
+class SourceSetup {
+public:
+    virtual ~SourceSetup() = default;
+    virtual TKvImportBaseComponent& Component() = 0;
+    /// Lines of the command line's own section of a saved specification ("SourceKind=SQLite", ...).
+    virtual std::vector<std::string> SpecificationLines() const { return {}; }
+    /// The declared type a column of `type` gets in a created table.
+    virtual std::string SqlType(const TKvIColumn& column) const;
+};
+
+/// The source named by the options of `kvimport import` (and `preview`), with --spec loaded.
+std::unique_ptr<SourceSetup> OpenSource(const ImportOptions& options, TComponent& root);
+/// The source a specification file names (`kvimport run`), with the specification loaded.
+std::unique_ptr<SourceSetup> OpenSpecificationSource(const ImportOptions& options, TComponent& root);
+/// A delimited or fixed-width text source: `file` ("-" for standard input) or the clipboard.
+std::unique_ptr<SourceSetup> OpenTextSource(const ImportOptions& options, const std::string& file,
+                                            TComponent& root);
+/// The columns of a table to create for `source`: its columns, or the fields the mapping lines name
+/// (typed like the source column a line takes as it stands).
+std::vector<ColumnDef> ColumnsForNewTable(SourceSetup& source, const std::vector<std::string>& maps);
+
+} // namespace kv::cli
