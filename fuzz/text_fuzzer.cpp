@@ -1,0 +1,113 @@
+// Fuzz target: any bytes as a text file, under settings taken from the first four bytes. The text is
+// loaded from memory and through a stream in tiny blocks, and both must give the same rows; every row must
+// be UTF-8; the fields of the byte walk must sit where the character walk puts them; values by reference,
+// column names and type guesses must come out without error.
+
+#include "platform/Exceptions.h"
+#include "platform/Streams.h"
+#include "platform/Utf8.h"
+#include "readers/text/KvTextFields.h"
+#include "readers/text/KvTextFile.h"
+#include "readers/text/KvTextTypes.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+namespace {
+
+// Seekable, and not a TMemoryStream, so the reader scans it block by block.
+class TBlockStream : public kv::TStream {
+public:
+    explicit TBlockStream(std::string_view bytes) : bytes_(bytes) {}
+    size_t Read(void* buffer, size_t count) override {
+        const size_t n = std::min(count, bytes_.size() - std::min(position_, bytes_.size()));
+        if (n) std::memcpy(buffer, bytes_.data() + position_, n);
+        position_ += n;
+        return n;
+    }
+    size_t Write(const void*, size_t) override { return 0; }
+    int64_t Seek(int64_t offset, kv::TSeekOrigin origin) override {
+        const int64_t base = origin == kv::soBeginning ? 0
+                             : origin == kv::soCurrent ? static_cast<int64_t>(position_)
+                                                       : static_cast<int64_t>(bytes_.size());
+        position_ = static_cast<size_t>(std::max<int64_t>(base + offset, 0));
+        return static_cast<int64_t>(position_);
+    }
+
+private:
+    std::string_view bytes_;
+    size_t position_ = 0;
+};
+
+void Check(bool condition) {
+    if (!condition) std::abort();
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    if (size < 4 || size > 65536) return 0;
+    static const char32_t delimiters[] = {U',', U'\t', U';', 0, U'\u00A7', U'|', U'"', U'\n'};
+    static const char32_t qualifiers[] = {U'"', U'\'', 0, U'\u00AB'};
+    static const char* const separators[] = {"\r\n", "\n", "", "||", "\xC2\xB6", ";", "\r", "ab"};
+    kv::TKvTextFileSettings settings;
+    settings.FieldDelimiter = delimiters[data[0] & 7];
+    settings.TextQualifier = qualifiers[(data[0] >> 3) & 3];
+    settings.RecordSeparator = separators[(data[0] >> 5) & 7];
+    settings.FixedWidth = data[1] & 1;
+    settings.FixedLineLength = (data[1] >> 1) & 7;
+    settings.SkipEmptyRows = data[1] & 0x10;
+    settings.RowFirst = data[2] & 7;
+    settings.RowLast = (data[2] >> 3) & 7 ? (data[2] >> 3) & 7 : 2147483647;
+    settings.RowFieldNames = data[2] >> 6;
+    const std::string text(reinterpret_cast<const char*>(data) + 4, size - 4);
+
+    kv::TKvTextFile memory, blocks;
+    memory.Settings() = settings;
+    memory.OpenText(text);
+    settings.BlockSize = 1 + (data[3] & 15);
+    blocks.Settings() = settings;
+    TBlockStream stream(text);
+    blocks.OpenStream(stream);
+
+    Check(memory.RowCount() == blocks.RowCount());
+    Check(memory.Encoding() == blocks.Encoding());
+    Check(memory.HasHeader() == blocks.HasHeader() && memory.HeaderLine() == blocks.HeaderLine());
+    Check(kv::IsValidUtf8(memory.HeaderLine()));
+
+    kv::TKvTextFields fields;
+    fields.SetDelimiter(settings.FieldDelimiter);
+    fields.SetQualifier(settings.TextQualifier);
+    fields.SetFixedWidth(settings.FixedWidth);
+    const char* const references[] = {"Text", "Text1-3", "Text2-9", "Field1", "Field2", "Field9", "x,\"\""};
+    std::string value;
+    for (int64_t i = 0; i < memory.RowCount(); ++i) {
+        const std::string row = memory.Row(i);
+        Check(row == blocks.Row(i));
+        Check(memory.LineNumber(i) == blocks.LineNumber(i));
+        Check(kv::IsValidUtf8(row));
+        fields.SetLine(row);
+        if (!settings.FixedWidth) {
+            const auto positions =
+                kv::SplitTextFieldPositions(row, settings.FieldDelimiter, settings.TextQualifier);
+            Check(static_cast<int>(positions.size()) == fields.Count());
+            for (int f = 1; f <= fields.Count(); ++f)
+                Check(fields.Position(f) == positions[static_cast<size_t>(f - 1)]);
+        }
+        for (const char* ref : references) {
+            fields.GetValue(fields.ParseReference(ref), value);
+            Check(kv::IsValidUtf8(value));
+        }
+    }
+    if (memory.HasHeader())
+        kv::TextColumnNames(memory.HeaderLine(), settings.FieldDelimiter, settings.TextQualifier);
+    kv::TKvTextTypeOptions options;
+    options.MaxScanRows = 20;
+    kv::GuessTextColumnTypes(memory, fields, options,
+                             settings.FixedWidth ? std::vector<std::string>{"Text1-2"}
+                                                 : std::vector<std::string>{});
+    return 0;
+}

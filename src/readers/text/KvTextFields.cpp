@@ -1,0 +1,298 @@
+#include "readers/text/KvTextFields.h"
+
+#include "platform/SysUtils.h"
+#include "platform/Utf8.h"
+
+#include <cstring>
+#include <limits>
+#include <unordered_set>
+
+namespace kv {
+
+namespace {
+
+struct TWalkField {
+    int64_t Start, End;
+    bool Qualified;
+};
+
+// The field walk over positions 1..L of `s`. Run over bytes when delimiter and qualifier are ASCII (no
+// byte of a multi-byte character can equal them, so the result is the same in byte positions) and over
+// code points otherwise.
+template <class Ch, class Emit>
+void WalkFields(const Ch* s, int64_t length, Ch delimiter, bool hasDelimiter, Ch qualifier, bool hasQualifier,
+                Emit emit) {
+    const auto isDelimiter = [&](int64_t i) {
+        return hasDelimiter && i >= 1 && i <= length && s[i - 1] == delimiter;
+    };
+    const auto isQualifier = [&](int64_t i) {
+        return hasQualifier && i >= 1 && i <= length && s[i - 1] == qualifier;
+    };
+    int64_t start = 1;
+    bool inside = false;
+    for (int64_t i = 1; i <= length; ++i) {
+        if (!hasQualifier)
+            inside = false;
+        else if (s[i - 1] == qualifier)
+            inside = !inside;
+        if (!((isDelimiter(i) && !inside) || i == length)) continue;
+        int64_t end = i - 1;
+        if (i == length) end = isDelimiter(i) ? i - 1 : i;
+        int64_t first = start;
+        const bool qualified = isQualifier(start);
+        if (qualified || isDelimiter(start)) first = start + 1;
+        emit(first, isQualifier(end) ? end - 1 : end, qualified);
+        start = isDelimiter(end + 1) ? end + 2 : end + 1;
+    }
+    if (isDelimiter(length)) emit(length + 1, length, false); // a trailing delimiter opens one more field
+}
+
+bool HasPrefix(std::string_view s, std::string_view prefix) {
+    return !prefix.empty() && s.size() >= prefix.size() && s.compare(0, prefix.size(), prefix) == 0;
+}
+
+// A field number: decimal digits only; numbers too large for any record stay out of range.
+bool ParseFieldNumber(std::string_view digits, int64_t& out) {
+    if (digits.empty()) return false;
+    out = 0;
+    for (char c : digits) {
+        if (c < '0' || c > '9') return false;
+        if (out < std::numeric_limits<int64_t>::max() / 10) out = out * 10 + (c - '0');
+    }
+    return true;
+}
+
+void CollapseQualifiers(std::string_view value, std::string_view qualifier, std::string& out) {
+    if (qualifier.empty() || value.find(qualifier) == std::string_view::npos) {
+        out.assign(value.data(), value.size());
+        return;
+    }
+    out.clear();
+    size_t i = 0;
+    while (i < value.size()) {
+        if (value.compare(i, qualifier.size(), qualifier) == 0) {
+            out.append(qualifier);
+            i += qualifier.size();
+            while (value.compare(i, qualifier.size(), qualifier) == 0) i += qualifier.size();
+        } else {
+            out.push_back(value[i++]);
+        }
+    }
+}
+
+std::string EncodeOrEmpty(char32_t c) {
+    return c ? Utf8Encode(c) : std::string();
+}
+
+} // namespace
+
+std::vector<TKvTextFieldPos> SplitTextFieldPositions(std::string_view line, char32_t delimiter,
+                                                     char32_t qualifier) {
+    const std::u32string chars = Utf8ToU32(line);
+    std::vector<TKvTextFieldPos> out;
+    WalkFields(chars.data(), static_cast<int64_t>(chars.size()), delimiter, delimiter != 0, qualifier,
+               qualifier != 0, [&](int64_t start, int64_t end, bool) {
+                   out.push_back({start, end});
+               });
+    return out;
+}
+
+std::string PostProcessTextValue(std::string_view value, char32_t delimiter, char32_t qualifier) {
+    const std::string d = EncodeOrEmpty(delimiter), q = EncodeOrEmpty(qualifier);
+    if (!d.empty() && value.size() >= d.size() && value.substr(value.size() - d.size()) == d)
+        value.remove_suffix(d.size());
+    std::string out;
+    CollapseQualifiers(value, q, out);
+    return out;
+}
+
+void TKvTextFields::SetDelimiter(char32_t delimiter) {
+    delimiter_ = delimiter;
+    delimiterBytes_ = EncodeOrEmpty(delimiter);
+}
+
+void TKvTextFields::SetQualifier(char32_t qualifier) {
+    qualifier_ = qualifier;
+    qualifierBytes_ = EncodeOrEmpty(qualifier);
+}
+
+void TKvTextFields::SetLine(std::string_view line) {
+    line_.assign(line.data(), line.size());
+    lineAscii_ = -1;
+    fields_.clear();
+    if (fixedWidth_) return;
+    const auto emit = [this](int64_t start, int64_t end, bool qualified) {
+        fields_.push_back({start, end, qualified});
+    };
+    if (delimiter_ < 0x80 && qualifier_ < 0x80) {
+        const auto* bytes = reinterpret_cast<const unsigned char*>(line_.data());
+        WalkFields(bytes, static_cast<int64_t>(line_.size()), static_cast<unsigned char>(delimiter_),
+                   delimiter_ != 0, static_cast<unsigned char>(qualifier_), qualifier_ != 0, emit);
+        return;
+    }
+    // A delimiter or qualifier beyond ASCII: walk code points, then turn their positions into bytes.
+    chars_.clear();
+    offsets_.clear(); // byte offset of every character, and of the end
+    for (size_t pos = 0; pos < line_.size();) {
+        offsets_.push_back(pos);
+        chars_.push_back(Utf8Decode(line_, pos));
+    }
+    offsets_.push_back(line_.size());
+    const auto count = static_cast<int64_t>(chars_.size());
+    const auto lineEnd = static_cast<int64_t>(line_.size());
+    WalkFields(chars_.data(), count, delimiter_, delimiter_ != 0, qualifier_, qualifier_ != 0,
+               [&](int64_t start, int64_t end, bool qualified) {
+                   // start is 1..count+1, end 0..count
+                   const int64_t first =
+                       start > count ? lineEnd + 1
+                                     : static_cast<int64_t>(offsets_[static_cast<size_t>(start - 1)]) + 1;
+                   const int64_t last = static_cast<int64_t>(offsets_[static_cast<size_t>(end)]);
+                   fields_.push_back({first, last, qualified});
+               });
+}
+
+bool TKvTextFields::LineIsAscii() const {
+    if (lineAscii_ < 0) lineAscii_ = IsAscii(line_) ? 1 : 0;
+    return lineAscii_ == 1;
+}
+
+TKvTextFieldPos TKvTextFields::Position(int index) const {
+    if (index < 1 || index > Count()) return {};
+    const TRawField& f = fields_[static_cast<size_t>(index - 1)];
+    if (LineIsAscii()) return {f.Start, f.End};
+    // Start is the first byte of a character (or one past the end), End the last byte of one (or 0).
+    const std::string_view line(line_);
+    const auto startChar = [&](int64_t b) {
+        return static_cast<int64_t>(Utf8Length(line.substr(0, static_cast<size_t>(b - 1)))) + 1;
+    };
+    const auto endChar = [&](int64_t b) {
+        return b < 1 ? int64_t(0) : static_cast<int64_t>(Utf8Length(line.substr(0, static_cast<size_t>(b))));
+    };
+    return {startChar(f.Start), endChar(f.End)};
+}
+
+bool TKvTextFields::Qualified(int index) const {
+    return index >= 1 && index <= Count() && fields_[static_cast<size_t>(index - 1)].Qualified;
+}
+
+std::string_view TKvTextFields::Bytes(const TRawField& f) const {
+    if (f.End < f.Start) return {};
+    return std::string_view(line_).substr(static_cast<size_t>(f.Start - 1),
+                                          static_cast<size_t>(f.End - f.Start + 1));
+}
+
+std::string_view TKvTextFields::RawField(int index) const {
+    if (index < 1 || index > Count()) return {};
+    return Bytes(fields_[static_cast<size_t>(index - 1)]);
+}
+
+void TKvTextFields::PostProcess(std::string_view value, std::string& out) const {
+    const std::string& d = delimiterBytes_;
+    if (!d.empty() && value.size() >= d.size() &&
+        std::memcmp(value.data() + value.size() - d.size(), d.data(), d.size()) == 0)
+        value.remove_suffix(d.size());
+    CollapseQualifiers(value, qualifierBytes_, out);
+}
+
+void TKvTextFields::FieldValue(int index, std::string& out) const {
+    PostProcess(RawField(index), out);
+}
+
+std::string TKvTextFields::FieldValue(int index) const {
+    std::string out;
+    FieldValue(index, out);
+    return out;
+}
+
+TKvTextRef TKvTextFields::ParseReference(std::string_view reference) const {
+    TKvTextRef ref;
+    ref.Text.assign(reference.data(), reference.size());
+    if (!textWord_.empty() && reference == textWord_) {
+        ref.Kind = trkLine;
+    } else if (fixedWidth_ && HasPrefix(reference, textWord_)) {
+        const std::string_view rest = reference.substr(textWord_.size());
+        const size_t dash = rest.find('-');
+        ref.First = StrToIntDef(rest.substr(0, dash), 0);
+        ref.Last = dash == std::string_view::npos ? 0 : StrToIntDef(rest.substr(dash + 1), 0);
+        if (ref.First >= 1) ref.Kind = trkRange; // "Textual" and the like stay constants
+    } else if (HasPrefix(reference, fieldWord_) &&
+               ParseFieldNumber(reference.substr(fieldWord_.size()), ref.First)) {
+        ref.Kind = trkField;
+    }
+    return ref;
+}
+
+void TKvTextFields::GetValue(const TKvTextRef& ref, std::string& out) const {
+    std::string_view value;
+    switch (ref.Kind) {
+    case trkLine:
+        value = line_;
+        break;
+    case trkRange:
+        if (ref.Last >= ref.First) {
+            const std::string_view line(line_);
+            if (LineIsAscii()) {
+                if (static_cast<uint64_t>(ref.First - 1) < line.size())
+                    value = line.substr(static_cast<size_t>(ref.First - 1),
+                                        static_cast<size_t>(ref.Last - ref.First + 1));
+            } else {
+                const size_t from = Utf8Offset(line, static_cast<size_t>(ref.First - 1));
+                const std::string_view rest = line.substr(from);
+                value = rest.substr(0, Utf8Offset(rest, static_cast<size_t>(ref.Last - ref.First + 1)));
+            }
+        }
+        break;
+    case trkField:
+        if (ref.First >= 1 && ref.First <= Count()) value = RawField(static_cast<int>(ref.First));
+        break;
+    case trkConstant:
+        value = ref.Text;
+        break;
+    }
+    PostProcess(value, out);
+}
+
+std::string TKvTextFields::GetFieldValue(std::string_view reference) const {
+    std::string out;
+    GetValue(ParseReference(reference), out);
+    return out;
+}
+
+std::vector<std::string> TextColumnNames(std::string_view headerLine, char32_t delimiter, char32_t qualifier,
+                                         const std::string& fieldWord) {
+    TKvTextFields fields;
+    fields.SetDelimiter(delimiter);
+    fields.SetQualifier(qualifier);
+    fields.SetLine(headerLine);
+    std::vector<std::string> names;
+    std::unordered_set<std::string> taken; // lower-cased
+    std::string value;
+    for (int i = 1; i <= fields.Count(); ++i) {
+        fields.FieldValue(i, value);
+        std::string name = Trim(value);
+        if (name.empty()) name = fieldWord + IntToStr(i);
+        std::string unique = name;
+        for (int suffix = 2; taken.count(Utf8LowerCase(unique)); ++suffix)
+            unique = name + "_" + IntToStr(suffix);
+        taken.insert(Utf8LowerCase(unique));
+        names.push_back(std::move(unique));
+    }
+    return names;
+}
+
+std::string BracketColumnName(std::string_view name) {
+    std::string out;
+    for (unsigned char c : name) {
+        if (c <= ' ') {
+            out.reserve(name.size() + 2);
+            out.push_back('[');
+            out.append(name);
+            out.push_back(']');
+            return out;
+        }
+    }
+    out.assign(name);
+    return out;
+}
+
+} // namespace kv

@@ -1,0 +1,157 @@
+#pragma once
+// TKvTextFile: loads delimited or fixed-width text. Opening scans the input once in large blocks and keeps
+// only where each selected record lies (byte offset and length); rows are then read back on demand through
+// a block-sized window, so memory stays far below the size of the file. The reader knows nothing of the
+// import engine: a source joins it to the engine.
+
+#include "platform/Encoding.h"
+#include "platform/Streams.h"
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace kv {
+
+class TKvTextScanner;
+
+/// How the text is cut into records and which records are kept.
+struct TKvTextFileSettings {
+    /// Field delimiter (0 = none); the loader only uses it to recognise empty rows.
+    char32_t FieldDelimiter = U'\t';
+    /// Text qualifier (0 = none); a record separator between two qualifiers belongs to the field.
+    char32_t TextQualifier = U'"';
+    /// UTF-8 text between two records; may be several characters or empty. "\r\n" also ends a record at a
+    /// lone LF, and never leaves a CR at the end of a record.
+    std::string RecordSeparator = "\r\n";
+    /// Fields are cut by character positions rather than by the delimiter.
+    bool FixedWidth = false;
+    /// With an empty RecordSeparator and a value above 0, every record is this many characters.
+    int FixedLineLength = 0;
+    /// First and last record (1-based) served as data rows.
+    int RowFirst = 1;
+    int RowLast = 2147483647;
+    /// Record holding the column names (0 = none). It is served as a data row too when it lies in
+    /// RowFirst..RowLast; when it lies beyond RowLast the scan goes on to it.
+    int RowFieldNames = 1;
+    /// Leaves out data rows whose characters are all blanks (codes up to 32) or, unless FixedWidth, the
+    /// field delimiter (when that is a one-byte character). Such records still count in the numbering.
+    bool SkipEmptyRows = false;
+    /// Bytes per read while scanning and serving (0 = 1 MiB); tests make it tiny.
+    size_t BlockSize = 0;
+};
+
+/// Byte offset and length of one record in the input (or in the decoded text for UTF-16 input).
+struct TKvTextRecordSpan {
+    int64_t Offset = 0;
+    int64_t Length = 0;
+};
+
+/// Where the selected records lie, appended in order: 12 bytes a record, in chunks, so a list of millions
+/// of records neither doubles nor gets copied while it grows.
+class TKvTextSpanList {
+public:
+    void Push(const TKvTextRecordSpan& span);
+    TKvTextRecordSpan operator[](size_t index) const;
+    size_t Size() const { return size_; }
+    void Clear();
+
+private:
+    static constexpr size_t kChunk = 4096;
+    static constexpr uint32_t kLongLength = UINT32_MAX; ///< the length is in longLengths_
+    struct TChunk {
+        int64_t Offsets[kChunk];
+        uint32_t Lengths[kChunk];
+    };
+    std::vector<std::unique_ptr<TChunk>> chunks_;
+    std::vector<std::pair<size_t, int64_t>> longLengths_; ///< (index, length), by index
+    size_t size_ = 0;
+};
+
+/// A loaded text: the header line and the selected data rows, served as UTF-8.
+///
+/// Records are numbered from 1. A separator at the very end of the text does not open one more (empty)
+/// record; a qualifier that is never closed makes the rest of the text one record.
+class TKvTextFile {
+public:
+    TKvTextFile();
+    ~TKvTextFile();
+    TKvTextFile(const TKvTextFile&) = delete;
+    TKvTextFile& operator=(const TKvTextFile&) = delete;
+
+    /// Settings take effect at the next Open.
+    TKvTextFileSettings& Settings() { return settings_; }
+    const TKvTextFileSettings& Settings() const { return settings_; }
+
+    /// Opens a file; EFOpenError "Cannot open file "<name>". <system message>" when it cannot be opened.
+    void Open(const std::string& fileName);
+    /// Reads `stream` from its position. The stream must outlive the reader (or the next Open/Close); a
+    /// TMemoryStream is used in place, a stream that cannot seek is read into memory.
+    void OpenStream(TStream& stream);
+    /// Standard input: a redirected file is scanned like any file, a pipe is read into memory.
+    void OpenStdin();
+    /// Text already in memory (the clipboard's), decoded like a file's bytes.
+    void OpenText(std::string bytes);
+    void Close();
+    bool Active() const { return active_; }
+
+    /// How the input was decoded: a UTF-16 BOM selects UTF-16; otherwise a UTF-8 BOM, or bytes that are
+    /// UTF-8 up to the end of the last wanted record, are UTF-8; anything else is Windows-1252, decoded
+    /// record by record as rows are read.
+    TTextEncoding Encoding() const { return encoding_; }
+    /// Records met while scanning (the scan stops once the last wanted record is reached).
+    int64_t RecordCount() const { return records_; }
+
+    /// True when the record RowFieldNames was found.
+    bool HasHeader() const { return hasHeader_; }
+    /// The header record as UTF-8 ("" without one).
+    const std::string& HeaderLine() const { return headerLine_; }
+
+    /// Number of data rows.
+    int64_t RowCount() const { return static_cast<int64_t>(rows_.Size()); }
+    /// Data row `index` (0-based) as UTF-8; the reference stays valid until the next call. Rows read in
+    /// ascending order stream through the window; any other order seeks.
+    const std::string& Row(int64_t index);
+    /// The record number (1-based line number) of data row `index`.
+    int64_t LineNumber(int64_t index) const;
+    /// Where data row `index` lies in the input.
+    TKvTextRecordSpan RowSpan(int64_t index) const;
+
+private:
+    void OpenMemory(std::string_view bytes);
+    void OpenSeekable(TStream& stream, int64_t start);
+    void Finish(TKvTextScanner& scanner);
+    std::string_view Fetch(const TKvTextRecordSpan& span);
+    void Decode(std::string_view bytes, std::string& out) const;
+
+    TKvTextFileSettings settings_;
+    size_t blockSize_ = 0; ///< of the open input
+    bool active_ = false;
+    TTextEncoding encoding_ = encUtf8;
+    bool sanitize_ = false; ///< UTF-8 after a BOM that turned out malformed: bad bytes become U+FFFD
+    int64_t records_ = 0;
+
+    // Where the bytes come from: a view of memory (owned or borrowed), or a seekable stream.
+    std::unique_ptr<TStream> ownedStream_;
+    TStream* stream_ = nullptr;
+    std::string ownedBytes_;
+    std::string_view memory_;
+    bool inMemory_ = false;
+
+    // The window rows are read through (stream input only).
+    std::vector<char> window_;
+    int64_t windowStart_ = 0;
+    size_t windowLength_ = 0;
+
+    bool hasHeader_ = false;
+    std::string headerLine_;
+    TKvTextSpanList rows_;
+    /// (row index, record number) wherever a skipped record breaks the run of consecutive numbers.
+    std::vector<std::pair<int64_t, int64_t>> numbering_;
+    std::string line_;
+};
+
+} // namespace kv

@@ -1,0 +1,227 @@
+#include "readers/text/KvTextScanInternal.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace kv {
+
+void TKvUtf8Validator::Feed(const char* data, size_t size) {
+    const auto* p = reinterpret_cast<const unsigned char*>(data);
+    size_t i = 0;
+    while (i < size && valid_) {
+        if (need_ == 0) {
+            // Eight ASCII bytes at a time: most text is mostly ASCII.
+            while (i + 8 <= size) {
+                uint64_t word;
+                std::memcpy(&word, p + i, 8);
+                if (word & 0x8080808080808080ull) break;
+                i += 8;
+            }
+            if (i >= size) break;
+            const unsigned char c = p[i++];
+            if (c < 0x80) continue;
+            lo_ = 0x80, hi_ = 0xBF;
+            if (c >= 0xC2 && c <= 0xDF) {
+                need_ = 1;
+            } else if (c >= 0xE0 && c <= 0xEF) {
+                need_ = 2;
+                if (c == 0xE0) lo_ = 0xA0; // no overlong forms
+                if (c == 0xED) hi_ = 0x9F; // no surrogates
+            } else if (c >= 0xF0 && c <= 0xF4) {
+                need_ = 3;
+                if (c == 0xF0) lo_ = 0x90;
+                if (c == 0xF4) hi_ = 0x8F; // nothing above U+10FFFF
+            } else {
+                valid_ = false;
+            }
+        } else {
+            const unsigned char c = p[i++];
+            if (c < lo_ || c > hi_) {
+                valid_ = false;
+                break;
+            }
+            lo_ = 0x80, hi_ = 0xBF;
+            --need_;
+        }
+    }
+}
+
+void TKvTextSpanList::Push(const TKvTextRecordSpan& span) {
+    const size_t slot = size_ % kChunk;
+    if (slot == 0) chunks_.push_back(std::make_unique_for_overwrite<TChunk>());
+    TChunk& chunk = *chunks_.back();
+    chunk.Offsets[slot] = span.Offset;
+    if (span.Length >= static_cast<int64_t>(kLongLength)) {
+        chunk.Lengths[slot] = kLongLength;
+        longLengths_.emplace_back(size_, span.Length);
+    } else {
+        chunk.Lengths[slot] = static_cast<uint32_t>(span.Length);
+    }
+    ++size_;
+}
+
+TKvTextRecordSpan TKvTextSpanList::operator[](size_t index) const {
+    const TChunk& chunk = *chunks_[index / kChunk];
+    const size_t slot = index % kChunk;
+    TKvTextRecordSpan span{chunk.Offsets[slot], chunk.Lengths[slot]};
+    if (chunk.Lengths[slot] == kLongLength)
+        span.Length =
+            std::lower_bound(longLengths_.begin(), longLengths_.end(), std::make_pair(index, int64_t(0)))
+                ->second;
+    return span;
+}
+
+void TKvTextSpanList::Clear() {
+    std::vector<std::unique_ptr<TChunk>>().swap(chunks_);
+    longLengths_.clear();
+    size_ = 0;
+}
+
+TKvTextScanner::TKvTextScanner(const TKvTextScanConfig& config, int64_t start)
+    : config_(config), recordStart_(start) {
+    if (config_.SeparatorNever) config_.Separator.clear();
+    if (!config_.Separator.empty()) config_.FixedChars = 0;
+    tail_ = std::max(config_.Separator.size(), config_.Qualifier.size());
+    if (tail_) --tail_;
+    stopAt_ = std::max(config_.RowLast, config_.HeaderRecord);
+    // Nothing wanted at all: no need to look at a byte.
+    done_ = stopAt_ < 1 || (config_.RowFirst > config_.RowLast && config_.HeaderRecord < 1);
+    if (done_) StopOffset = start;
+}
+
+size_t TKvTextScanner::Feed(const char* data, size_t size, int64_t base, bool final) {
+    if (done_) return size;
+    size_t consumed = size;
+    if (!config_.Separator.empty())
+        consumed = FeedSeparated(data, size, final ? size : (size > tail_ ? size - tail_ : 0), base);
+    else if (config_.FixedChars > 0)
+        FeedFixed(data, size, base);
+    if (done_) return size;
+    if (config_.SkipEmpty && blank_) CheckBlank(data, OpenRecordIndex(base), consumed);
+    if (final && recordStart_ < base + static_cast<int64_t>(size)) EndRecord(data, size, base);
+    if (consumed) previous_ = data[consumed - 1];
+    return consumed;
+}
+
+size_t TKvTextScanner::OpenRecordIndex(int64_t base) const {
+    return static_cast<size_t>(std::max<int64_t>(recordStart_ - base, 0));
+}
+
+// Outside a qualified section the next event is the nearer of the next separator and the next qualifier;
+// inside one it is the next qualifier. Both positions come from memchr and are kept until passed, so the
+// buffer is searched about once per pattern whatever the mix.
+size_t TKvTextScanner::FeedSeparated(const char* d, size_t n, size_t limit, int64_t base) {
+    const std::string& sep = config_.Separator;
+    const std::string& qual = config_.Qualifier;
+    const bool hasQualifier = !qual.empty();
+    const auto find = [&](char c, size_t from) -> size_t {
+        const void* hit = std::memchr(d + from, c, limit - from);
+        return hit ? static_cast<size_t>(static_cast<const char*>(hit) - d) : limit;
+    };
+    const auto matches = [&](size_t at, const std::string& pattern) {
+        return pattern.size() == 1 ||
+               (at + pattern.size() <= n && std::memcmp(d + at, pattern.data(), pattern.size()) == 0);
+    };
+    size_t p = 0, nextSep = 0, nextQual = 0;
+    bool sepKnown = false, qualKnown = false;
+    while (p < limit && !done_) {
+        if (!qualKnown || nextQual < p) {
+            nextQual = hasQualifier ? find(qual[0], p) : limit;
+            qualKnown = true;
+        }
+        if (inside_) {
+            if (nextQual >= limit) return limit;
+            if (matches(nextQual, qual)) {
+                inside_ = false;
+                p = nextQual + qual.size();
+            } else {
+                p = nextQual + 1;
+            }
+            continue;
+        }
+        if (!sepKnown || nextSep < p) {
+            nextSep = find(sep[0], p);
+            sepKnown = true;
+        }
+        if (nextQual < nextSep) {
+            if (matches(nextQual, qual)) {
+                inside_ = true;
+                p = nextQual + qual.size();
+            } else {
+                p = nextQual + 1;
+            }
+            continue;
+        }
+        if (nextSep >= limit) return limit;
+        if (matches(nextSep, sep)) {
+            EndRecord(d, nextSep, base);
+            p = nextSep + sep.size();
+            recordStart_ = base + static_cast<int64_t>(p);
+        } else {
+            p = nextSep + 1;
+        }
+    }
+    return p;
+}
+
+void TKvTextScanner::FeedFixed(const char* d, size_t n, int64_t base) {
+    const int64_t width = config_.FixedChars;
+    const int64_t end = base + static_cast<int64_t>(n);
+    if (!config_.Utf8Chars) {
+        // One byte a character: the boundaries are known without looking at the bytes.
+        while (!done_ && end - recordStart_ >= width) {
+            const int64_t next = recordStart_ + width;
+            EndRecord(d, static_cast<size_t>(next - base), base);
+            recordStart_ = next;
+        }
+        return;
+    }
+    for (size_t i = 0; i < n && !done_; ++i) {
+        if ((static_cast<unsigned char>(d[i]) & 0xC0) == 0x80) continue; // a continuation byte
+        if (chars_ == width) {
+            EndRecord(d, i, base);
+            recordStart_ = base + static_cast<int64_t>(i);
+            chars_ = 0;
+        }
+        ++chars_;
+    }
+}
+
+void TKvTextScanner::CheckBlank(const char* d, size_t from, size_t to) {
+    for (size_t i = from; i < to && blank_; ++i) {
+        const unsigned char c = static_cast<unsigned char>(d[i]);
+        blank_ = c <= ' ' || (config_.BlankDelimiter && d[i] == config_.BlankDelimiter);
+    }
+}
+
+void TKvTextScanner::EndRecord(const char* d, size_t endIndex, int64_t base) {
+    int64_t length = base + static_cast<int64_t>(endIndex) - recordStart_;
+    if (config_.LineBreaks && length > 0 && (endIndex ? d[endIndex - 1] : previous_) == '\r') --length;
+    bool empty = length == 0;
+    if (config_.SkipEmpty && !empty) {
+        CheckBlank(d, OpenRecordIndex(base), endIndex);
+        empty = blank_;
+    }
+    blank_ = true;
+    Keep(recordStart_, length, empty);
+}
+
+void TKvTextScanner::Keep(int64_t offset, int64_t length, bool empty) {
+    ++Records;
+    if (Records == config_.HeaderRecord) {
+        HasHeader = true;
+        Header = {offset, length};
+    }
+    if (Records >= config_.RowFirst && Records <= config_.RowLast && !(config_.SkipEmpty && empty)) {
+        const auto index = static_cast<int64_t>(Rows.Size());
+        if (Numbering.empty() || Numbering.back().second - Numbering.back().first != Records - index)
+            Numbering.emplace_back(index, Records);
+        Rows.Push({offset, length});
+    }
+    if (Records >= stopAt_) {
+        done_ = true;
+        StopOffset = offset + length;
+    }
+}
+
+} // namespace kv

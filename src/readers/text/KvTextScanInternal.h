@@ -1,0 +1,89 @@
+#pragma once
+// The record scan behind TKvTextFile: cuts bytes into records and selects the ones kept, block by block,
+// with memchr over the buffer and no work per byte outside the fixed-length case. Also a streaming UTF-8
+// validator, so the encoding can be decided while the same blocks go by.
+
+#include "readers/text/KvTextFile.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace kv {
+
+/// Checks UTF-8 well-formedness over consecutive chunks (a sequence may straddle two chunks).
+class TKvUtf8Validator {
+public:
+    void Feed(const char* data, size_t size);
+    /// The input has ended: a sequence left open makes it malformed.
+    void Finish() {
+        if (need_) valid_ = false;
+    }
+    bool Valid() const { return valid_; }
+
+private:
+    int need_ = 0;            ///< continuation bytes still expected
+    unsigned char lo_ = 0x80; ///< range of the next continuation byte (narrower after E0, ED, F0, F4)
+    unsigned char hi_ = 0xBF;
+    bool valid_ = true;
+};
+
+/// What the scan looks for, in the bytes of the input's encoding.
+struct TKvTextScanConfig {
+    std::string Separator;       ///< empty = none
+    bool SeparatorNever = false; ///< the separator cannot occur in this encoding
+    bool LineBreaks = false; ///< separator is CR LF: a lone LF ends a record too, a CR before it is dropped
+    std::string Qualifier;   ///< empty = none
+    int64_t FixedChars = 0;  ///< > 0 (and no separator): records of this many characters
+    bool Utf8Chars = true;   ///< characters are UTF-8 sequences (else one byte each)
+    int64_t RowFirst = 1;
+    int64_t RowLast = 2147483647;
+    int64_t HeaderRecord = 0; ///< 0 = none
+    bool SkipEmpty = false;
+    char BlankDelimiter = 0; ///< a one-byte delimiter that counts as blank for SkipEmpty (0 = none)
+};
+
+/// Cuts records and keeps the selected ones. Feed it consecutive bytes; it consumes all but a short tail
+/// (less than the longest pattern) that has to be fed again in front of the next bytes.
+class TKvTextScanner {
+public:
+    TKvTextScanner(const TKvTextScanConfig& config, int64_t start);
+
+    /// Scans `size` bytes found at absolute offset `base`; `final` when nothing follows. Returns the number
+    /// of bytes consumed.
+    size_t Feed(const char* data, size_t size, int64_t base, bool final);
+    /// The last wanted record has been reached; the rest of the input is not needed.
+    bool Done() const { return done_; }
+    /// Bytes that must stay unconsumed at the end of a block so a pattern is never cut in two.
+    size_t Tail() const { return tail_; }
+
+    int64_t Records = 0;
+    /// Once Done: where the last wanted record ends. The encoding is judged by the bytes before it.
+    int64_t StopOffset = -1;
+    bool HasHeader = false;
+    TKvTextRecordSpan Header;
+    TKvTextSpanList Rows;
+    std::vector<std::pair<int64_t, int64_t>> Numbering;
+
+private:
+    size_t FeedSeparated(const char* d, size_t n, size_t limit, int64_t base);
+    void FeedFixed(const char* d, size_t n, int64_t base);
+    void EndRecord(const char* d, size_t endIndex, int64_t base);
+    void Keep(int64_t offset, int64_t length, bool empty);
+    void CheckBlank(const char* d, size_t from, size_t to);
+    size_t OpenRecordIndex(int64_t base) const;
+
+    TKvTextScanConfig config_;
+    size_t tail_ = 0;
+    int64_t stopAt_ = 0;
+    bool done_ = false;
+    int64_t recordStart_ = 0; ///< absolute offset where the open record starts
+    bool inside_ = false;     ///< between an opening and a closing qualifier
+    int64_t chars_ = 0;       ///< characters of the open record (fixed length)
+    char previous_ = 0;       ///< last byte of the previous Feed, for the CR before an LF at a block start
+    bool blank_ = true;       ///< the open record holds only blanks so far (SkipEmpty)
+};
+
+} // namespace kv

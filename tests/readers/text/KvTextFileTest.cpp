@@ -1,0 +1,441 @@
+// Loading text: encodings, cutting records, selecting rows, block boundaries, the sources and bad input.
+
+#include "readers/text/KvTextFile.h"
+#include "TestSupport.h"
+#include "platform/Exceptions.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace kv {
+namespace {
+
+struct Loaded {
+    std::vector<std::string> Rows;
+    std::vector<int64_t> Lines;
+    bool HasHeader = false;
+    std::string Header;
+    TTextEncoding Encoding = encUtf8;
+    bool operator==(const Loaded&) const = default;
+};
+
+Loaded Collect(TKvTextFile& file) {
+    Loaded r;
+    for (int64_t i = 0; i < file.RowCount(); ++i) {
+        r.Rows.push_back(file.Row(i));
+        r.Lines.push_back(file.LineNumber(i));
+    }
+    r.HasHeader = file.HasHeader();
+    r.Header = file.HeaderLine();
+    r.Encoding = file.Encoding();
+    return r;
+}
+
+Loaded LoadText(const std::string& bytes, const TKvTextFileSettings& settings) {
+    TKvTextFile file;
+    file.Settings() = settings;
+    file.OpenText(bytes);
+    return Collect(file);
+}
+
+Loaded LoadFile(const std::string& bytes, TKvTextFileSettings settings, size_t blockSize) {
+    test::TempDir dir;
+    test::WriteFile(dir.File("in.txt"), bytes);
+    settings.BlockSize = blockSize;
+    TKvTextFile file;
+    file.Settings() = settings;
+    file.Open(dir.File("in.txt"));
+    return Collect(file);
+}
+
+// Loads from memory, and from a file with block sizes small enough to cut every separator, qualifier and
+// character in two somewhere; every way must agree.
+Loaded LoadEverywhere(const std::string& bytes, const TKvTextFileSettings& settings) {
+    const Loaded expected = LoadText(bytes, settings);
+    for (size_t block : {1, 2, 3, 4, 5, 7, 16, 0}) {
+        SCOPED_TRACE("block size " + std::to_string(block));
+        EXPECT_EQ(LoadFile(bytes, settings, block), expected);
+    }
+    return expected;
+}
+
+TKvTextFileSettings Plain(std::string separator = "\r\n", char32_t qualifier = U'"') {
+    TKvTextFileSettings s;
+    s.RecordSeparator = std::move(separator);
+    s.TextQualifier = qualifier;
+    s.FieldDelimiter = U',';
+    s.RowFieldNames = 0;
+    return s;
+}
+
+struct RecordCase {
+    const char* Name;
+    std::string Bytes;
+    TKvTextFileSettings Settings;
+    std::vector<std::string> Rows;
+};
+
+TKvTextFileSettings FixedLength(int length) {
+    TKvTextFileSettings s = Plain("");
+    s.FixedLineLength = length;
+    return s;
+}
+
+TKvTextFileSettings Upto(TKvTextFileSettings s, int rowLast) {
+    s.RowLast = rowLast;
+    return s;
+}
+
+TEST(TextFile, CutsRecords) {
+    const RecordCase cases[] = {
+        {"CR LF", "a,b\r\nc,d\r\n", Plain(), {"a,b", "c,d"}},
+        {"LF alone with the CR LF setting", "a,b\nc,d\n", Plain(), {"a,b", "c,d"}},
+        {"mixed line ends", "a\r\nb\nc\r\n", Plain(), {"a", "b", "c"}},
+        {"a CR before the end of the text", "a\r\nb\r", Plain(), {"a", "b"}},
+        {"no final line break", "a\r\nb", Plain(), {"a", "b"}},
+        {"blank lines are records", "a\r\n\r\n\nb", Plain(), {"a", "", "", "b"}},
+        {"a lone CR is text", "a\rb\r\nc", Plain(), {"a\rb", "c"}},
+        {"qualified field across lines", "1,\"x\r\ny\"\r\n2,z", Plain(), {"1,\"x\r\ny\"", "2,z"}},
+        {"qualified field across LF lines", "1,\"x\ny\"\n2", Plain(), {"1,\"x\ny\"", "2"}},
+        {"doubled qualifiers keep the state", "\"a\"\"\r\nb\"\r\nc", Plain(), {"\"a\"\"\r\nb\"", "c"}},
+        {"without qualifier", "\"a\r\nb\"", Plain("\r\n", 0), {"\"a", "b\""}},
+        {"another qualifier", "'a\r\nb',\"c\r\nd", Plain("\r\n", U'\''), {"'a\r\nb',\"c", "d"}},
+        {"two-character separator", "a|b||c||", Plain("||"), {"a|b", "c"}},
+        {"separator inside qualifiers", "\"x||y\"||z", Plain("||"), {"\"x||y\"", "z"}},
+        {"long separator", "a<EOR>b<EO<EOR>", Plain("<EOR>"), {"a", "b<EO"}},
+        {"LF setting keeps the CR", "a\r\nb", Plain("\n"), {"a\r", "b"}},
+        {"one-character separator", "a;b;;c", Plain(";"), {"a", "b", "", "c"}},
+        {"non-ASCII separator",
+         "a\xC2\xB6"
+         "b\xC2\xB6",
+         Plain("\xC2\xB6"),
+         {"a", "b"}},
+        {"non-ASCII qualifier",
+         "\xC2\xA7"
+         "a\nb\xC2\xA7\nc",
+         Plain("\r\n", U'\u00A7'),
+         {"\xC2\xA7"
+          "a\nb\xC2\xA7",
+          "c"}},
+        {"fixed length", "abcdefgh", FixedLength(3), {"abc", "def", "gh"}},
+        {"fixed length counts characters",
+         "\xC3\xA4"
+         "bcd\xC3\xA9"
+         "f\xE2\x82\xACx",
+         FixedLength(3),
+         {"\xC3\xA4"
+          "bc",
+          "d\xC3\xA9"
+          "f",
+          "\xE2\x82\xACx"}},
+        {"fixed length ignores line breaks", "ab\r\ncd", FixedLength(2), {"ab", "\r\n", "cd"}},
+        {"no separator: one record", "a\r\nb", Plain(""), {"a\r\nb"}},
+        {"unterminated qualifier takes the rest", "a\r\n\"b\r\nc\r\nd", Plain(), {"a", "\"b\r\nc\r\nd"}},
+        {"empty text", "", Plain(), {}},
+        {"one empty record", "\r\n", Plain(), {""}},
+    };
+    for (const RecordCase& c : cases) {
+        SCOPED_TRACE(c.Name);
+        EXPECT_EQ(LoadEverywhere(c.Bytes, c.Settings).Rows, c.Rows);
+    }
+}
+
+TEST(TextFile, SelectsRows) {
+    const std::string text = "h\r\n1\r\n2\r\n3\r\n4\r\n5";
+    struct Case {
+        int First, Last, Names;
+        const char* Header; // nullptr: none
+        std::vector<std::string> Rows;
+        std::vector<int64_t> Lines;
+        int64_t Records; // how far the scan went
+    };
+    const Case cases[] = {
+        {1, 2147483647, 1, "h", {"h", "1", "2", "3", "4", "5"}, {1, 2, 3, 4, 5, 6}, 6},
+        {2, 2147483647, 1, "h", {"1", "2", "3", "4", "5"}, {2, 3, 4, 5, 6}, 6},
+        {3, 4, 1, "h", {"2", "3"}, {3, 4}, 4},
+        {2, 3, 5, "4", {"1", "2"}, {2, 3}, 5}, // the scan goes on to the header
+        {1, 2, 0, nullptr, {"h", "1"}, {1, 2}, 2},
+        {2, 2147483647, 9, nullptr, {"1", "2", "3", "4", "5"}, {2, 3, 4, 5, 6}, 6},
+        {7, 9, 0, nullptr, {}, {}, 6},
+        {5, 3, 0, nullptr, {}, {}, 0},
+        {1, 0, 0, nullptr, {}, {}, 0},
+        {0, 1, 0, nullptr, {"h"}, {1}, 1},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::to_string(c.First) + ".." + std::to_string(c.Last) + " names " +
+                     std::to_string(c.Names));
+        TKvTextFileSettings s = Plain();
+        s.RowFirst = c.First, s.RowLast = c.Last, s.RowFieldNames = c.Names;
+        const Loaded r = LoadEverywhere(text, s);
+        EXPECT_EQ(r.HasHeader, c.Header != nullptr);
+        EXPECT_EQ(r.Header, c.Header ? c.Header : "");
+        EXPECT_EQ(r.Rows, c.Rows);
+        EXPECT_EQ(r.Lines, c.Lines);
+        TKvTextFile file;
+        file.Settings() = s;
+        file.OpenText(text);
+        EXPECT_EQ(file.RecordCount(), c.Records);
+    }
+}
+
+TEST(TextFile, SkipsEmptyRowsButKeepsTheirNumbers) {
+    const std::string text = "a\r\n\r\n  \r\n,,\r\nb\r\n\t";
+    TKvTextFileSettings s = Plain();
+    EXPECT_EQ(LoadEverywhere(text, s).Rows, (std::vector<std::string>{"a", "", "  ", ",,", "b", "\t"}));
+    s.SkipEmptyRows = true;
+    Loaded r = LoadEverywhere(text, s);
+    EXPECT_EQ(r.Rows, (std::vector<std::string>{"a", "b"}));
+    EXPECT_EQ(r.Lines, (std::vector<int64_t>{1, 5}));
+    s.FixedWidth = true; // the delimiter means nothing to fixed-width records
+    r = LoadEverywhere(text, s);
+    EXPECT_EQ(r.Rows, (std::vector<std::string>{"a", ",,", "b"}));
+    EXPECT_EQ(r.Lines, (std::vector<int64_t>{1, 4, 5}));
+    s.FixedWidth = false;
+    s.RowFirst = 2, s.RowLast = 5; // skipping does not move the range
+    EXPECT_EQ(LoadEverywhere(text, s).Lines, (std::vector<int64_t>{5}));
+}
+
+TEST(TextFile, DecodesEncodings) {
+    struct Case {
+        const char* Name;
+        std::string Bytes;
+        TKvTextFileSettings Settings;
+        TTextEncoding Encoding;
+        std::vector<std::string> Rows;
+    };
+    const Case cases[] = {
+        {"UTF-16 LE",
+         std::string("\xFF\xFE"
+                     "a\0,\0\xE9\0\r\0\n\0b\0\n\0",
+                     16),
+         Plain(),
+         encUtf16LE,
+         {"a,\xC3\xA9", "b"}},
+        {"UTF-16 BE",
+         std::string("\xFE\xFF\0a\0,\x20\xAC\0\r\0\n\0b", 14),
+         Plain(),
+         encUtf16BE,
+         {"a,\xE2\x82\xAC", "b"}},
+        {"UTF-16 with an odd byte",
+         std::string("\xFF\xFE"
+                     "a\0b",
+                     5),
+         Plain(),
+         encUtf16LE,
+         {"a\xEF\xBF\xBD"}},
+        {"UTF-8 with BOM",
+         "\xEF\xBB\xBF"
+         "a\xC3\xA9\r\nb",
+         Plain(),
+         encUtf8Bom,
+         {"a\xC3\xA9", "b"}},
+        {"UTF-8", "a\xC3\xA9\r\n\xF0\x9F\x98\x80", Plain(), encUtf8, {"a\xC3\xA9", "\xF0\x9F\x98\x80"}},
+        {"Windows-1252", "caf\xE9\r\n\x80 5", Plain(), encAnsi, {"caf\xC3\xA9", "\xE2\x82\xAC 5"}},
+        {"Windows-1252 late in the text",
+         "\xC3\xA9x\r\ny\xE9",
+         Plain(),
+         encAnsi,
+         {"\xC3\x83\xC2\xA9x", "y\xC3\xA9"}},
+        // The first bytes read as UTF-8 count "é" as one character; the last byte shows it is not UTF-8,
+        // and the records are cut again by bytes.
+        {"Windows-1252 fixed length",
+         "\xC3\xA9xy\xE9",
+         FixedLength(2),
+         encAnsi,
+         {"\xC3\x83\xC2\xA9", "xy", "\xC3\xA9"}},
+        {"Windows-1252 with a non-ASCII separator",
+         "a\xB6"
+         "b",
+         Plain("\xC2\xB6"),
+         encAnsi,
+         {"a", "b"}},
+        {"a separator Windows-1252 lacks",
+         "a\xB6"
+         "b",
+         Plain("\xE2\x82\xAD"),
+         encAnsi,
+         {"a\xC2\xB6"
+          "b"}},
+        {"malformed UTF-8 after a BOM",
+         "\xEF\xBB\xBF"
+         "a\xFF"
+         "b\r\nc",
+         Plain(),
+         encUtf8Bom,
+         {"a\xEF\xBF\xBD"
+          "b",
+          "c"}},
+        // Only the bytes up to the last wanted record are judged.
+        {"UTF-8 up to RowLast", "\xC3\xA9\r\n\xFF", Upto(Plain(), 1), encUtf8, {"\xC3\xA9"}},
+        {"a sequence cut by RowLast", "a\xE2\x82x", Upto(FixedLength(1), 2), encAnsi, {"a", "\xC3\xA2"}},
+        {"binary",
+         std::string("\x00\x01\xFF\r\n\xFE\x00", 7),
+         Plain(),
+         encAnsi,
+         {std::string("\x00\x01\xC3\xBF", 4), std::string("\xC3\xBE\x00", 3)}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.Name);
+        const Loaded r = LoadEverywhere(c.Bytes, c.Settings);
+        EXPECT_EQ(r.Encoding, c.Encoding);
+        EXPECT_EQ(r.Rows, c.Rows);
+    }
+}
+
+TEST(TextFile, BlockBoundariesFallInsidePatterns) {
+    // 4-byte blocks: "ab\r" | "\nx\"\r" ... put the CR LF and the qualified line break across blocks.
+    TKvTextFileSettings s = Plain();
+    s.BlockSize = 4;
+    test::TempDir dir;
+    test::WriteFile(dir.File("a.csv"), "abc\r\nx\"\r\n\"y\r\nz");
+    TKvTextFile file;
+    file.Settings() = s;
+    file.Open(dir.File("a.csv"));
+    ASSERT_EQ(file.RowCount(), 3);
+    EXPECT_EQ(file.Row(0), "abc");
+    EXPECT_EQ(file.Row(1), "x\"\r\n\"y");
+    EXPECT_EQ(file.Row(2), "z");
+    // Read back in any order, through a window of one block.
+    EXPECT_EQ(file.Row(2), "z");
+    EXPECT_EQ(file.Row(0), "abc");
+    EXPECT_EQ(file.RowSpan(1).Offset, 5);
+    EXPECT_EQ(file.RowSpan(1).Length, 6);
+}
+
+TEST(TextFile, SpanListKeepsEveryOffsetAndLength) {
+    TKvTextSpanList list;
+    const int64_t huge = int64_t(5) << 30; // records of 4 GiB and more keep their length too
+    for (int64_t i = 0; i < 10000; ++i) list.Push({i * 7, i % 1000 == 999 ? huge + i : i % 13});
+    ASSERT_EQ(list.Size(), 10000u);
+    for (size_t i :
+         {size_t(0), size_t(998), size_t(999), size_t(4095), size_t(4096), size_t(8999), size_t(9999)}) {
+        EXPECT_EQ(list[i].Offset, static_cast<int64_t>(i) * 7) << i;
+        EXPECT_EQ(list[i].Length,
+                  i % 1000 == 999 ? huge + static_cast<int64_t>(i) : static_cast<int64_t>(i % 13))
+            << i;
+    }
+    list.Clear();
+    EXPECT_EQ(list.Size(), 0u);
+}
+
+TEST(TextFile, OpensEveryKindOfSource) {
+    const std::string text = "n\r\n1\r\n2";
+    TKvTextFile file;
+    file.Settings().RowFirst = 2;
+
+    TMemoryStream memory(text); // used in place, from its position
+    memory.SetPosition(3);
+    file.OpenStream(memory);
+    EXPECT_EQ(file.HeaderLine(), "1");
+    ASSERT_EQ(file.RowCount(), 1);
+    EXPECT_EQ(file.Row(0), "2");
+
+    // A stream that cannot seek (a pipe) is read into memory.
+    class Unseekable : public TStream {
+    public:
+        explicit Unseekable(std::string bytes) : bytes_(std::move(bytes)) {}
+        size_t Read(void* buffer, size_t count) override {
+            const size_t n = std::min(count, bytes_.size() - position_);
+            bytes_.copy(static_cast<char*>(buffer), n, position_);
+            position_ += n;
+            return n;
+        }
+        size_t Write(const void*, size_t) override { return 0; }
+        int64_t Seek(int64_t, TSeekOrigin) override { return -1; }
+
+    private:
+        std::string bytes_;
+        size_t position_ = 0;
+    } unseekable(text);
+    file.OpenStream(unseekable);
+    EXPECT_EQ(file.HeaderLine(), "n");
+    ASSERT_EQ(file.RowCount(), 2);
+    EXPECT_EQ(file.Row(1), "2");
+
+    file.OpenText("x\r\ny\r\nz");
+    EXPECT_EQ(file.HeaderLine(), "x");
+    EXPECT_EQ(file.RowCount(), 2);
+    file.Close();
+    EXPECT_FALSE(file.Active());
+    EXPECT_EQ(file.RowCount(), 0);
+}
+
+// Runs `body` with standard input taken from `fd`.
+template <class Body> void WithStdin(int fd, Body body) {
+    const int saved = dup(0);
+    dup2(fd, 0);
+    close(fd);
+    body();
+    dup2(saved, 0);
+    close(saved);
+}
+
+TEST(TextFile, ReadsStandardInput) {
+    test::TempDir dir;
+    test::WriteFile(dir.File("in.csv"), "h\nfrom a file\n");
+    WithStdin(open(dir.File("in.csv").c_str(), O_RDONLY), [] {
+        TKvTextFile file;
+        file.Settings().RowFirst = 2;
+        file.OpenStdin();
+        ASSERT_EQ(file.RowCount(), 1);
+        EXPECT_EQ(file.Row(0), "from a file");
+    });
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    const std::string text = "h\r\nfrom a pipe\r\n";
+    ASSERT_EQ(write(fds[1], text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    close(fds[1]);
+    WithStdin(fds[0], [] {
+        TKvTextFile file;
+        file.Settings().RowFirst = 2;
+        file.OpenStdin();
+        ASSERT_EQ(file.RowCount(), 1);
+        EXPECT_EQ(file.Row(0), "from a pipe");
+    });
+}
+
+TEST(TextFile, BadInput) {
+    test::TempDir dir;
+    TKvTextFile file;
+    for (const std::string& name : {dir.File("missing.csv"), dir.Path()}) {
+        try {
+            file.Open(name);
+            FAIL() << name;
+        } catch (const EFOpenError& e) {
+            const std::string reason = name == dir.Path() ? "Is a directory" : "No such file or directory";
+            EXPECT_EQ(std::string(e.what()), "Cannot open file \"" + name + "\". " + reason);
+        }
+        EXPECT_FALSE(file.Active());
+    }
+    if (geteuid() != 0) { // root reads anything
+        test::WriteFile(dir.File("locked.csv"), "a");
+        chmod(dir.File("locked.csv").c_str(), 0);
+        EXPECT_THROW(file.Open(dir.File("locked.csv")), EFOpenError);
+    }
+
+    // An enormous line is one row, read back whole.
+    const std::string huge(3 * 1024 * 1024 + 17, 'x');
+    test::WriteFile(dir.File("huge.csv"), "a\r\n" + huge + "\r\nb");
+    file.Settings().RowFieldNames = 0;
+    file.Open(dir.File("huge.csv"));
+    ASSERT_EQ(file.RowCount(), 3);
+    EXPECT_EQ(file.Row(1), huge);
+    EXPECT_EQ(file.Row(2), "b");
+
+    EXPECT_THROW(file.Row(3), EListError);
+    EXPECT_THROW(file.Row(-1), EListError);
+    EXPECT_THROW(file.LineNumber(3), EListError);
+
+    // The file shrinks after the scan: the row that is gone is a read error.
+    test::WriteFile(dir.File("huge.csv"), "a\r\n");
+    EXPECT_THROW(file.Row(1), EReadError);
+
+    test::WriteFile(dir.File("empty.csv"), "");
+    file.Open(dir.File("empty.csv"));
+    EXPECT_EQ(file.RowCount(), 0);
+    EXPECT_FALSE(file.HasHeader());
+}
+
+} // namespace
+} // namespace kv
