@@ -49,7 +49,7 @@ Variant CheckedInteger(const Variant& value, const std::string& fieldName, int64
 
 } // namespace
 
-Variant CoerceToFieldType(const Variant& value, TFieldType type, const std::string& fieldName) {
+Variant CoerceToFieldType(Variant value, TFieldType type, const std::string& fieldName) {
     if (value.IsNullOrEmpty()) return Variant::Null();
     switch (type) {
     case ftString:
@@ -138,12 +138,12 @@ Variant TField::Value() const {
     return ds.CurrentValue(index_);
 }
 
-void TField::SetValue(const Variant& value) {
+void TField::SetValue(Variant value) {
     TDataSet& ds = *dataSet_;
     if (ds.state_ != dsEdit && ds.state_ != dsInsert)
         throw EDatabaseError(ds.Name().empty() ? "Dataset not in edit or insert mode"
                                                : ds.Name() + ": Dataset not in edit or insert mode");
-    Variant converted = CoerceToFieldType(value, def_.DataType, def_.Name);
+    Variant converted = CoerceToFieldType(std::move(value), def_.DataType, def_.Name);
     ds.buffer_[static_cast<size_t>(index_)] = std::move(converted);
     ds.assigned_[static_cast<size_t>(index_)] = true;
 }

@@ -100,7 +100,7 @@ const char* FieldTypeName(TFieldType type);
 bool IsBlobType(TFieldType type);
 /// `value` as a field of `type` stores it: Null and unassigned give Null; otherwise the value converted by
 /// the variant rules, raising their errors (and EDatabaseError for numbers outside a small type's range).
-Variant CoerceToFieldType(const Variant& value, TFieldType type, const std::string& fieldName);
+Variant CoerceToFieldType(Variant value, TFieldType type, const std::string& fieldName);
 
 class TDataSet;
 
@@ -132,7 +132,7 @@ public:
     Variant Value() const;
     /// Sets the value in the edit buffer, converted to the field's type; EDatabaseError "Dataset not in
     /// edit or insert mode" when the dataset is not editing.
-    void SetValue(const Variant& value);
+    void SetValue(Variant value);
     void Clear() { SetValue(Variant::Null()); }
     bool IsNull() const { return Value().IsNullOrEmpty(); }
     std::string AsString() const { return Value().AsString(); }

@@ -538,6 +538,7 @@ std::vector<TFieldDef> TKvSQLiteDataSet::InternalOpen() {
 
 void TKvSQLiteDataSet::InternalClose() {
     statements_.clear();
+    lastPostStatement_ = nullptr;
     forward_.reset();
     forwardDone_ = true;
     columns_.clear();
@@ -667,6 +668,11 @@ void TKvSQLiteDataSet::BindValue(sqlite3_stmt* statement, int parameter, const V
 void TKvSQLiteDataSet::InternalPost(bool inserting, const std::vector<Variant>& values,
                                     const std::vector<bool>& assigned) {
     CheckWritable();
+    // Rows of one import assign the same fields: the statement of the last write usually serves again.
+    if (lastPostStatement_ && inserting == lastPostInserting_ && assigned == lastPostAssigned_) {
+        BindAndStep(lastPostStatement_, inserting, values, assigned);
+        return;
+    }
     std::string key(1, inserting ? 'i' : 'u');
     int assignedCount = 0;
     for (size_t i = 0; i < columns_.size(); ++i) {
@@ -701,7 +707,14 @@ void TKvSQLiteDataSet::InternalPost(bool inserting, const std::vector<Variant>& 
         }
         statement = AddStatement(key, sql);
     }
+    lastPostStatement_ = statement;
+    lastPostInserting_ = inserting;
+    lastPostAssigned_ = assigned;
+    BindAndStep(statement, inserting, values, assigned);
+}
 
+void TKvSQLiteDataSet::BindAndStep(sqlite3_stmt* statement, bool inserting,
+                                   const std::vector<Variant>& values, const std::vector<bool>& assigned) {
     sqlite3* db = db_->Handle();
     {
         TResetGuard reset(statement);

@@ -152,6 +152,8 @@ private:
                        TLocateOptions options);
     std::string ColumnList(const std::vector<bool>* only = nullptr) const;
     std::string QuotedTable() const { return TKvSQLiteDatabase::QuoteIdentifier(tableName_); }
+    void BindAndStep(sqlite3_stmt* statement, bool inserting, const std::vector<Variant>& values,
+                     const std::vector<bool>& assigned);
 
     TKvSQLiteDatabase* db_ = nullptr;
     std::string tableName_;
@@ -162,6 +164,10 @@ private:
     bool hasRowid_ = false;
     std::string rowidName_;
     std::map<std::string, TSQLiteStatement> statements_;
+    // The statement of the last write and what it wrote (cleared with the statements).
+    sqlite3_stmt* lastPostStatement_ = nullptr;
+    bool lastPostInserting_ = false;
+    std::vector<bool> lastPostAssigned_;
 
     // The cursor: the current row's rowid and a window of rows read ahead (values stored field by field),
     // valid until this dataset writes.

@@ -244,6 +244,9 @@ protected:
         std::string Source;                 ///< source column reference or expression
         std::unique_ptr<TKvIParser> Parser; ///< the source side parsed once per run
         std::exception_ptr ParseError;      ///< raised again for every row when the text does not parse
+        Variant SourceValue;                ///< Source as the value handed to GetParsedValue
+        bool HostName = false;              ///< the source side is one name the handler resolves
+        std::string Name;                   ///< that name
     };
     const std::vector<TKvIMapEntry>& Intersection() const { return intersection_; }
     const std::vector<Variant>& RowValues() const { return rowValues_; }
@@ -314,6 +317,7 @@ private:
     std::unique_ptr<TKvIParser> loadWhenParser_, skipIfParser_;
     std::exception_ptr loadWhenError_, skipIfError_;
     std::string runTableName_;
+    std::string dateMask_, timeMask_; ///< the masks of the current run, built at their first use
     std::string fieldNames_;
     TStringList sqlScript_;
     std::unique_ptr<TKvISQLWriter> sqlWriter_;

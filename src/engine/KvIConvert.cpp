@@ -181,8 +181,9 @@ void TKvImportBaseComponent::ConvertForField(TField& field, Variant& value, bool
     }
     if (!value.IsString()) return;
 
-    const std::string text = value.StringRef();
-    const std::string trimmed = Trim(text);
+    // Every branch reads the text before it replaces the value, and never after.
+    const std::string& text = value.StringRef();
+    const std::string_view trimmed = TrimView(text);
     const std::string& fieldName = field.FieldName();
     if (type == ftBoolean) {
         if (text == dataFormats_.BooleanTrue || text == "True" || text == "1" || text == "T" || text == "Y")
@@ -195,8 +196,14 @@ void TKvImportBaseComponent::ConvertForField(TField& field, Variant& value, bool
     } else if (IsIntegerType(type)) {
         if (trimmed.empty() || SameText(trimmed, fieldName)) {
             value = Variant(0);
-        } else if (!isChild && StringIsNumeric(text)) {
-            value = type == ftLargeint ? Variant::FromInt(StrToInt64(trimmed)) : Variant(StrToInt(trimmed));
+        } else if (!isChild) {
+            // Integer fields hold 64 bits here; a numeric text that is no integer raises the conversion's
+            // error.
+            int64_t n;
+            if (TryStrToInt64(trimmed, n))
+                value = Variant::FromInt(n);
+            else if (StringIsNumeric(text))
+                value = Variant::FromInt(StrToInt64(trimmed));
         }
     } else if (type == ftFloat || type == ftCurrency || type == ftBCD) {
         if (trimmed.empty() || SameText(trimmed, fieldName)) {
@@ -205,7 +212,7 @@ void TKvImportBaseComponent::ConvertForField(TField& field, Variant& value, bool
         }
         TDecimalSeparatorSwap swap(dataFormats_.DecimalSeparator);
         std::string t = text;
-        if (dataFormats_.ThousandSeparator) RemoveAll(t, Utf8Encode(dataFormats_.ThousandSeparator));
+        if (dataFormats_.ThousandSeparator) RemoveAll(t, CharText(dataFormats_.ThousandSeparator));
         if (!dataFormats_.CurrencyString.empty()) {
             size_t p = t.find(dataFormats_.CurrencyString);
             if (p != std::string::npos) t.erase(p, dataFormats_.CurrencyString.size());
@@ -220,30 +227,36 @@ void TKvImportBaseComponent::ConvertForField(TField& field, Variant& value, bool
         }
         const std::string decimal = Utf8Encode(dataFormats_.DecimalSeparator);
         if (!decimal.empty() && t.rfind(decimal, 0) == 0) t.insert(0, "0");
-        if (StringIsNumeric(t))
-            value = Variant(StrToFloat(t));
+        // Read with the import's separator (swapped in above) and, failing that, as "." would be: the
+        // text counts as a number either way.
+        double d;
+        if (TryStrToFloat(t, d) || (StringIsNumeric(t) && (d = StrToFloat(t), true)))
+            value = Variant(d);
         else
             value = Variant(t);
     } else if (type == ftDate || type == ftDateTime) {
-        std::string bare = text;
-        for (const std::string& sep :
-             {std::string("/"), std::string(":"), CharText(dataFormats_.DateSeparator),
-              CharText(dataFormats_.TimeSeparator)})
-            RemoveAll(bare, sep);
-        if (TrimView(bare).empty() || SameText(text, fieldName)) {
+        bool onlySeparators = true;
+        for (size_t pos = 0; pos < text.size() && onlySeparators;) {
+            const char32_t c = Utf8Decode(text, pos);
+            onlySeparators = c <= U' ' || c == U'/' || c == U':' || c == dataFormats_.DateSeparator ||
+                             c == dataFormats_.TimeSeparator;
+        }
+        if (onlySeparators || SameText(text, fieldName)) {
             value = Variant::Null();
             return;
         }
+        if (dateMask_.empty()) dateMask_ = BuildDTFormat();
         const TDateTime dt =
-            GetDTByMask(trimmed, BuildDTFormat(), dataFormats_.DateSeparator, dataFormats_.TimeSeparator);
+            GetDTByMask(trimmed, dateMask_, dataFormats_.DateSeparator, dataFormats_.TimeSeparator);
         if (dt != 0 && !trimmed.empty()) value = Variant::FromDateTime(dt);
     } else if (type == ftTime) {
         if (trimmed.empty() || SameText(trimmed, fieldName)) {
             value = Variant(0);
             return;
         }
-        const TDateTime dt = GetDTByMask(trimmed, BuildTimeFormat(false), dataFormats_.DateSeparator,
-                                         dataFormats_.TimeSeparator);
+        if (timeMask_.empty()) timeMask_ = BuildTimeFormat(false);
+        const TDateTime dt =
+            GetDTByMask(trimmed, timeMask_, dataFormats_.DateSeparator, dataFormats_.TimeSeparator);
         if (dt != 0)
             value = Variant::FromDateTime(dt);
         else if (!trimmed.empty())

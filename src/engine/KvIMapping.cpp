@@ -140,6 +140,9 @@ void TKvImportBaseComponent::BuildArrayIntersection() {
         if (TField* field = dataSet_ ? dataSet_->FindField(entry.FieldName) : nullptr)
             entry.FieldIndex = field->Index();
         entry.Parser = MakeParser(entry.Source, entry.ParseError);
+        entry.SourceValue = Variant(entry.Source);
+        if (!entry.ParseError && entry.Parser->Tree())
+            entry.HostName = entry.Parser->Tree()->IsHostName(entry.Name);
         if (!fieldNames_.empty()) fieldNames_ += ';';
         fieldNames_ += entry.FieldName;
         intersection_.push_back(std::move(entry));
@@ -151,7 +154,8 @@ void TKvImportBaseComponent::BuildArrayIntersection() {
 }
 
 Variant TKvImportBaseComponent::GetParsedValue(const Variant& value, int index) {
-    const std::string text = value.AsString();
+    std::string converted;
+    const std::string& text = value.IsString() ? value.StringRef() : (converted = value.AsString());
     if ((tableType_ == teText || tableType_ == teClipboard) && text.rfind(strTextFieldName, 0) == 0) {
         // "Text1-10" is a column reference, not a subtraction: resolve it as one name.
         Variant v(text);
@@ -159,10 +163,16 @@ Variant TKvImportBaseComponent::GetParsedValue(const Variant& value, int index) 
         ParserEvaluate(this, text, {}, 0, false, v, done);
         return v;
     }
-    if (index >= 0 && static_cast<size_t>(index) < intersection_.size() &&
-        intersection_[static_cast<size_t>(index)].Source == text) {
+    if (index >= 0 && static_cast<size_t>(index) < intersection_.size()) {
         TKvIMapEntry& entry = intersection_[static_cast<size_t>(index)];
-        return Compute(*entry.Parser, entry.ParseError);
+        const bool same = text.data() == entry.SourceValue.StringRef().data() || text == entry.Source;
+        if (same && entry.HostName) {
+            // A plain column name: what the tree would do for its one name, without walking it.
+            Variant v(entry.Name);
+            entry.Parser->Evaluate(entry.Name, {}, 0, false, v);
+            return v;
+        }
+        if (same) return Compute(*entry.Parser, entry.ParseError);
     }
     if (index < 0 && loadWhenParser_ && loadWhenParser_->Text() == text)
         return Compute(*loadWhenParser_, loadWhenError_);

@@ -133,6 +133,8 @@ void TKvImportBaseComponent::Prepare() {
 
 void TKvImportBaseComponent::RunRows() {
     ResetRunState();
+    dateMask_.clear();
+    timeMask_.clear();
     runTableName_ = GetTableName();
     if (actionKind_ == akGenerateSQL)
         sqlWriter_ = std::make_unique<TKvISQLWriter>(sqlOptions_, runTableName_);
@@ -288,7 +290,7 @@ void TKvImportBaseComponent::ApplyRow() {
             TField* field = entry.FieldIndex >= 0 ? &dataSet_->Fields(entry.FieldIndex)
                                                   : dataSet_->FindField(entry.FieldName);
             if (!field) continue;
-            Variant value = rowValues_[i];
+            Variant value = std::move(rowValues_[i]); // the row's values are not needed after its write
             bool accept = !(actionKind_ == akGenerateSQL && field->IsBlob() && field->DataType() != ftMemo &&
                             field->DataType() != ftFmtMemo);
             if (OnBeforeFieldUpdate) OnBeforeFieldUpdate(this, field, value, accept);
@@ -299,7 +301,7 @@ void TKvImportBaseComponent::ApplyRow() {
                 else if (field->DataType() == ftLargeint)
                     field->SetValue(Variant::FromInt(value.AsInt64()));
                 else
-                    field->SetValue(value);
+                    field->SetValue(std::move(value));
             } else if (action == iaAdd || action == iaUpdate) {
                 names.push_back(field->FieldName());
                 literals.push_back(sqlWriter_->Literal(
@@ -348,7 +350,7 @@ bool TKvImportBaseComponent::LoadRecord() {
         convertingField_ = field;
         Variant value;
         try {
-            value = GetParsedValue(Variant(entry.Source), static_cast<int>(i));
+            value = GetParsedValue(entry.SourceValue, static_cast<int>(i));
         } catch (...) {
             convertingField_ = nullptr;
             throw;

@@ -90,6 +90,8 @@ public:
     /// The operator, the function or name, or the literal of this node; empty for an empty operand.
     const TExpToken& KeyToken() const { return key_; }
     bool IsEmpty() const { return !hasKey_; }
+    /// True, with the name, when the node is one name that goes to the host (no arguments, not built in).
+    bool IsHostName(std::string& name) const;
 
     /// Computes argument `index` (Unassigned when there is no such argument).
     Variant Argument(int index, TExpEvalContext& context) const;
@@ -163,6 +165,8 @@ public:
     /// Parses Text and keeps the tree (until Text changes).
     void Parse();
     bool Parsed() const { return tree_ != nullptr; }
+    /// The kept tree (nullptr before Parse).
+    const TExpNode* Tree() const { return tree_.get(); }
     /// Computes the kept tree (parsing first when needed) and stores the result as Value.
     const Variant& Calculate();
 
@@ -246,7 +250,7 @@ std::string ReplaceWideStr(const std::string& text, const std::string& oldText, 
 /// Takes the text up to the first `delimiter` out of `s` (all of it when there is none) and returns it.
 std::string GetNextItem(std::string& s, std::string_view delimiter);
 /// A date-time read from `value` by the letters of `mask` (D M Y H N S); 0 where nothing valid was found.
-TDateTime GetDTByMask(const std::string& value, const std::string& mask, char32_t dateSeparator,
+TDateTime GetDTByMask(std::string_view value, std::string_view mask, char32_t dateSeparator,
                       char32_t timeSeparator);
 
 } // namespace kv

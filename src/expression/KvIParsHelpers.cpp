@@ -33,6 +33,8 @@ void RemoveAll(std::string& s, std::string_view what) {
 
 bool StringIsNumeric(std::string_view s) {
     double ignored;
+    const char32_t decimal = DefaultFormatSettings.DecimalSeparator;
+    if (decimal == U'.' || decimal == 0) return expr::TryParseInvariantFloat(s, ignored);
     return expr::TryParseInvariantFloat(WithInvariantDecimal(s), ignored);
 }
 
@@ -82,95 +84,156 @@ std::string GetNextItem(std::string& s, std::string_view delimiter) {
 
 namespace {
 
-// Collapses every run of separator characters into its first character.
-std::u32string ReduceSeparators(const std::u32string& s, char32_t dateSep, char32_t timeSep) {
-    auto isSep = [&](char32_t c) {
-        return c == U'/' || c == U':' || c == U' ' || c == dateSep || c == timeSep;
-    };
-    std::u32string out;
-    for (size_t i = 0; i < s.size(); ++i)
-        if (!(isSep(s[i]) && i > 0 && isSep(s[i - 1]))) out.push_back(s[i]);
-    return out;
-}
+// A part of a date being read: the characters the mask gave it, kept in place (a part longer than any
+// real one only has to be told apart from a valid one).
+struct DatePart {
+    char32_t chars[24];
+    size_t size = 0;
+    bool overflow = false;
+    void Add(char32_t c) {
+        if (size < sizeof chars / sizeof chars[0])
+            chars[size++] = c;
+        else
+            overflow = true;
+    }
+    bool Empty() const { return size == 0 && !overflow; }
+    // The part as a number: blanks around it allowed, digits only, at most nine of them.
+    bool Number(int& out) const {
+        if (overflow) return false;
+        size_t b = 0, e = size;
+        while (b < e && chars[b] <= U' ') ++b;
+        while (e > b && chars[e - 1] <= U' ') --e;
+        if (b == e || e - b > 9) return false;
+        int v = 0;
+        for (size_t i = b; i < e; ++i) {
+            if (chars[i] < U'0' || chars[i] > U'9') return false;
+            v = v * 10 + static_cast<int>(chars[i] - U'0');
+        }
+        out = v;
+        return true;
+    }
+    int Month() const {
+        static const char* const names[12][2] = {
+            {"JAN", "JANUARY"},   {"FEB", "FEBRUARY"}, {"MAR", "MARCH"},    {"APR", "APRIL"},
+            {"MAY", "MAY"},       {"JUN", "JUNE"},     {"JUL", "JULY"},     {"AUG", "AUGUST"},
+            {"SEP", "SEPTEMBER"}, {"OCT", "OCTOBER"},  {"NOV", "NOVEMBER"}, {"DEC", "DECEMBER"}};
+        if (overflow) return 0;
+        size_t b = 0, e = size;
+        while (b < e && chars[b] <= U' ') ++b;
+        while (e > b && chars[e - 1] <= U' ') --e;
+        for (int m = 0; m < 12; ++m) {
+            for (const char* name : names[m]) {
+                size_t n = 0;
+                while (name[n] && b + n < e && CharUpper(chars[b + n]) == static_cast<char32_t>(name[n])) ++n;
+                if (!name[n] && b + n == e) return m + 1;
+            }
+        }
+        return 0;
+    }
+};
 
-bool PartNumber(const std::u32string& part, int& out) {
-    std::string text = Trim(U32ToUtf8(part));
-    return !text.empty() && TryStrToInt(text, out);
-}
+// Characters of a text with every run of separators reduced to its first character.
+class ReducedText {
+public:
+    ReducedText(std::string_view text, char32_t dateSep, char32_t timeSep)
+        : text_(text), dateSep_(dateSep), timeSep_(timeSep) {}
+    bool IsSeparator(char32_t c) const {
+        return c == U'/' || c == U':' || c == U' ' || c == dateSep_ || c == timeSep_;
+    }
+    // The next character, or false at the end.
+    bool Next(char32_t& c) {
+        while (pos_ < text_.size()) {
+            const unsigned char b = static_cast<unsigned char>(text_[pos_]);
+            if (b < 0x80) {
+                c = b;
+                ++pos_;
+            } else {
+                c = Utf8Decode(text_, pos_);
+            }
+            const bool separator = IsSeparator(c);
+            const bool skip = separator && lastWasSeparator_;
+            lastWasSeparator_ = separator;
+            if (!skip) return true;
+        }
+        return false;
+    }
 
-int MonthByName(const std::u32string& part) {
-    static const char* const names[12][2] = {{"JAN", "JANUARY"}, {"FEB", "FEBRUARY"}, {"MAR", "MARCH"},
-                                             {"APR", "APRIL"},   {"MAY", "MAY"},      {"JUN", "JUNE"},
-                                             {"JUL", "JULY"},    {"AUG", "AUGUST"},   {"SEP", "SEPTEMBER"},
-                                             {"OCT", "OCTOBER"}, {"NOV", "NOVEMBER"}, {"DEC", "DECEMBER"}};
-    const std::string upper = Utf8UpperCase(Trim(U32ToUtf8(part)));
-    for (int m = 0; m < 12; ++m)
-        if (upper == names[m][0] || upper == names[m][1]) return m + 1;
-    return 0;
+private:
+    std::string_view text_;
+    char32_t dateSep_, timeSep_;
+    size_t pos_ = 0;
+    bool lastWasSeparator_ = false;
+};
+
+// True when `text` holds `word`, ignoring case.
+bool ContainsText(std::string_view text, std::string_view word) {
+    if (word.empty() || word.size() > text.size()) return false;
+    if (IsAscii(word)) {
+        for (size_t i = 0; i + word.size() <= text.size(); ++i)
+            if (SameText(text.substr(i, word.size()), word)) return true;
+        return false;
+    }
+    return Utf8UpperCase(text).find(Utf8UpperCase(word)) != std::string::npos;
 }
 
 } // namespace
 
-TDateTime GetDTByMask(const std::string& value, const std::string& mask, char32_t dateSeparator,
+TDateTime GetDTByMask(std::string_view value, std::string_view mask, char32_t dateSeparator,
                       char32_t timeSeparator) {
-    auto isSep = [&](char32_t c) {
-        return c == U'/' || c == U':' || c == U' ' || c == dateSeparator || c == timeSeparator;
-    };
-    const std::u32string v = ReduceSeparators(Utf8ToU32(value), dateSeparator, timeSeparator);
-    const std::u32string m = ReduceSeparators(Utf8ToU32(mask), dateSeparator, timeSeparator);
-    std::u32string day, month, year, hour, minute, second;
-    for (size_t i = 0; i < v.size() && i < m.size(); ++i) {
-        if (isSep(m[i])) continue;
-        switch (m[i]) {
+    ReducedText v(value, dateSeparator, timeSeparator), m(mask, dateSeparator, timeSeparator);
+    DatePart day, month, year, hour, minute, second;
+    char32_t vc, mc;
+    while (v.Next(vc) && m.Next(mc)) {
+        if (m.IsSeparator(mc)) continue;
+        switch (mc) {
         case U'D':
         case U'd':
-            day.push_back(v[i]);
+            day.Add(vc);
             break;
         case U'M':
         case U'm':
-            month.push_back(v[i]);
+            month.Add(vc);
             break;
         case U'Y':
         case U'y':
-            year.push_back(v[i]);
+            year.Add(vc);
             break;
         case U'H':
         case U'h':
-            hour.push_back(v[i]);
+            hour.Add(vc);
             break;
         case U'N':
         case U'n':
-            minute.push_back(v[i]);
+            minute.Add(vc);
             break;
         case U'S':
         case U's':
-            second.push_back(v[i]);
+            second.Add(vc);
             break;
         default:
-            break;
+            break; // letters of other kinds
         }
     }
 
     TDateTime result = 0;
-    if (!day.empty() && !month.empty() && !year.empty()) {
+    if (!day.Empty() && !month.Empty() && !year.Empty()) {
         int d = 0, mo = 0, y = 0;
-        bool ok = PartNumber(day, d) && PartNumber(year, y);
-        if (month.size() <= 2)
-            ok = ok && PartNumber(month, mo);
+        bool ok = day.Number(d) && year.Number(y);
+        if (month.size <= 2 && !month.overflow)
+            ok = ok && month.Number(mo);
         else
-            mo = MonthByName(month);
+            mo = month.Month();
         if (ok && d > 0 && d < 32 && mo > 0 && mo < 13) {
             if (y < 100) y = ExpandTwoDigitYear(y, DefaultFormatSettings);
             TDateTime date;
             if (TryEncodeDate(y, mo, d, date)) result = date;
         }
     }
-    if (!hour.empty() && !minute.empty()) {
+    if (!hour.Empty() && !minute.Empty()) {
         int h = 0, n = 0, s = 0;
-        if (PartNumber(hour, h) && PartNumber(minute, n) && (second.empty() || PartNumber(second, s))) {
-            std::string pm =
-                DefaultFormatSettings.TimePMString.empty() ? "PM" : DefaultFormatSettings.TimePMString;
-            if (h < 12 && Utf8UpperCase(value).find(Utf8UpperCase(pm)) != std::string::npos) {
+        if (hour.Number(h) && minute.Number(n) && (second.Empty() || second.Number(s))) {
+            const std::string& pm = DefaultFormatSettings.TimePMString;
+            if (h < 12 && ContainsText(value, pm.empty() ? std::string_view("PM") : std::string_view(pm))) {
                 h += 12;
                 if (h > 23) h = 0;
             }

@@ -227,6 +227,13 @@ struct DepthGuard {
 };
 } // namespace
 
+bool TExpNode::IsHostName(std::string& name) const {
+    if (!hasKey_ || key_.TokenType != ttString || !children_.empty() || builtin_ == BuiltinGetDate)
+        return false;
+    name = name_;
+    return true;
+}
+
 Variant TExpNode::Argument(int index, TExpEvalContext& context) const {
     if (index < 0 || index >= ChildCount()) return Variant();
     return children_[static_cast<size_t>(index)]->Calculate(context);

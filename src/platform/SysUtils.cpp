@@ -78,6 +78,12 @@ int CompareText(std::string_view a, std::string_view b) {
 }
 
 bool SameText(std::string_view a, std::string_view b) {
+    // Two different ASCII first letters settle it at once (the usual case when names are compared).
+    if (!a.empty() && !b.empty()) {
+        const unsigned char x = static_cast<unsigned char>(a[0]), y = static_cast<unsigned char>(b[0]);
+        if (x < 0x80 && y < 0x80 && AsciiUpper(static_cast<char>(x)) != AsciiUpper(static_cast<char>(y)))
+            return false;
+    }
     if (a.size() == b.size()) {
         bool ascii = true;
         for (size_t i = 0; i < a.size(); ++i) {

@@ -31,6 +31,9 @@ void WalkFields(const Ch* s, int64_t length, Ch delimiter, bool hasDelimiter, Ch
     int64_t start = 1;
     bool inside = false;
     for (int64_t i = 1; i <= length; ++i) {
+        // Only a qualifier, a delimiter or the last character changes anything.
+        const Ch c = s[i - 1];
+        if (c != qualifier && c != delimiter && i != length) continue;
         if (!hasQualifier)
             inside = false;
         else if (s[i - 1] == qualifier)

@@ -186,6 +186,8 @@ void TKvTextTypeGuesser::Add(size_t column, std::string_view value, bool groupin
     c.CanFloat = c.CanFloat && (integer || IsFloat(s, groupingAllowed));
     c.CanBoolean = c.CanBoolean && IsBoolean(s);
     c.CanDate = c.CanDate && IsDateTime(s);
+    // A date-time holds a blank or "T" before its time; a date alone has neither.
+    if (c.CanDate && s.find_first_of(" T") != std::string_view::npos) c.Type.HasTime = true;
 }
 
 std::vector<TKvTextColumnType> TKvTextTypeGuesser::Columns() const {

@@ -55,6 +55,7 @@ struct TKvTextColumnType {
     TKvTextColumnKind Kind = tckString;
     int64_t MaxLength = 0; ///< longest value, in characters
     int64_t Values = 0;    ///< values that were not empty
+    bool HasTime = false;  ///< a date-time column had a time of day in some value
 };
 
 /// The date order of a date pattern ("dd/mm/yyyy" is day-month-year): whichever of d, m, y comes first.
