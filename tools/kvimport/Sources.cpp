@@ -58,6 +58,16 @@ public:
     std::vector<std::string> SpecificationLines() const override {
         return {"SourceKind=SQLite", "SourceTable=" + tableName_};
     }
+    std::vector<std::vector<std::string>> Preview(int rows) override {
+        component_->DescribeColumns();
+        std::vector<std::vector<std::string>> out;
+        table_->Open();
+        for (table_->First(); !table_->Eof() && static_cast<int>(out.size()) < rows; table_->Next()) {
+            std::vector<std::string>& row = out.emplace_back();
+            for (int i = 0; i < table_->FieldCount(); ++i) row.push_back(table_->Fields(i).AsString());
+        }
+        return out;
+    }
     std::string SqlType(const TKvIColumn& column) const override {
         // Large integers are described as text; the source field still knows they are numbers.
         if (TField* field = table_->FindField(column.FieldName))

@@ -25,6 +25,8 @@ public:
     virtual TKvImportBaseComponent& Component() = 0;
     /// Lines of the command line's own section of a saved specification ("SourceKind=SQLite", ...).
     virtual std::vector<std::string> SpecificationLines() const { return {}; }
+    /// The source's columns (into Component().Columns()) and its first `rows` rows as text.
+    virtual std::vector<std::vector<std::string>> Preview(int rows) = 0;
     /// The declared type a column of `type` gets in a created table.
     virtual std::string SqlType(const TKvIColumn& column) const;
 };

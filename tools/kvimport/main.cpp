@@ -4,6 +4,7 @@
 #include "EvalCommand.h"
 #include "ImportCommand.h"
 #include "ImportOptions.h"
+#include "PreviewCommand.h"
 #include "platform/Exceptions.h"
 #include "platform/FormatSettings.h"
 
@@ -23,6 +24,7 @@ const Command kCommands[] = {
     {"eval", RunEval, EvalUsage},
     {"import", RunImport, ImportUsage},
     {"run", RunSpecification, RunUsage},
+    {"preview", RunPreview, PreviewUsage},
 };
 
 const char* const kUsage = "Usage: kvimport COMMAND [options]\n"
@@ -30,6 +32,7 @@ const char* const kUsage = "Usage: kvimport COMMAND [options]\n"
                            "Commands:\n"
                            "  import SOURCE       import a file or table into an SQLite table\n"
                            "  run SPEC.kvi        run a saved import specification\n"
+                           "  preview SOURCE      show the columns and first rows of a source\n"
                            "  eval EXPRESSION     evaluate one expression of the mapping language\n"
                            "\n"
                            "Run 'kvimport COMMAND --help' for the options of a command.\n";

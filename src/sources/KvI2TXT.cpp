@@ -1,0 +1,214 @@
+#include "sources/KvI2TXT.h"
+
+#include "engine/Impcnst.h"
+#include "platform/Clipboard.h"
+#include "platform/Streams.h"
+#include "platform/SysUtils.h"
+#include "platform/Utf8.h"
+#include "readers/text/KvTextTypes.h"
+
+namespace kv {
+
+TKvImportFromText::TKvImportFromText(TComponent* owner) : TKvImportBaseComponent(owner) {
+    SetTableType(teText);
+    SetDefaultSpecificationFileName("KvImport" + Extension());
+}
+
+std::string TKvImportFromText::FillFileFilters() const {
+    return "Text files (*.CSV;*.TXT;*.DAT;*.PRN;*.TAB;*.ASC)|*.CSV;*.TXT;*.DAT;*.PRN;*.TAB;*.ASC|" +
+           strAllFiles;
+}
+
+std::string TKvImportFromText::GetColumnFieldName(int index) const {
+    const std::string& name = Columns().Columns(index).FieldName;
+    // A name of letters, digits, "_" and "." (not starting with a digit) reads as itself; anything else
+    // ("Qty-2", "Last Name", "Price ($)") would be an expression, so it goes in brackets.
+    bool plain = !name.empty() && !(name[0] >= '0' && name[0] <= '9');
+    for (unsigned char c : name)
+        if (!(c >= 0x80 || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+              c == '_' || c == '.'))
+            plain = false;
+    return plain ? name : "[" + name + "]";
+}
+
+bool TKvImportFromText::NotDefined(std::string& propName) {
+    if (TKvImportBaseComponent::NotDefined(propName)) return true;
+    if (!SourceFileName().empty() || SourceStream() || sourceText_) return false;
+    propName = "SourceFileName";
+    return true;
+}
+
+void TKvImportFromText::BeforeImport() {
+    TKvImportBaseComponent::BeforeImport();
+    TKvTextFileSettings& s = file_.Settings();
+    s.FieldDelimiter = FieldDelimiterChar();
+    s.TextQualifier = TextQualifierChar();
+    s.RecordSeparator = RecordSeparatorCustom();
+    s.FixedWidth = Fixed();
+    s.FixedLineLength = fixedLineLength_;
+    s.RowFirst = RowFirst();
+    s.RowLast = RowLast();
+    s.RowFieldNames = RowFieldNames();
+    s.SkipEmptyRows = Options().Contains(soSkipEmptyRow);
+    if (TStream* stream = SourceStream())
+        file_.OpenStream(*stream);
+    else if (std::optional<std::string> text = TextToRead())
+        file_.OpenText(std::move(*text));
+    else if (SourceFileName() == "-")
+        file_.OpenStdin();
+    else
+        file_.Open(SourceFileName());
+    fields_.SetDelimiter(FieldDelimiterChar());
+    fields_.SetQualifier(TextQualifierChar());
+    fields_.SetFixedWidth(Fixed());
+    fields_.SetFieldWord(strField);
+    fields_.SetTextWord(strTextFieldName);
+    headerNames_.clear();
+    if (!Fixed() && RowFieldNames() > 0 && file_.HasHeader())
+        headerNames_ =
+            TextColumnNames(file_.HeaderLine(), FieldDelimiterChar(), TextQualifierChar(), strField);
+    references_.clear();
+    rowOrder_.clear();
+    rowPosition_ = 0;
+    row_ = 0;
+}
+
+void TKvImportFromText::AfterImport() {
+    file_.Close();
+    rowOrder_.clear();
+    references_.clear();
+}
+
+int TKvImportFromText::GetTotalCount() {
+    const int64_t n = file_.RowCount();
+    return n > INT32_MAX ? INT32_MAX : static_cast<int>(n);
+}
+
+void TKvImportFromText::SetCurrentRow(int64_t row) {
+    fields_.SetLine(file_.Row(row));
+    rowPosition_ = 0;
+}
+
+bool TKvImportFromText::LoadRecord() {
+    SetCurrentRow(row_);
+    return TKvImportBaseComponent::LoadRecord();
+}
+
+Variant TKvImportFromText::GetFieldValue(const Variant& value) {
+    std::string converted;
+    const std::string& name = value.IsString() ? value.StringRef() : (converted = value.AsString());
+    if (rowPosition_ < rowOrder_.size() && rowOrder_[rowPosition_]->first == name) {
+        std::string text;
+        fields_.GetValue(rowOrder_[rowPosition_++]->second, text);
+        return Variant(std::move(text));
+    }
+    auto it = references_.find(name);
+    if (it == references_.end()) {
+        // A header name first; otherwise Field<n>, Text<a>-<b>, Text, or a constant.
+        TKvTextRef ref;
+        for (size_t i = 0; i < headerNames_.size(); ++i) {
+            if (SameText(headerNames_[i], name)) {
+                ref.Kind = trkField;
+                ref.First = static_cast<int64_t>(i) + 1;
+                ref.Text = name;
+                break;
+            }
+        }
+        if (ref.Kind != trkField) ref = fields_.ParseReference(name);
+        it = references_.emplace(name, std::move(ref)).first;
+    }
+    // Remember the order of asking (map nodes stay where they are while the map grows).
+    if (rowPosition_ >= rowOrder_.size()) rowOrder_.resize(rowPosition_ + 1);
+    rowOrder_[rowPosition_++] = &*it;
+    std::string text;
+    fields_.GetValue(it->second, text);
+    return Variant(std::move(text));
+}
+
+void TKvImportFromText::DetectAutoMapping() {
+    TKvTextTypeOptions options;
+    const TKvIDataFormats& f = DataFormats();
+    options.MaxScanRows = MaxScanRows();
+    options.DecimalSeparator = f.DecimalSeparator;
+    options.ThousandSeparator = f.ThousandSeparator;
+    options.DateOrder = f.DateOrder == doDMY ? tdoDMY : f.DateOrder == doMDY ? tdoMDY : tdoYMD;
+    options.DateSeparators = "-/.";
+    if (f.DateSeparator && options.DateSeparators.find(Utf8Encode(f.DateSeparator)) == std::string::npos)
+        options.DateSeparators += Utf8Encode(f.DateSeparator);
+    options.TimeSeparator = f.TimeSeparator ? f.TimeSeparator : U':';
+    options.TrueText = f.BooleanTrue;
+    options.FalseText = f.BooleanFalse;
+
+    std::vector<std::string> names;
+    std::vector<TKvTextColumnType> types;
+    if (Fixed()) {
+        names.push_back(strTextFieldName); // the whole line; fixed-width columns are given as Text<a>-<b>
+        types = GuessTextColumnTypes(file_, fields_, options, names);
+    } else {
+        names = headerNames_;
+        types = GuessTextColumnTypes(file_, fields_, options);
+    }
+    for (size_t i = names.size(); i < types.size(); ++i)
+        names.push_back(strField + IntToStr(static_cast<int64_t>(i) + 1));
+    for (size_t i = 0; i < names.size(); ++i) {
+        TKvIColumn& c = Columns().Add();
+        c.FieldName = names[i];
+        c.Caption = names[i];
+        if (i >= types.size()) continue;
+        const TKvTextColumnType& t = types[i];
+        c.Size = static_cast<int>(std::min<int64_t>(t.MaxLength, INT32_MAX));
+        switch (t.Kind) {
+        case tckInteger:
+            c.DataType = itInteger, c.Alignment = taRightJustify;
+            break;
+        case tckFloat:
+            c.DataType = itFloat, c.Alignment = taRightJustify;
+            break;
+        case tckDateTime:
+            c.DataType = t.HasTime ? itDateTime : itDate;
+            break;
+        case tckBoolean:
+            c.DataType = itBoolean;
+            break;
+        case tckString:
+            c.DataType = itString;
+            break;
+        }
+    }
+}
+
+std::vector<std::vector<std::string>> TKvImportFromText::PreviewRows(int count) {
+    std::vector<std::vector<std::string>> rows;
+    BeforeImport();
+    try {
+        Columns().Clear();
+        DetectAutoMapping();
+        const int64_t headerRecord = file_.HasHeader() ? RowFieldNames() : 0;
+        for (int64_t r = 0; r < file_.RowCount() && static_cast<int>(rows.size()) < count; ++r) {
+            if (headerRecord && file_.LineNumber(r) == headerRecord) continue;
+            SetCurrentRow(r);
+            std::vector<std::string>& row = rows.emplace_back();
+            for (int c = 0; c < Columns().Count(); ++c) {
+                const std::string& name = Columns().Columns(c).FieldName;
+                Variant v = Fixed() ? Variant(fields_.Line()) : GetFieldValue(Variant(name));
+                row.push_back(v.AsString());
+            }
+        }
+    } catch (...) {
+        AfterImport();
+        throw;
+    }
+    AfterImport();
+    return rows;
+}
+
+TKvImportFromClipboard::TKvImportFromClipboard(TComponent* owner) : TKvImportFromText(owner) {
+    SetTableType(teClipboard);
+}
+
+std::optional<std::string> TKvImportFromClipboard::TextToRead() {
+    if (SourceText()) return SourceText();
+    return Clipboard().GetText();
+}
+
+} // namespace kv

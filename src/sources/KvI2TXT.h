@@ -1,0 +1,77 @@
+#pragma once
+// TKvImportFromText imports delimited or fixed-width text files; TKvImportFromClipboard imports the
+// clipboard's text the same way. Column references are "Field<n>", "Text<a>-<b>", "Text", or the names
+// of the header line.
+
+#include "engine/KvIBase.h"
+#include "readers/text/KvTextFields.h"
+#include "readers/text/KvTextFile.h"
+
+#include <optional>
+#include <unordered_map>
+
+namespace kv {
+
+class TKvImportFromText : public TKvImportBaseComponent {
+public:
+    explicit TKvImportFromText(TComponent* owner = nullptr);
+
+    /// Fixed record length in characters when there is no record separator.
+    int FixedLineLength() const { return fixedLineLength_; }
+    void SetFixedLineLength(int v) { fixedLineLength_ = v; }
+    /// Text to import instead of the file (for text already in memory, such as standard input's).
+    const std::optional<std::string>& SourceText() const { return sourceText_; }
+    void SetSourceText(std::optional<std::string> text) { sourceText_ = std::move(text); }
+
+    std::string Extension() const override { return ".CSV"; }
+    std::string FillFileFilters() const override;
+    /// A column's name in a mapping: bracketed unless it reads as one name by itself.
+    std::string GetColumnFieldName(int index) const override;
+
+    /// The first `count` data rows as the columns' values (opening and closing the source).
+    std::vector<std::vector<std::string>> PreviewRows(int count);
+    std::string ClassName() const override { return "TKvImportFromText"; }
+
+protected:
+    bool NotDefined(std::string& propName) override;
+    void BeforeImport() override;
+    void AfterImport() override;
+    void GoFirst() override { row_ = 0; }
+    void GoNext() override { ++row_; }
+    bool NeedMore() override { return row_ < file_.RowCount(); }
+    int GetTotalCount() override;
+    bool LoadRecord() override;
+    Variant GetFieldValue(const Variant& value) override;
+    void DetectAutoMapping() override;
+
+    /// The text to read when it is not a file (the clipboard's, for the clipboard source).
+    virtual std::optional<std::string> TextToRead() { return sourceText_; }
+    TKvTextFile& File() { return file_; }
+
+private:
+    void SetCurrentRow(int64_t row);
+
+    int fixedLineLength_ = 0;
+    std::optional<std::string> sourceText_;
+    TKvTextFile file_;
+    TKvTextFields fields_;
+    int64_t row_ = 0;
+    std::vector<std::string> headerNames_;
+    std::unordered_map<std::string, TKvTextRef> references_; ///< by the names mappings use, per run
+    // The references of one row in the order they were asked for: the next row asks in the same order.
+    std::vector<const std::pair<const std::string, TKvTextRef>*> rowOrder_;
+    size_t rowPosition_ = 0;
+};
+
+/// The clipboard's text as a source.
+class TKvImportFromClipboard : public TKvImportFromText {
+public:
+    explicit TKvImportFromClipboard(TComponent* owner = nullptr);
+    std::string ClassName() const override { return "TKvImportFromClipboard"; }
+
+protected:
+    bool NotDefined(std::string& propName) override { return TKvImportBaseComponent::NotDefined(propName); }
+    std::optional<std::string> TextToRead() override;
+};
+
+} // namespace kv

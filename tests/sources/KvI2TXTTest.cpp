@@ -1,0 +1,181 @@
+// The text source joined to the engine: header names, references, layouts, encodings, the clipboard.
+
+#include "sources/KvI2TXT.h"
+#include "TestSupport.h"
+#include "datasets/KvMemDataSet.h"
+#include "platform/Clipboard.h"
+#include "platform/DateUtils.h"
+#include "platform/Streams.h"
+
+namespace kv {
+namespace {
+
+class TextSource : public ::testing::Test {
+protected:
+    TextSource() : settings_(InvariantFormatSettings()) {
+        text.SetAnimatedStatus(false);
+        text.SetDataSet(&dest);
+        text.SetFieldDelimiterCustom(U',');
+        text.OnErrorEvent = [this](TObject*, const std::exception& e, bool& abort) {
+            errors.push_back(e.what());
+            abort = false;
+        };
+    }
+    void Fields(std::initializer_list<std::pair<const char*, TFieldType>> defs) {
+        for (auto [name, type] : defs) dest.AddFieldDef(name, type, 50);
+    }
+    std::string Import(const std::string& bytes) {
+        const std::string file = dir.File("in.csv");
+        test::WriteFile(file, bytes);
+        text.SetSourceFileName(file);
+        text.Execute();
+        return Rows();
+    }
+    std::string Rows() {
+        std::string out;
+        for (int i = 0; i < dest.RowCount(); ++i) {
+            for (size_t c = 0; c < dest.Row(i).size(); ++c) {
+                const Variant& v = dest.Row(i)[c];
+                out += (c ? "|" : "") + (v.IsNull()               ? std::string("null")
+                                         : v.VarType() == varDate ? DateToISO8601(v.AsDateTime())
+                                                                  : v.AsString());
+            }
+            out += "\n";
+        }
+        return out;
+    }
+
+    test::ScopedFormatSettings settings_;
+    test::TempDir dir;
+    TKvMemDataSet dest;
+    TKvImportFromText text;
+    std::vector<std::string> errors;
+};
+
+TEST_F(TextSource, HeaderNamesMapByName) {
+    Fields({{"Qty", ftInteger}, {"Last Name", ftString}, {"Price", ftFloat}, {"When", ftDate}});
+    text.SetRowFirst(2);
+    EXPECT_EQ(Import("when,last name,qty,price,unused\r\n2024-03-01,\"Doe, Jane\",3,\"1,234.5\",x\r\n"
+                     "2024-03-02,\"O\"\"Brien\",4,.5,y\r\n"),
+              "3|Doe, Jane|1234.5|2024-03-01\n4|O\"Brien|0.5|2024-03-02\n");
+    EXPECT_TRUE(errors.empty());
+    EXPECT_EQ(text.Statistic().Result, irExecuted);
+}
+
+TEST_F(TextSource, TheHeaderRowReadAsDataGivesZerosAndNulls) {
+    Fields({{"Qty", ftInteger}, {"When", ftDate}, {"Name", ftString}});
+    // RowFirst stays 1: the header is the first data row, and each value equals its field's name.
+    EXPECT_EQ(Import("Qty,When,Name\n7,2024-01-02,a\n"), "0|null|Name\n7|2024-01-02|a\n");
+    EXPECT_TRUE(errors.empty());
+}
+
+TEST_F(TextSource, FieldReferencesAndConstants) {
+    Fields({{"A", ftString}, {"B", ftString}, {"C", ftString}});
+    text.SetRowFieldNames(0);
+    text.Mappings().Add("A=Field2");
+    text.Mappings().Add("B=Field9");
+    text.Mappings().Add("C=Field1 + '-' + Field3");
+    EXPECT_EQ(Import("x,y,z\n1,,3\n"), "y|null|x-z\nnull|null|1-3\n");
+}
+
+TEST_F(TextSource, FixedWidthRangesAreNotSubtractions) {
+    Fields({{"Code", ftString}, {"Amount", ftFloat}, {"Line", ftString}});
+    text.SetFixed(true);
+    text.SetRowFieldNames(0);
+    text.Mappings().Add("Code=Text1-3");
+    text.Mappings().Add("Amount=Text4-9");
+    text.Mappings().Add("Line=Text");
+    EXPECT_EQ(Import("AB1  12.5\r\nZ9Z100000\r\n"), "AB1|12.5|AB1  12.5\nZ9Z|100000|Z9Z100000\n");
+}
+
+TEST_F(TextSource, LineBreaksInsideQualifiersAndLfOnlyFiles) {
+    Fields({{"id", ftInteger}, {"note", ftString}});
+    text.SetRowFirst(2);
+    EXPECT_EQ(Import("id,note\n1,\"two\r\nlines\"\n2,\"say \"\"hi\"\"\"\n"),
+              "1|two\r\nlines\n2|say \"hi\"\n");
+}
+
+TEST_F(TextSource, Utf16WithBomAndWindows1252) {
+    Fields({{"name", ftString}});
+    text.SetRowFirst(2);
+    std::string utf16 = "\xFF\xFE";
+    for (char c : std::string("name\r\nZo\xEB\r\n")) utf16 += std::string(1, c == '\xEB' ? '\xEB' : c) + '\0';
+    EXPECT_EQ(Import(utf16), "Zo\xC3\xAB\n");
+    dest.EmptyTable();
+    EXPECT_EQ(Import("name\r\ncaf\xE9\r\n"), "caf\xC3\xA9\n");
+}
+
+TEST_F(TextSource, ProposedColumnsAndTheirTypes) {
+    TKvMemDataSet table;
+    text.SetDataSet(&table);
+    text.SetRowFirst(2);
+    test::WriteFile(dir.File("t.csv"),
+                    "id,Qty-2,when,stamp,ok,price,name\n1,5,2024-01-02,2024-01-02 10:00,true,1.5,a\n"
+                    "2,6,2024-01-03,2024-01-03 11:00,false,2,b\n");
+    text.SetSourceFileName(dir.File("t.csv"));
+    text.DescribeColumns();
+    const char* expected[][2] = {{"id", "1"}, {"Qty-2", "1"}, {"when", "4"}, {"stamp", "3"},
+                                 {"ok", "6"}, {"price", "2"}, {"name", "0"}};
+    ASSERT_EQ(text.Columns().Count(), 7);
+    for (int i = 0; i < 7; ++i) {
+        EXPECT_EQ(text.Columns().Columns(i).FieldName, expected[i][0]);
+        EXPECT_EQ(std::to_string(text.Columns().Columns(i).DataType), expected[i][1]) << expected[i][0];
+    }
+    EXPECT_EQ(text.GetColumnFieldName(1), "[Qty-2]"); // would be a subtraction without brackets
+    EXPECT_EQ(text.GetColumnFieldName(0), "id");
+    const auto preview = text.PreviewRows(5);
+    ASSERT_EQ(preview.size(), 2u);
+    EXPECT_EQ(preview[1][1], "6");
+}
+
+TEST_F(TextSource, StreamsClipboardAndMissingFiles) {
+    Fields({{"v", ftString}});
+    text.SetRowFieldNames(0);
+    text.Mappings().Add("v=Field1"); // no header: the column is Field1, which names no field
+    TStringStream stream("a\r\nb\r\n");
+    text.LoadFromStream(stream);
+    EXPECT_EQ(Rows(), "a\nb\n");
+
+    struct FakeClipboard : IKvClipboard {
+        std::string GetText() override { return "v\nfrom the clipboard\n"; }
+    } clipboard;
+    SetClipboard(&clipboard);
+    TKvMemDataSet table;
+    table.AddFieldDef("v", ftString, 30);
+    TKvImportFromClipboard paste;
+    paste.SetAnimatedStatus(false);
+    paste.SetDataSet(&table);
+    paste.SetRowFirst(2);
+    paste.SetFieldDelimiterCustom(U',');
+    paste.Execute();
+    SetClipboard(nullptr);
+    ASSERT_EQ(table.RowCount(), 1);
+    EXPECT_EQ(table.Row(0)[0].AsString(), "from the clipboard");
+
+    TKvImportFromText none;
+    none.SetDataSet(&table);
+    try {
+        none.Execute();
+        FAIL();
+    } catch (const Exception& e) {
+        EXPECT_EQ(e.Message(), "Property SourceFileName wasn't specified.");
+    }
+    text.SetSourceFileName(dir.File("missing.csv"));
+    text.Execute();
+    EXPECT_EQ(text.Statistic().Result, irFailed);
+    EXPECT_EQ(text.LastMessage(),
+              "An error has occurred during the data import process.\r\nCannot open file \"" +
+                  dir.File("missing.csv") + "\". No such file or directory");
+}
+
+TEST_F(TextSource, DefaultsOfTheSource) {
+    EXPECT_EQ(text.Extension(), ".CSV");
+    EXPECT_EQ(text.DefaultSpecificationFileName(), "KvImport.CSV");
+    EXPECT_EQ(text.TableType(), teText);
+    EXPECT_NE(text.FillFileFilters().find("*.PRN"), std::string::npos);
+    TKvImportFromClipboard paste;
+    EXPECT_EQ(paste.TableType(), teClipboard);
+}
+
+} // namespace
+} // namespace kv

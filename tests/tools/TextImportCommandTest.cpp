@@ -1,0 +1,100 @@
+// kvimport import and preview with text files, as a user runs them.
+
+#include "TestSupport.h"
+
+namespace kv {
+namespace {
+
+using test::RunCli;
+using test::SqliteQuery;
+
+class TextImport : public ::testing::Test {
+protected:
+    std::string Write(const std::string& name, const std::string& bytes) {
+        const std::string path = dir.File(name);
+        test::WriteFile(path, bytes);
+        return path;
+    }
+    test::TempDir dir;
+    std::string db = dir.File("out.sqlite");
+};
+
+TEST_F(TextImport, ACommonCsvNeedsNoOptions) {
+    const std::string csv =
+        Write("orders.csv", "id,amount,day,name,paid\r\n1,\"1,234.50\",2024-01-05,\"Doe, J\",true\r\n"
+                            "2,7,2024-02-29,\"say \"\"hi\"\"\",false\r\n");
+    test::CliResult r = RunCli({"import", csv, "--db", db});
+    EXPECT_EQ(r.Status, 0) << r.Err;
+    EXPECT_NE(r.Out.find("Added: 2\n"), std::string::npos);
+    EXPECT_EQ(
+        SqliteQuery(db, "SELECT group_concat(name || ' ' || type, ', ') FROM pragma_table_info('orders')"),
+        "id INTEGER, amount REAL, day DATE, name TEXT, paid BOOLEAN");
+    EXPECT_EQ(SqliteQuery(db, "SELECT * FROM orders"),
+              "1|1234.5|2024-01-05|Doe, J|1\n2|7.0|2024-02-29|say \"hi\"|0");
+}
+
+TEST_F(TextImport, LfOnlyImportsLikeCrLfAndStdinToo) {
+    const std::string lf = Write("lf.csv", "a,b\n1,x\n2,\"two\nlines\"\n");
+    const std::string crlf = Write("crlf.csv", "a,b\r\n1,x\r\n2,\"two\nlines\"\r\n");
+    ASSERT_EQ(RunCli({"import", lf, "--db", db, "--quiet"}).Status, 0);
+    ASSERT_EQ(RunCli({"import", crlf, "--db", db, "--quiet"}).Status, 0);
+    EXPECT_EQ(SqliteQuery(db, "SELECT * FROM lf"), SqliteQuery(db, "SELECT * FROM crlf"));
+    EXPECT_EQ(SqliteQuery(db, "SELECT count(*) FROM lf"), "2");
+    test::CliResult r = RunCli({"import", "-", "--db", db, "--quiet"}, "a;b\n5;y\n");
+    EXPECT_EQ(r.Status, 0) << r.Err;
+    EXPECT_EQ(SqliteQuery(db, "SELECT * FROM stdin"), "5|y"); // the delimiter was found in the first line
+}
+
+TEST_F(TextImport, FixedWidthWithMappings) {
+    const std::string txt = Write("codes.txt", "AB1  12.5\r\nZ9Z100000\r\n");
+    SqliteQuery(db, "CREATE TABLE codes(code TEXT, amount REAL)");
+    test::CliResult r = RunCli({"import", txt, "--db", db, "--fixed", "--names-row", "0", "--map",
+                                "code=Text1-3", "--map", "amount=Text4-9", "--quiet"});
+    EXPECT_EQ(r.Status, 0) << r.Err;
+    EXPECT_EQ(SqliteQuery(db, "SELECT * FROM codes"), "AB1|12.5\nZ9Z|100000.0");
+}
+
+TEST_F(TextImport, SavedSpecificationRunsAgain) {
+    const std::string csv = Write("p.csv", "k;v\n1;one\n2;two\n");
+    const std::string spec = dir.File("p.kvi");
+    ASSERT_EQ(RunCli({"import", csv, "--db", db, "--delimiter", "semicolon", "--map", "k=k", "--map",
+                      "v=UPPER(v)", "--save-spec", spec, "--quiet"})
+                  .Status,
+              0);
+    test::WriteFile(csv, "k;v\n1;uno\n3;tres\n");
+    test::CliResult r = RunCli({"run", spec, "--db", db, "--mode", "appendupdate", "--keys", "k"});
+    EXPECT_EQ(r.Status, 0) << r.Err;
+    EXPECT_NE(r.Out.find("Added: 1\nUpdated: 1\n"), std::string::npos) << r.Out;
+    EXPECT_EQ(SqliteQuery(db, "SELECT * FROM p ORDER BY k"), "1|UNO\n2|TWO\n3|TRES");
+}
+
+TEST_F(TextImport, PreviewShowsColumnsAndRows) {
+    const std::string csv =
+        Write("c.csv", "id,name,when\n1,Ada,2024-01-02\n2,\"Lovelace, Ada\",2024-01-03\n");
+    test::CliResult r = RunCli({"preview", csv, "--rows", "1"});
+    EXPECT_EQ(r.Status, 0) << r.Err;
+    EXPECT_EQ(r.Out, "Columns:\n  1   id    integer\n  2   name  string\n  3   when  date\n\nFirst 1 row:\n"
+                     "id | name | when\n---+------+-----------\n1  | Ada  | 2024-01-02\n");
+}
+
+TEST_F(TextImport, BadInputGivesAClearResult) {
+    test::CliResult r = RunCli({"import", dir.File("none.csv"), "--db", db});
+    EXPECT_EQ(r.Status, 1);
+    EXPECT_EQ(r.Err, "Cannot open file \"" + dir.File("none.csv") + "\". No such file or directory\n");
+
+    std::string binary;
+    for (int i = 0; i < 5000; ++i) binary += static_cast<char>((i * 7919) % 256);
+    r = RunCli({"import", Write("bin.csv", binary), "--db", db, "--quiet"});
+    EXPECT_TRUE(r.Status == 0 || r.Status == 1) << r.Err;
+
+    r = RunCli({"import", Write("empty.csv", ""), "--db", db});
+    EXPECT_EQ(r.Status, 1);
+    EXPECT_NE(r.Err.find("no columns"), std::string::npos) << r.Err;
+
+    r = RunCli({"import", Write("open.csv", "a,b\n1,\"never closed\n2,x\n"), "--db", db, "--quiet"});
+    EXPECT_EQ(r.Status, 0) << r.Err;
+    EXPECT_EQ(SqliteQuery(db, "SELECT count(*) FROM open"), "1"); // the rest of the file is one record
+}
+
+} // namespace
+} // namespace kv
