@@ -5,6 +5,7 @@
 
 #include "engine/Impcnst.h"
 #include "engine/KvISQL.h"
+#include "platform/Streams.h"
 #include "platform/SysUtils.h"
 
 namespace kv {

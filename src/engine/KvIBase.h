@@ -156,9 +156,13 @@ public:
 
     /// The SQL statements of the last run with ActionKind akGenerateSQL.
     TStringList& SQLScript() { return sqlScript_; }
-    /// When set, the script is also written to this file at the end of the run.
+    /// When set, the statements are also written to this file (each followed by CR LF) as they are made.
     const std::string& SQLFileName() const { return sqlFileName_; }
     void SetSQLFileName(const std::string& v) { sqlFileName_ = v; }
+    /// False: statements written to SQLFileName are not kept in SQLScript as well (for scripts larger
+    /// than memory should hold).
+    bool KeepSQLScript() const { return keepSqlScript_; }
+    void SetKeepSQLScript(bool v) { keepSqlScript_ = v; }
 
     // ---- specification files ----
     void LoadSpecification(const std::string& fileName);
@@ -264,6 +268,8 @@ private:
     Variant LookupValue(const std::vector<Variant>& args);
     TDataSet* FindLookupDataSet(const std::string& name) const;
     void ResetRunState();
+    void AddStatement(std::string statement);
+    void FlushStatements(bool final);
 
     // settings
     bool abortOnProblem_ = true;
@@ -320,6 +326,9 @@ private:
     std::string dateMask_, timeMask_; ///< the masks of the current run, built at their first use
     std::string fieldNames_;
     TStringList sqlScript_;
+    bool keepSqlScript_ = true;
+    std::unique_ptr<TStream> sqlFile_;
+    std::string sqlPending_; ///< statements not yet written to sqlFile_
     std::unique_ptr<TKvISQLWriter> sqlWriter_;
 };
 

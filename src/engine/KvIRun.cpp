@@ -121,6 +121,10 @@ void TKvImportBaseComponent::Prepare() {
         }
         dataSet_->EnableControls();
         sqlWriter_.reset();
+        try {
+            FlushStatements(true); // the statements of the rows done so far
+        } catch (...) {
+        }
         throw;
     }
     if (inTransaction_ && OnFinishTransaction) OnFinishTransaction(this);
@@ -128,7 +132,7 @@ void TKvImportBaseComponent::Prepare() {
     dataSet_->First();
     dataSet_->EnableControls();
     sqlWriter_.reset();
-    if (actionKind_ == akGenerateSQL && !sqlFileName_.empty()) sqlScript_.SaveToFile(sqlFileName_);
+    if (actionKind_ == akGenerateSQL) FlushStatements(true);
 }
 
 void TKvImportBaseComponent::RunRows() {
@@ -136,13 +140,17 @@ void TKvImportBaseComponent::RunRows() {
     dateMask_.clear();
     timeMask_.clear();
     runTableName_ = GetTableName();
-    if (actionKind_ == akGenerateSQL)
+    if (actionKind_ == akGenerateSQL) {
         sqlWriter_ = std::make_unique<TKvISQLWriter>(sqlOptions_, runTableName_);
+        sqlPending_.clear();
+        sqlFile_.reset();
+        if (!sqlFileName_.empty()) sqlFile_ = std::make_unique<TFileStream>(sqlFileName_, fmCreate);
+    }
     IKvFrontEnd& ui = FrontEnd();
 
     if (mode_ == imCopy) {
         dataSet_->First();
-        if (actionKind_ == akGenerateSQL) sqlScript_.Add(sqlWriter_->DeleteAll());
+        if (actionKind_ == akGenerateSQL) AddStatement(sqlWriter_->DeleteAll());
         while (!dataSet_->Eof()) {
             if (actionKind_ == akDatasetApply)
                 dataSet_->Delete();
@@ -229,6 +237,22 @@ void TKvImportBaseComponent::RunRows() {
         GoNext();
     }
     if (animatedStatus_) ui.UpdateProgressDlg(ProgressOf(statistic_));
+}
+
+void TKvImportBaseComponent::AddStatement(std::string statement) {
+    if (sqlFile_) {
+        sqlPending_ += statement;
+        sqlPending_ += "\r\n";
+        if (sqlPending_.size() >= (1u << 20)) FlushStatements(false);
+    }
+    if (keepSqlScript_ || !sqlFile_) sqlScript_.Add(std::move(statement));
+}
+
+void TKvImportBaseComponent::FlushStatements(bool final) {
+    if (!sqlFile_) return;
+    sqlFile_->WriteString(sqlPending_);
+    sqlPending_.clear();
+    if (final) sqlFile_.reset();
 }
 
 void TKvImportBaseComponent::HandleError(const std::exception& error) {
@@ -327,13 +351,13 @@ void TKvImportBaseComponent::ApplyRow() {
     }
     switch (action) {
     case iaAdd:
-        sqlScript_.Add(sqlWriter_->Insert(names, literals));
+        AddStatement(sqlWriter_->Insert(names, literals));
         break;
     case iaUpdate:
-        sqlScript_.Add(sqlWriter_->Update(names, literals, condition));
+        AddStatement(sqlWriter_->Update(names, literals, condition));
         break;
     case iaDelete:
-        sqlScript_.Add(sqlWriter_->Delete(condition));
+        AddStatement(sqlWriter_->Delete(condition));
         break;
     case iaUnknown:
         break;

@@ -81,7 +81,7 @@ std::string DecodeText(std::string_view bytes) {
     case encUtf16BE:
         return Utf16ToUtf8(bytes.substr(2), true);
     case encUtf8Bom:
-        return std::string(bytes.substr(3));
+        return Utf8Sanitize(bytes.substr(3)); // a BOM promises UTF-8: bad bytes become U+FFFD
     case encUtf8:
         return std::string(bytes);
     case encAnsi:

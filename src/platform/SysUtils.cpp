@@ -235,7 +235,47 @@ size_t NormalizeFloat(std::string_view s, const char* decimal, size_t decimalLen
 
 } // namespace
 
+namespace {
+
+// Exact powers of ten: a decimal of at most 15 digits divided by one of them is correctly rounded.
+constexpr double kPowersOfTen[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,  1e8,  1e9,  1e10, 1e11,
+                                   1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+
+// The common case read directly: optional blanks and sign, at most 15 digits with an ASCII decimal
+// separator, no exponent. False when the text needs the general reading.
+bool TryPlainDecimal(std::string_view s, char decimal, double& out) {
+    size_t i = 0, n = s.size();
+    while (i < n && s[i] == ' ') ++i;
+    while (n > i && s[n - 1] == ' ') --n;
+    bool negative = false;
+    if (i < n && (s[i] == '-' || s[i] == '+')) negative = s[i++] == '-';
+    uint64_t mantissa = 0;
+    int digits = 0, decimals = 0;
+    bool point = false;
+    for (; i < n; ++i) {
+        const char c = s[i];
+        if (c >= '0' && c <= '9') {
+            if (++digits > 15) return false;
+            mantissa = mantissa * 10 + static_cast<uint64_t>(c - '0');
+            if (point) ++decimals;
+        } else if (c == decimal && !point) {
+            point = true;
+        } else {
+            return false;
+        }
+    }
+    if (digits == 0) return false;
+    const double value = static_cast<double>(mantissa) / kPowersOfTen[decimals];
+    out = negative ? -value : value;
+    return true;
+}
+
+} // namespace
+
 bool TryStrToFloat(std::string_view s, double& out, const TFormatSettings& fs) {
+    if (fs.DecimalSeparator > 0 && fs.DecimalSeparator < 0x80 &&
+        TryPlainDecimal(s, static_cast<char>(fs.DecimalSeparator), out))
+        return true;
     char decimal[4] = {'.'};
     size_t decimalLen = 1;
     if (fs.DecimalSeparator >= 0x80) {

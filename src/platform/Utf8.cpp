@@ -83,6 +83,14 @@ bool IsValidUtf8(std::string_view s) {
     return true;
 }
 
+std::string Utf8Sanitize(std::string_view s) {
+    if (IsValidUtf8(s)) return std::string(s);
+    std::string out;
+    out.reserve(s.size() + 16);
+    for (size_t pos = 0; pos < s.size();) Utf8Append(out, Utf8Decode(s, pos));
+    return out;
+}
+
 void Utf8Append(std::string& out, char32_t c) {
     if (c < 0x80) {
         out.push_back(static_cast<char>(c));

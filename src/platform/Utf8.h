@@ -15,6 +15,9 @@ bool IsAscii(std::string_view s);
 /// True when `s` is well-formed UTF-8 (no overlong forms, no surrogates, nothing above U+10FFFF).
 bool IsValidUtf8(std::string_view s);
 
+/// `s` with every malformed byte replaced by U+FFFD (`s` itself when it is well-formed).
+std::string Utf8Sanitize(std::string_view s);
+
 /// Decodes the character at byte `pos` and advances `pos` past it; malformed bytes give U+FFFD.
 char32_t Utf8Decode(std::string_view s, size_t& pos);
 /// The UTF-8 bytes of one code point (U+FFFD for surrogates and values above U+10FFFF).

@@ -176,20 +176,26 @@ template <class T> TVariantRelationship Order(T x, T y) {
 } // namespace
 
 Variant Variant::FromArray(std::vector<Variant> items) {
+    auto shared = std::make_shared<const std::vector<Variant>>(std::move(items));
     Variant v;
+    new (&v.u_.a) std::shared_ptr<const std::vector<Variant>>(std::move(shared));
     v.type_ = varArray;
-    v.array_ = std::make_shared<const std::vector<Variant>>(std::move(items));
     return v;
 }
 
 const std::vector<Variant>& Variant::Items() const {
-    return array_ ? *array_ : EmptyItems();
+    return type_ == varArray && u_.a ? *u_.a : EmptyItems();
+}
+
+const std::string& Variant::EmptyText() {
+    static const std::string empty;
+    return empty;
 }
 
 const Variant& Variant::Item(size_t index) const {
-    if (type_ != varArray || index >= array_->size())
+    if (type_ != varArray || !u_.a || index >= u_.a->size())
         throw EVariantBadIndexError("Variant or safe array index out of bounds");
-    return (*array_)[index];
+    return (*u_.a)[index];
 }
 
 bool Variant::AsBoolean() const {
@@ -197,17 +203,17 @@ bool Variant::AsBoolean() const {
     case varEmpty:
         return false;
     case varBoolean:
-        return num_.b;
+        return u_.b;
     case varInteger:
-        return num_.i != 0;
+        return u_.i != 0;
     case varInt64:
-        return num_.i64 != 0;
+        return u_.i64 != 0;
     case varDouble:
     case varDate:
-        return num_.d != 0;
+        return u_.d != 0;
     case varString: {
         bool b;
-        if (TextToBoolean(str_, b)) return b;
+        if (TextToBoolean(StringRef(), b)) return b;
         break;
     }
     default:
@@ -221,22 +227,22 @@ int64_t Variant::AsInt64() const {
     case varEmpty:
         return 0;
     case varBoolean:
-        return num_.b ? -1 : 0;
+        return u_.b ? -1 : 0;
     case varInteger:
-        return num_.i;
+        return u_.i;
     case varInt64:
-        return num_.i64;
+        return u_.i64;
     case varDouble:
     case varDate: {
         int64_t r;
-        if (RoundToInt64(num_.d, r)) return r;
+        if (RoundToInt64(u_.d, r)) return r;
         break;
     }
     case varString: {
         int64_t r;
-        if (TryStrToInt64(str_, r)) return r;
+        if (TryStrToInt64(StringRef(), r)) return r;
         double d;
-        if (TryStrToFloat(str_, d) && RoundToInt64(d, r)) return r;
+        if (TryStrToFloat(StringRef(), d) && RoundToInt64(d, r)) return r;
         break;
     }
     default:
@@ -246,7 +252,7 @@ int64_t Variant::AsInt64() const {
 }
 
 int32_t Variant::AsInteger() const {
-    if (type_ == varInteger) return num_.i;
+    if (type_ == varInteger) return u_.i;
     int64_t v;
     try {
         v = AsInt64();
@@ -262,17 +268,17 @@ double Variant::AsDouble() const {
     case varEmpty:
         return 0;
     case varBoolean:
-        return num_.b ? -1 : 0;
+        return u_.b ? -1 : 0;
     case varInteger:
-        return num_.i;
+        return u_.i;
     case varInt64:
-        return static_cast<double>(num_.i64);
+        return static_cast<double>(u_.i64);
     case varDouble:
     case varDate:
-        return num_.d;
+        return u_.d;
     case varString: {
         double d;
-        if (TryStrToFloat(str_, d)) return d;
+        if (TryStrToFloat(StringRef(), d)) return d;
         break;
     }
     default:
@@ -284,7 +290,7 @@ double Variant::AsDouble() const {
 TDateTime Variant::AsDateTime() const {
     if (type_ == varString) {
         TDateTime dt;
-        if (TryStrToDateTime(str_, dt) || TryStrToFloat(str_, dt)) return dt;
+        if (TryStrToDateTime(StringRef(), dt) || TryStrToFloat(StringRef(), dt)) return dt;
         RaiseCastError(type_, varDate);
     }
     if (type_ == varNull || type_ >= varBytes) RaiseCastError(type_, varDate);
@@ -297,18 +303,18 @@ std::string Variant::AsString() const {
     case varNull:
         return {};
     case varBoolean:
-        return num_.b ? "True" : "False";
+        return u_.b ? "True" : "False";
     case varInteger:
-        return IntToStr(num_.i);
+        return IntToStr(u_.i);
     case varInt64:
-        return IntToStr(num_.i64);
+        return IntToStr(u_.i64);
     case varDouble:
-        return FloatToStr(num_.d);
+        return FloatToStr(u_.d);
     case varDate:
-        return DateTimeToStr(num_.d);
+        return DateTimeToStr(u_.d);
     case varString:
     case varBytes:
-        return str_;
+        return StringRef();
     case varArray:
         break;
     }
@@ -377,9 +383,9 @@ Variant Variant::Not() const {
     case varNull:
         return Null();
     case varBoolean:
-        return Variant(!num_.b);
+        return Variant(!u_.b);
     case varString: {
-        if (SameText(str_, "True") || SameText(str_, "False")) return Variant(!AsBoolean());
+        if (SameText(StringRef(), "True") || SameText(StringRef(), "False")) return Variant(!AsBoolean());
         return FromInt(~AsInt64());
     }
     case varArray:
@@ -400,9 +406,9 @@ Variant Variant::Negate() const {
     case varInt64:
         return Variant(0) - *this;
     case varDate:
-        return FromDateTime(-num_.d);
+        return FromDateTime(-u_.d);
     case varDouble:
-        return Variant(-num_.d);
+        return Variant(-u_.d);
     case varString:
         return Variant(-AsDouble());
     default:
@@ -418,7 +424,7 @@ TVariantRelationship Variant::Compare(const Variant& b) const {
         return ta == varNull ? vrLessThan : vrGreaterThan;
     }
     if ((IsTextKind(ta) || ta == varEmpty) && (IsTextKind(tb) || tb == varEmpty)) {
-        int c = CompareStr(str_, b.str_);
+        int c = CompareStr(StringRef(), b.StringRef());
         return c < 0 ? vrLessThan : c > 0 ? vrGreaterThan : vrEqual;
     }
     if (ta == varBoolean || tb == varBoolean)
@@ -436,17 +442,17 @@ bool Variant::Identical(const Variant& b) const {
     case varNull:
         return true;
     case varBoolean:
-        return num_.b == b.num_.b;
+        return u_.b == b.u_.b;
     case varInteger:
-        return num_.i == b.num_.i;
+        return u_.i == b.u_.i;
     case varInt64:
-        return num_.i64 == b.num_.i64;
+        return u_.i64 == b.u_.i64;
     case varDouble:
     case varDate:
-        return num_.d == b.num_.d || (std::isnan(num_.d) && std::isnan(b.num_.d));
+        return u_.d == b.u_.d || (std::isnan(u_.d) && std::isnan(b.u_.d));
     case varString:
     case varBytes:
-        return str_ == b.str_;
+        return StringRef() == b.StringRef();
     case varArray: {
         const auto &x = Items(), &y = b.Items();
         if (x.size() != y.size()) return false;

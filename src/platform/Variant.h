@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <new>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -35,15 +36,34 @@ enum TVariantRelationship { vrEqual, vrLessThan, vrGreaterThan, vrNotEqual };
 /// A value of one of the kinds of TVarType.
 class Variant {
 public:
-    Variant() = default;
-    Variant(bool v) : type_(varBoolean) { num_.b = v; }
-    Variant(int v) : type_(varInteger) { num_.i = v; }
-    Variant(long v) : type_(varInt64) { num_.i64 = v; }
-    Variant(long long v) : type_(varInt64) { num_.i64 = v; }
-    Variant(double v) : type_(varDouble) { num_.d = v; }
-    Variant(const char* s) : type_(varString), str_(s) {}
-    Variant(std::string s) : type_(varString), str_(std::move(s)) {}
-    Variant(std::string_view s) : type_(varString), str_(s) {}
+    Variant() { u_.i64 = 0; }
+    Variant(bool v) : type_(varBoolean) { u_.b = v; }
+    Variant(int v) : type_(varInteger) { u_.i = v; }
+    Variant(long v) : type_(varInt64) { u_.i64 = v; }
+    Variant(long long v) : type_(varInt64) { u_.i64 = v; }
+    Variant(double v) : type_(varDouble) { u_.d = v; }
+    Variant(const char* s) : type_(varString) { new (&u_.s) std::string(s); }
+    Variant(std::string s) : type_(varString) { new (&u_.s) std::string(std::move(s)); }
+    Variant(std::string_view s) : type_(varString) { new (&u_.s) std::string(s); }
+
+    Variant(const Variant& other) : type_(other.type_) { CopyFrom(other); }
+    Variant(Variant&& other) noexcept : type_(other.type_) { MoveFrom(other); }
+    Variant& operator=(const Variant& other) {
+        if (this != &other) {
+            Variant copy(other);
+            *this = std::move(copy);
+        }
+        return *this;
+    }
+    Variant& operator=(Variant&& other) noexcept {
+        if (this != &other) {
+            Release();
+            type_ = other.type_;
+            MoveFrom(other);
+        }
+        return *this;
+    }
+    ~Variant() { Release(); }
 
     static Variant Null() {
         Variant v;
@@ -85,8 +105,8 @@ public:
     /// The text of the value under DefaultFormatSettings; Null and unassigned give "".
     std::string AsString() const;
 
-    /// The stored text of a string or byte string (no conversion).
-    const std::string& StringRef() const { return str_; }
+    /// The stored text of a string or byte string (no conversion); "" for the other kinds.
+    const std::string& StringRef() const { return HasText() ? u_.s : EmptyText(); }
     /// The items of an array (empty for other kinds).
     const std::vector<Variant>& Items() const;
     size_t ItemCount() const { return Items().size(); }
@@ -113,15 +133,48 @@ public:
     bool Identical(const Variant& b) const;
 
 private:
-    TVarType type_ = varEmpty;
-    union {
+    bool HasText() const { return type_ == varString || type_ == varBytes; }
+    static const std::string& EmptyText();
+    void CopyFrom(const Variant& other) {
+        if (other.HasText())
+            new (&u_.s) std::string(other.u_.s);
+        else if (other.type_ == varArray)
+            new (&u_.a) std::shared_ptr<const std::vector<Variant>>(other.u_.a);
+        else
+            u_.i64 = other.u_.i64;
+    }
+    // Takes other's value; other is left unassigned.
+    void MoveFrom(Variant& other) noexcept {
+        if (other.HasText())
+            new (&u_.s) std::string(std::move(other.u_.s));
+        else if (other.type_ == varArray)
+            new (&u_.a) std::shared_ptr<const std::vector<Variant>>(std::move(other.u_.a));
+        else
+            u_.i64 = other.u_.i64;
+        other.Release();
+        other.type_ = varEmpty;
+        other.u_.i64 = 0;
+    }
+    void Release() noexcept {
+        if (HasText())
+            u_.s.~basic_string();
+        else if (type_ == varArray)
+            u_.a.~shared_ptr();
+    }
+
+    // One of the kinds at a time: a variant is the size of its text, not of every kind together.
+    union Storage {
+        Storage() {}
+        ~Storage() {}
         bool b;
         int32_t i;
         int64_t i64;
         double d;
-    } num_{};
-    std::string str_;
-    std::shared_ptr<const std::vector<Variant>> array_;
+        std::string s;                                 ///< varString, varBytes
+        std::shared_ptr<const std::vector<Variant>> a; ///< varArray
+    };
+    TVarType type_ = varEmpty;
+    Storage u_;
 };
 
 /// Raises EVariantTypeCastError for a conversion from one kind into another.

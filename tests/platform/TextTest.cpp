@@ -197,6 +197,9 @@ TEST(Encoding, CodePagesAndDetection) {
     EXPECT_EQ(DetectTextEncoding("caf\xE9"), encAnsi);
     EXPECT_EQ(DecodeText("caf\xE9"), "caf\xC3\xA9");
     EXPECT_EQ(DecodeText("\xEF\xBB\xBF"
+                         "a\xFF"),
+              "a\xEF\xBF\xBD"); // a BOM promises UTF-8
+    EXPECT_EQ(DecodeText("\xEF\xBB\xBF"
                          "abc"),
               "abc");
     EXPECT_EQ(DecodeText(std::string("\xFF\xFE"

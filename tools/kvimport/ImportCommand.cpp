@@ -95,6 +95,7 @@ int Run(const ImportOptions& o, CommandKind kind) {
     if (o.SqlFile) {
         c.SetActionKind(akGenerateSQL);
         c.SetSQLFileName(*o.SqlFile);
+        c.SetKeepSQLScript(false); // the file receives the statements as they come
         c.SetTableName(table);
         // Apostrophes around texts: what every SQL database reads as a text literal.
         c.SQLOptions().SQLQuote = U'\'';
