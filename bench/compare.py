@@ -49,7 +49,8 @@ def compare(title, entries, rounds):
         print(f"| {label} | {median:.2f} s | {memory:.0f} MiB | {median / base:.2f} |")
     print()
     for label, _, command in entries:
-        print(f"- {label}: `{command.replace(ROOT + os.sep, '')}`")
+        shown = command.replace(ROOT + os.sep, "").replace(sys.executable, "python3")
+        print(f"- {label}: `{shown}`")
 
 
 def csv_benchmark(args, work, kvimport):

@@ -167,9 +167,17 @@ Variant TKvImportBaseComponent::GetParsedValue(const Variant& value, int index) 
         TKvIMapEntry& entry = intersection_[static_cast<size_t>(index)];
         const bool same = text.data() == entry.SourceValue.StringRef().data() || text == entry.Source;
         if (same && entry.HostName) {
-            // A plain column name: what the tree would do for its one name, without walking it.
+            // A plain column name: what the tree would do for its one name, without walking it. The
+            // parser asks this component's handler first; a name the handler claims needs nothing else.
             Variant v(entry.Name);
-            entry.Parser->Evaluate(entry.Name, {}, 0, false, v);
+            bool done = false;
+            ParserEvaluate(entry.Parser.get(), entry.Name, {}, 0, false, v, done);
+            if (!done) { // the handler left the name to the user functions, as the parser would
+                if (TKvIParserFunction* function = lstKvIRegFunctions.FunctionByName(entry.Name)) {
+                    function->ApplyArguments({}, 0);
+                    v = function->Calculate(entry.Parser.get());
+                }
+            }
             return v;
         }
         if (same) return Compute(*entry.Parser, entry.ParseError);

@@ -138,6 +138,9 @@ public:
     ReducedText(std::string_view text, char32_t dateSep, char32_t timeSep)
         : text_(text), dateSep_(dateSep), timeSep_(timeSep) {}
     bool IsSeparator(char32_t c) const {
+        // Letters and digits, the bulk of any date, are never separators unless chosen as one.
+        if ((c | 0x20) >= U'a' && (c | 0x20) <= U'z' && c != dateSep_ && c != timeSep_) return false;
+        if (c >= U'0' && c <= U'9' && c != dateSep_ && c != timeSep_) return false;
         return c == U'/' || c == U':' || c == U' ' || c == dateSep_ || c == timeSep_;
     }
     // The next character, or false at the end.
