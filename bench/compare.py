@@ -54,7 +54,7 @@ def compare(title, entries, rounds):
 
 
 def csv_benchmark(args, work, kvimport):
-    data = os.path.join(work, "orders.csv")
+    data = os.path.join(work, f"orders-{args.rows}.csv")
     if not os.path.exists(data):
         subprocess.run([sys.executable, os.path.join(HERE, "make_csv.py"), str(args.rows), "-o", data], check=True)
     schema = ("CREATE TABLE orders(id INTEGER, amount REAL, order_date DATE, customer TEXT, city TEXT, "
@@ -72,7 +72,7 @@ def csv_benchmark(args, work, kvimport):
 
 
 def sqlite_benchmark(args, work, kvimport):
-    source = os.path.join(work, "items.sqlite")
+    source = os.path.join(work, f"items-{args.rows}.sqlite")
     schema = "CREATE TABLE items(ID INTEGER PRIMARY KEY, NAME TEXT, PRICE REAL, QTY INTEGER, CREATED DATETIME)"
     if not os.path.exists(source):
         subprocess.run(["sqlite3", source, schema + ";" +
