@@ -3,6 +3,7 @@
 
 #include "platform/FormatSettings.h"
 
+#include <functional>
 #include <gtest/gtest.h>
 #include <string>
 #include <vector>
@@ -53,6 +54,9 @@ public:
 private:
     std::string path_;
 };
+
+/// The message `action` fails with, "" when it does not fail.
+std::string ErrorOf(const std::function<void()>& action);
 
 /// Writes `bytes` to `path`.
 void WriteFile(const std::string& path, const std::string& bytes);

@@ -27,15 +27,7 @@ bool TKvImportFromDataSet::NotDefined(std::string& propName) {
 
 void TKvImportFromDataSet::DetectAutoMapping() {
     if (!sourceDataset_->Active()) sourceDataset_->Open();
-    for (int i = 0; i < sourceDataset_->FieldCount(); ++i) {
-        const TField& f = sourceDataset_->Fields(i);
-        TKvIColumn& c = Columns().Add();
-        c.FieldName = f.FieldName();
-        c.DataType = GetKvIDataType(f.DataType());
-        c.Alignment = f.Alignment();
-        c.Size = f.Size();
-        if (f.DataType() == ftFloat) c.Precision = f.Precision();
-    }
+    for (int i = 0; i < sourceDataset_->FieldCount(); ++i) AddColumnFor(sourceDataset_->Fields(i), false);
 }
 
 void TKvImportFromDataSet::BeforeImport() {

@@ -225,6 +225,8 @@ protected:
     virtual void ProcessRowsForColumnTypes() {}
     /// Fills Columns; the base describes the destination's fields.
     virtual void DetectAutoMapping();
+    /// Adds a column describing `field` (the caption too when `withCaption`).
+    void AddColumnFor(const TField& field, bool withCaption);
     void FillKey4Locate();
     void FillKey4Values();
 

@@ -15,16 +15,17 @@ std::string TKvImportBaseComponent::GetColumnFieldName(int index) const {
 void TKvImportBaseComponent::DetectAutoMapping() {
     if (!dataSet_) return;
     if (!dataSet_->Active()) dataSet_->Open();
-    for (int i = 0; i < dataSet_->FieldCount(); ++i) {
-        const TField& f = dataSet_->Fields(i);
-        TKvIColumn& c = columns_.Add();
-        c.FieldName = f.FieldName();
-        c.Caption = f.DisplayLabel();
-        c.DataType = GetKvIDataType(f.DataType());
-        c.Alignment = f.Alignment();
-        c.Size = f.Size();
-        if (f.DataType() == ftFloat) c.Precision = f.Precision();
-    }
+    for (int i = 0; i < dataSet_->FieldCount(); ++i) AddColumnFor(dataSet_->Fields(i), true);
+}
+
+void TKvImportBaseComponent::AddColumnFor(const TField& field, bool withCaption) {
+    TKvIColumn& c = columns_.Add();
+    c.FieldName = field.FieldName();
+    if (withCaption) c.Caption = field.DisplayLabel();
+    c.DataType = GetKvIDataType(field.DataType());
+    c.Alignment = field.Alignment();
+    c.Size = field.Size();
+    if (field.DataType() == ftFloat) c.Precision = field.Precision(); // only floats carry a precision here
 }
 
 void TKvImportBaseComponent::Columns2Mapping() {

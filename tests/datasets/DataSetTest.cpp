@@ -9,14 +9,7 @@
 namespace kv {
 namespace {
 
-std::string ErrorOf(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const std::exception& e) {
-        return e.what();
-    }
-    return "";
-}
+using test::ErrorOf;
 
 // ID, Name and Age, one row per name (ages 20, 21, ...).
 void MakePeople(TKvMemDataSet& ds, const std::vector<std::string>& names) {

@@ -12,14 +12,7 @@
 namespace kv {
 namespace {
 
-std::string ErrorOf(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const std::exception& e) {
-        return e.what();
-    }
-    return "";
-}
+using test::ErrorOf;
 
 class SQLiteTest : public ::testing::Test {
 protected:

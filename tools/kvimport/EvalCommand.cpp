@@ -81,8 +81,7 @@ int RunEval(const std::vector<std::string>& args) {
         }
         std::string option = reader.TakeOption();
         if (option == "help" || option == "h") {
-            std::cout << EvalUsage;
-            return ExitOk;
+            throw HelpRequested();
         } else if (option == "typed") {
             typed = true;
         } else if (option == "param") {

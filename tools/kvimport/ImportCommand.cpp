@@ -144,25 +144,11 @@ int Run(const ImportOptions& o, CommandKind kind) {
 } // namespace
 
 int RunImport(const std::vector<std::string>& args) {
-    ImportOptions o;
-    try {
-        o = ParseImportOptions(args, CommandKind::Import);
-    } catch (const HelpRequested&) {
-        std::cout << ImportUsage;
-        return ExitOk;
-    }
-    return Run(o, CommandKind::Import);
+    return Run(ParseImportOptions(args, CommandKind::Import), CommandKind::Import);
 }
 
 int RunSpecification(const std::vector<std::string>& args) {
-    ImportOptions o;
-    try {
-        o = ParseImportOptions(args, CommandKind::Run);
-    } catch (const HelpRequested&) {
-        std::cout << RunUsage;
-        return ExitOk;
-    }
-    return Run(o, CommandKind::Run);
+    return Run(ParseImportOptions(args, CommandKind::Run), CommandKind::Run);
 }
 
 } // namespace kv::cli

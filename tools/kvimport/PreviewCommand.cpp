@@ -59,13 +59,7 @@ void Pad(std::string& line, const std::string& text, size_t width) {
 } // namespace
 
 int RunPreview(const std::vector<std::string>& args) {
-    ImportOptions o;
-    try {
-        o = ParseImportOptions(args, CommandKind::Preview);
-    } catch (const HelpRequested&) {
-        std::cout << PreviewUsage;
-        return ExitOk;
-    }
+    const ImportOptions o = ParseImportOptions(args, CommandKind::Preview);
     TComponent root;
     std::unique_ptr<SourceSetup> source = OpenSource(o, root);
     TKvImportBaseComponent& c = source->Component();

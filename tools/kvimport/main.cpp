@@ -62,6 +62,9 @@ int main(int argc, char** argv) {
         if (name != command.name) continue;
         try {
             return command.run(args);
+        } catch (const HelpRequested&) {
+            std::cout << command.usage;
+            return ExitOk;
         } catch (const UsageError& e) {
             // The usage lines of the command, not its whole help.
             const std::string usage = command.usage;
