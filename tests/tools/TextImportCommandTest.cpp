@@ -62,6 +62,7 @@ TEST_F(TextImport, SavedSpecificationRunsAgain) {
                   .Status,
               0);
     test::WriteFile(csv, "k;v\n1;uno\n3;tres\n");
+    // The specification names p.csv as given (a path of the temporary folder); run finds it either way.
     test::CliResult r = RunCli({"run", spec, "--db", db, "--mode", "appendupdate", "--keys", "k"});
     EXPECT_EQ(r.Status, 0) << r.Err;
     EXPECT_NE(r.Out.find("Added: 1\nUpdated: 1\n"), std::string::npos) << r.Out;

@@ -132,7 +132,12 @@ std::unique_ptr<SourceSetup> OpenSpecificationSource(const ImportOptions& o, TCo
     if (!FileExists(o.Source)) throw Exception(Format(strSpecFileNotExist, o.Source));
     TStringList spec;
     spec.LoadFromFile(o.Source);
-    const std::string file = spec.Values("SourceFileName");
+    std::string file = spec.Values("SourceFileName");
+    // A relative source that is not beside the current folder is looked for beside the specification.
+    const std::filesystem::path besideSpec = std::filesystem::path(o.Source).parent_path() / file;
+    if (!file.empty() && std::filesystem::path(file).is_relative() && !FileExists(file) &&
+        FileExists(besideSpec.string()))
+        file = besideSpec.string();
     std::unique_ptr<SourceSetup> source;
     if (SameText(spec.Values("SourceKind"), "SQLite")) {
         std::optional<std::string> table = o.SourceTable;
@@ -144,6 +149,7 @@ std::unique_ptr<SourceSetup> OpenSpecificationSource(const ImportOptions& o, TCo
         source = MakeSource("text", textOptions, file, std::nullopt, root);
     }
     source->Component().LoadSpecification(o.Source);
+    source->Component().SetSourceFileName(file); // as found, beside the specification or not
     return source;
 }
 
