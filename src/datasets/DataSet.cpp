@@ -61,7 +61,7 @@ Variant CoerceToFieldType(Variant value, TFieldType type, const std::string& fie
     case ftWideMemo:
     case ftOraClob:
     case ftGuid:
-        return value.IsString() ? value : Variant(value.AsString());
+        return value.IsString() ? std::move(value) : Variant(value.AsString());
     case ftSmallint:
         return CheckedInteger(value, fieldName, -32768, 32767);
     case ftWord:
@@ -70,20 +70,21 @@ Variant CoerceToFieldType(Variant value, TFieldType type, const std::string& fie
     case ftAutoInc:
         // Integer columns of the databases this library writes hold 64 bits; only the small types check a
         // range.
+        if (value.IsOrdinal()) return value;
         try {
             return Variant::FromInt(value.AsInt64());
         } catch (const EVariantTypeCastError&) {
             RaiseCastError(value.VarType(), varInteger);
         }
     case ftLargeint:
-        return Variant::FromInt(value.AsInt64());
+        return value.IsOrdinal() ? std::move(value) : Variant::FromInt(value.AsInt64());
     case ftBoolean:
         return Variant(value.AsBoolean());
     case ftFloat:
     case ftCurrency:
     case ftBCD:
     case ftFMTBcd:
-        return value.VarType() == varDouble ? value : Variant(value.AsDouble());
+        return value.VarType() == varDouble ? std::move(value) : Variant(value.AsDouble());
     case ftDate:
         return Variant::FromDateTime(std::trunc(value.AsDateTime()));
     case ftTime: {
@@ -101,7 +102,7 @@ Variant CoerceToFieldType(Variant value, TFieldType type, const std::string& fie
     case ftDBaseOle:
     case ftTypedBinary:
     case ftOraBlob:
-        return value.VarType() == varBytes ? value : Variant::FromBytes(value.AsString());
+        return value.VarType() == varBytes ? std::move(value) : Variant::FromBytes(value.AsString());
     default:
         return value;
     }

@@ -212,7 +212,11 @@ void TKvImportBaseComponent::ConvertForField(TField& field, Variant& value, bool
         }
         TDecimalSeparatorSwap swap(dataFormats_.DecimalSeparator);
         std::string t = text;
-        if (dataFormats_.ThousandSeparator) RemoveAll(t, CharText(dataFormats_.ThousandSeparator));
+        if (dataFormats_.ThousandSeparator) {
+            char thousand[8];
+            const size_t n = Utf8EncodeTo(dataFormats_.ThousandSeparator, thousand);
+            RemoveAll(t, std::string_view(thousand, n));
+        }
         if (!dataFormats_.CurrencyString.empty()) {
             size_t p = t.find(dataFormats_.CurrencyString);
             if (p != std::string::npos) t.erase(p, dataFormats_.CurrencyString.size());
@@ -225,7 +229,9 @@ void TKvImportBaseComponent::ConvertForField(TField& field, Variant& value, bool
             value = Variant::Null();
             return;
         }
-        const std::string decimal = Utf8Encode(dataFormats_.DecimalSeparator);
+        char decimalBytes[8];
+        const std::string_view decimal(decimalBytes,
+                                       Utf8EncodeTo(dataFormats_.DecimalSeparator, decimalBytes));
         if (!decimal.empty() && t.rfind(decimal, 0) == 0) t.insert(0, "0");
         // Read with the import's separator (swapped in above) and, failing that, as "." would be: the
         // text counts as a number either way.

@@ -110,6 +110,17 @@ void Utf8Append(std::string& out, char32_t c) {
     out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
 }
 
+size_t Utf8EncodeTo(char32_t c, char* out) {
+    if (c == 0) return 0;
+    if (c < 0x80) {
+        out[0] = static_cast<char>(c);
+        return 1;
+    }
+    const std::string s = Utf8Encode(c);
+    for (size_t i = 0; i < s.size(); ++i) out[i] = s[i];
+    return s.size();
+}
+
 std::string Utf8Encode(char32_t c) {
     std::string s;
     Utf8Append(s, c);

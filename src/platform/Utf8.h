@@ -22,6 +22,8 @@ std::string Utf8Sanitize(std::string_view s);
 char32_t Utf8Decode(std::string_view s, size_t& pos);
 /// The UTF-8 bytes of one code point (U+FFFD for surrogates and values above U+10FFFF).
 std::string Utf8Encode(char32_t c);
+/// The UTF-8 bytes of `c` into `out` (room for 4); returns how many (0 for code 0).
+size_t Utf8EncodeTo(char32_t c, char* out);
 void Utf8Append(std::string& out, char32_t c);
 
 /// Number of characters.
