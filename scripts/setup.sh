@@ -5,7 +5,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 packages=(g++ cmake ninja-build pkg-config libsqlite3-dev zlib1g-dev libpq-dev libgtest-dev libgmock-dev
-          libbenchmark-dev sqlite3 clang libclang-rt-14-dev python3)
+          libbenchmark-dev sqlite3 clang clang-format libclang-rt-14-dev python3)
 missing=()
 for p in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
