@@ -144,8 +144,7 @@ void TField::SetValue(Variant value) {
     if (ds.state_ != dsEdit && ds.state_ != dsInsert)
         throw EDatabaseError(ds.Name().empty() ? "Dataset not in edit or insert mode"
                                                : ds.Name() + ": Dataset not in edit or insert mode");
-    Variant converted = CoerceToFieldType(std::move(value), def_.DataType, def_.Name);
-    ds.buffer_[static_cast<size_t>(index_)] = std::move(converted);
+    ds.buffer_[static_cast<size_t>(index_)] = CoerceToFieldType(std::move(value), def_.DataType, def_.Name);
     ds.assigned_[static_cast<size_t>(index_)] = true;
 }
 

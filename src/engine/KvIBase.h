@@ -252,6 +252,7 @@ protected:
         std::exception_ptr ParseError;      ///< raised again for every row when the text does not parse
         Variant SourceValue;                ///< Source as the value handed to GetParsedValue
         bool HostName = false;              ///< the source side is one name the handler resolves
+        bool TextReference = false;         ///< a text source's "Text..." reference, resolved as one name
         std::string Name;                   ///< that name
     };
     const std::vector<TKvIMapEntry>& Intersection() const { return intersection_; }

@@ -142,6 +142,8 @@ void TKvImportBaseComponent::BuildArrayIntersection() {
             entry.FieldIndex = field->Index();
         entry.Parser = MakeParser(entry.Source, entry.ParseError);
         entry.SourceValue = Variant(entry.Source);
+        entry.TextReference = (tableType_ == teText || tableType_ == teClipboard) &&
+                              entry.Source.rfind(strTextFieldName, 0) == 0;
         if (!entry.ParseError && entry.Parser->Tree())
             entry.HostName = entry.Parser->Tree()->IsHostName(entry.Name);
         if (!fieldNames_.empty()) fieldNames_ += ';';
@@ -157,7 +159,14 @@ void TKvImportBaseComponent::BuildArrayIntersection() {
 Variant TKvImportBaseComponent::GetParsedValue(const Variant& value, int index) {
     std::string converted;
     const std::string& text = value.IsString() ? value.StringRef() : (converted = value.AsString());
-    if ((tableType_ == teText || tableType_ == teClipboard) && text.rfind(strTextFieldName, 0) == 0) {
+    // A mapping entry's own text was looked at once, when the entry was made.
+    const bool ownText =
+        index >= 0 && static_cast<size_t>(index) < intersection_.size() &&
+        text.data() == intersection_[static_cast<size_t>(index)].SourceValue.StringRef().data();
+    const bool textReference =
+        ownText ? intersection_[static_cast<size_t>(index)].TextReference
+                : (tableType_ == teText || tableType_ == teClipboard) && text.rfind(strTextFieldName, 0) == 0;
+    if (textReference) {
         // "Text1-10" is a column reference, not a subtraction: resolve it as one name.
         Variant v(text);
         bool done = false;
@@ -166,7 +175,7 @@ Variant TKvImportBaseComponent::GetParsedValue(const Variant& value, int index) 
     }
     if (index >= 0 && static_cast<size_t>(index) < intersection_.size()) {
         TKvIMapEntry& entry = intersection_[static_cast<size_t>(index)];
-        const bool same = text.data() == entry.SourceValue.StringRef().data() || text == entry.Source;
+        const bool same = ownText || text == entry.Source;
         if (same && entry.HostName) {
             // A plain column name: what the tree would do for its one name, without walking it. The
             // parser asks this component's handler first; a name the handler claims needs nothing else.

@@ -314,7 +314,7 @@ void TKvImportBaseComponent::ApplyRow() {
             TField* field = entry.FieldIndex >= 0 ? &dataSet_->Fields(entry.FieldIndex)
                                                   : dataSet_->FindField(entry.FieldName);
             if (!field) continue;
-            Variant value = std::move(rowValues_[i]); // the row's values are not needed after its write
+            Variant& value = rowValues_[i]; // the row's values are not needed after its write: moved on
             bool accept = !(actionKind_ == akGenerateSQL && field->IsBlob() && field->DataType() != ftMemo &&
                             field->DataType() != ftFmtMemo);
             if (OnBeforeFieldUpdate) OnBeforeFieldUpdate(this, field, value, accept);
