@@ -122,22 +122,18 @@ void TKvTextFile::Close() {
 
 void TKvTextFile::Open(const std::string& fileName) {
     Close();
-    ownedStream_ = std::make_unique<TFileStream>(fileName, fmOpenRead | fmShareDenyNone);
-    TStream& stream = *ownedStream_;
-    try {
-        OpenStream(stream);
-    } catch (...) {
-        Close();
-        throw;
-    }
+    OpenOwned(std::make_unique<TFileStream>(fileName, fmOpenRead | fmShareDenyNone));
 }
 
 void TKvTextFile::OpenStdin() {
     Close();
-    ownedStream_ = std::make_unique<TStdinStream>();
-    TStream& stream = *ownedStream_;
+    OpenOwned(std::make_unique<TStdinStream>());
+}
+
+void TKvTextFile::OpenOwned(std::unique_ptr<TStream> stream) {
+    ownedStream_ = std::move(stream);
     try {
-        OpenStream(stream);
+        OpenStream(*ownedStream_);
     } catch (...) {
         Close();
         throw;

@@ -122,6 +122,7 @@ public:
 
 private:
     void OpenMemory(std::string_view bytes);
+    void OpenOwned(std::unique_ptr<TStream> stream);
     void OpenSeekable(TStream& stream, int64_t start);
     void Finish(TKvTextScanner& scanner);
     std::string_view Fetch(const TKvTextRecordSpan& span);
