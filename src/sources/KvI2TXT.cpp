@@ -50,6 +50,7 @@ void TKvImportFromText::BeforeImport() {
     s.RowLast = RowLast();
     s.RowFieldNames = RowFieldNames();
     s.SkipEmptyRows = Options().Contains(soSkipEmptyRow);
+    reader_.Stop();
     if (TStream* stream = SourceStream())
         file_.OpenStream(*stream);
     else if (std::optional<std::string> text = TextToRead())
@@ -74,6 +75,7 @@ void TKvImportFromText::BeforeImport() {
 }
 
 void TKvImportFromText::AfterImport() {
+    reader_.Stop();
     file_.Close();
     rowOrder_.clear();
     references_.clear();
@@ -90,7 +92,12 @@ void TKvImportFromText::SetCurrentRow(int64_t row) {
 }
 
 bool TKvImportFromText::LoadRecord() {
-    SetCurrentRow(row_);
+    if (readAhead_) {
+        reader_.Take(file_, row_, fields_);
+        rowPosition_ = 0;
+    } else {
+        SetCurrentRow(row_);
+    }
     return TKvImportBaseComponent::LoadRecord();
 }
 
@@ -99,7 +106,7 @@ Variant TKvImportFromText::GetFieldValue(const Variant& value) {
     const std::string& name = value.IsString() ? value.StringRef() : (converted = value.AsString());
     if (rowPosition_ < rowOrder_.size() && rowOrder_[rowPosition_]->first == name) {
         std::string text;
-        fields_.GetValue(rowOrder_[rowPosition_++]->second, text);
+        fields_.TakeValue(rowOrder_[rowPosition_++]->second, text);
         return Variant(std::move(text));
     }
     auto it = references_.find(name);
@@ -121,7 +128,7 @@ Variant TKvImportFromText::GetFieldValue(const Variant& value) {
     if (rowPosition_ >= rowOrder_.size()) rowOrder_.resize(rowPosition_ + 1);
     rowOrder_[rowPosition_++] = &*it;
     std::string text;
-    fields_.GetValue(it->second, text);
+    fields_.TakeValue(it->second, text);
     return Variant(std::move(text));
 }
 

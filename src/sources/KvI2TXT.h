@@ -6,6 +6,7 @@
 #include "engine/KvIBase.h"
 #include "readers/text/KvTextFields.h"
 #include "readers/text/KvTextFile.h"
+#include "readers/text/KvTextReadAhead.h"
 
 #include <optional>
 #include <unordered_map>
@@ -19,6 +20,9 @@ public:
     /// Fixed record length in characters when there is no record separator.
     int FixedLineLength() const { return fixedLineLength_; }
     void SetFixedLineLength(int v) { fixedLineLength_ = v; }
+    /// Rows are read and split on a second thread while the rows before them are imported (default on).
+    bool ReadAhead() const { return readAhead_; }
+    void SetReadAhead(bool v) { readAhead_ = v; }
     /// Text to import instead of the file (for text already in memory, such as standard input's).
     const std::optional<std::string>& SourceText() const { return sourceText_; }
     void SetSourceText(std::optional<std::string> text) { sourceText_ = std::move(text); }
@@ -46,15 +50,18 @@ protected:
 
     /// The text to read when it is not a file (the clipboard's, for the clipboard source).
     virtual std::optional<std::string> TextToRead() { return sourceText_; }
+    /// The loaded text; during a run, its rows are the read-ahead's.
     TKvTextFile& File() { return file_; }
 
 private:
     void SetCurrentRow(int64_t row);
 
     int fixedLineLength_ = 0;
+    bool readAhead_ = true;
     std::optional<std::string> sourceText_;
     TKvTextFile file_;
     TKvTextFields fields_;
+    TKvTextReadAhead reader_; ///< after file_, so that it stops before the file goes
     int64_t row_ = 0;
     std::vector<std::string> headerNames_;
     std::unordered_map<std::string, TKvTextRef> references_; ///< by the names mappings use, per run

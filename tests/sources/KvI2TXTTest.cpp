@@ -95,6 +95,30 @@ TEST_F(TextSource, LineBreaksInsideQualifiersAndLfOnlyFiles) {
               "1|two\r\nlines\n2|say \"hi\"\n");
 }
 
+TEST_F(TextSource, ReadingAheadImportsWhatReadingRowByRowImports) {
+    Fields({{"id", ftInteger}, {"name", ftString}, {"again", ftString}, {"line", ftString}, {"n", ftFloat}});
+    text.SetRowFirst(2);
+    text.Mappings().Add("id=id");
+    text.Mappings().Add("name=name");
+    text.Mappings().Add("again=UPPER(name)"); // the same column asked for twice in a row
+    text.Mappings().Add("line=Text");
+    text.Mappings().Add("n=n");
+    std::string bytes = "id,name,n\n";
+    for (int i = 0; i < 2500; ++i)
+        bytes +=
+            std::to_string(i) + ",\"n\"\"" + std::to_string(i) + "\"," + (i % 500 == 7 ? "x" : "1.5") + "\n";
+    text.SetReadAhead(false);
+    const std::string rowByRow = Import(bytes);
+    const std::vector<std::string> rowByRowErrors = errors;
+    ASSERT_EQ(rowByRowErrors.size(), 5u);
+    dest.EmptyTable();
+    errors.clear();
+    text.SetReadAhead(true);
+    EXPECT_EQ(Import(bytes), rowByRow);
+    EXPECT_EQ(errors, rowByRowErrors);
+    EXPECT_EQ(dest.RowCount(), 2495); // the rows with "x" for a number fail
+}
+
 TEST_F(TextSource, Utf16WithBomAndWindows1252) {
     Fields({{"name", ftString}});
     text.SetRowFirst(2);

@@ -120,29 +120,32 @@ void TKvTextFields::SetQualifier(char32_t qualifier) {
 }
 
 void TKvTextFields::SetLine(std::string_view line) {
-    line_.assign(line.data(), line.size());
+    std::string& stored = split_.Line;
+    std::vector<TKvTextRawField>& fields = split_.Fields;
+    stored.assign(line.data(), line.size());
     lineAscii_ = -1;
-    fields_.clear();
+    fields.clear();
+    split_.Prepared = false; // the value strings stay, for their buffers
     if (fixedWidth_) return;
-    const auto emit = [this](int64_t start, int64_t end, bool qualified) {
-        fields_.push_back({start, end, qualified});
+    const auto emit = [&fields](int64_t start, int64_t end, bool qualified) {
+        fields.push_back({start, end, qualified});
     };
     if (delimiter_ < 0x80 && qualifier_ < 0x80) {
-        const auto* bytes = reinterpret_cast<const unsigned char*>(line_.data());
-        WalkFields(bytes, static_cast<int64_t>(line_.size()), static_cast<unsigned char>(delimiter_),
+        const auto* bytes = reinterpret_cast<const unsigned char*>(stored.data());
+        WalkFields(bytes, static_cast<int64_t>(stored.size()), static_cast<unsigned char>(delimiter_),
                    delimiter_ != 0, static_cast<unsigned char>(qualifier_), qualifier_ != 0, emit);
         return;
     }
     // A delimiter or qualifier beyond ASCII: walk code points, then turn their positions into bytes.
     chars_.clear();
     offsets_.clear(); // byte offset of every character, and of the end
-    for (size_t pos = 0; pos < line_.size();) {
+    for (size_t pos = 0; pos < stored.size();) {
         offsets_.push_back(pos);
-        chars_.push_back(Utf8Decode(line_, pos));
+        chars_.push_back(Utf8Decode(stored, pos));
     }
-    offsets_.push_back(line_.size());
+    offsets_.push_back(stored.size());
     const auto count = static_cast<int64_t>(chars_.size());
-    const auto lineEnd = static_cast<int64_t>(line_.size());
+    const auto lineEnd = static_cast<int64_t>(stored.size());
     WalkFields(chars_.data(), count, delimiter_, delimiter_ != 0, qualifier_, qualifier_ != 0,
                [&](int64_t start, int64_t end, bool qualified) {
                    // start is 1..count+1, end 0..count
@@ -150,21 +153,35 @@ void TKvTextFields::SetLine(std::string_view line) {
                        start > count ? lineEnd + 1
                                      : static_cast<int64_t>(offsets_[static_cast<size_t>(start - 1)]) + 1;
                    const int64_t last = static_cast<int64_t>(offsets_[static_cast<size_t>(end)]);
-                   fields_.push_back({first, last, qualified});
+                   fields.push_back({first, last, qualified});
                });
 }
 
+void TKvTextFields::PrepareValues() {
+    const auto count = static_cast<size_t>(Count());
+    if (split_.Values.size() < count) split_.Values.resize(count);
+    for (size_t i = 0; i < count; ++i) FieldValue(static_cast<int>(i) + 1, split_.Values[i]);
+    split_.Prepared = true;
+    taken_.assign(count, 0);
+}
+
+void TKvTextFields::Swap(TKvTextSplit& split) {
+    std::swap(split_, split);
+    lineAscii_ = -1;
+    taken_.assign(split_.Prepared ? split_.Fields.size() : 0, 0);
+}
+
 bool TKvTextFields::LineIsAscii() const {
-    if (lineAscii_ < 0) lineAscii_ = IsAscii(line_) ? 1 : 0;
+    if (lineAscii_ < 0) lineAscii_ = IsAscii(split_.Line) ? 1 : 0;
     return lineAscii_ == 1;
 }
 
 TKvTextFieldPos TKvTextFields::Position(int index) const {
     if (index < 1 || index > Count()) return {};
-    const TRawField& f = fields_[static_cast<size_t>(index - 1)];
+    const TKvTextRawField& f = split_.Fields[static_cast<size_t>(index - 1)];
     if (LineIsAscii()) return {f.Start, f.End};
     // Start is the first byte of a character (or one past the end), End the last byte of one (or 0).
-    const std::string_view line(line_);
+    const std::string_view line(split_.Line);
     const auto startChar = [&](int64_t b) {
         return static_cast<int64_t>(Utf8Length(line.substr(0, static_cast<size_t>(b - 1)))) + 1;
     };
@@ -175,18 +192,18 @@ TKvTextFieldPos TKvTextFields::Position(int index) const {
 }
 
 bool TKvTextFields::Qualified(int index) const {
-    return index >= 1 && index <= Count() && fields_[static_cast<size_t>(index - 1)].Qualified;
+    return index >= 1 && index <= Count() && split_.Fields[static_cast<size_t>(index - 1)].Qualified;
 }
 
-std::string_view TKvTextFields::Bytes(const TRawField& f) const {
+std::string_view TKvTextFields::Bytes(const TKvTextRawField& f) const {
     if (f.End < f.Start) return {};
-    return std::string_view(line_).substr(static_cast<size_t>(f.Start - 1),
-                                          static_cast<size_t>(f.End - f.Start + 1));
+    return std::string_view(split_.Line)
+        .substr(static_cast<size_t>(f.Start - 1), static_cast<size_t>(f.End - f.Start + 1));
 }
 
 std::string_view TKvTextFields::RawField(int index) const {
     if (index < 1 || index > Count()) return {};
-    return Bytes(fields_[static_cast<size_t>(index - 1)]);
+    return Bytes(split_.Fields[static_cast<size_t>(index - 1)]);
 }
 
 void TKvTextFields::PostProcess(std::string_view value, std::string& out) const {
@@ -229,11 +246,11 @@ void TKvTextFields::GetValue(const TKvTextRef& ref, std::string& out) const {
     std::string_view value;
     switch (ref.Kind) {
     case trkLine:
-        value = line_;
+        value = split_.Line;
         break;
     case trkRange:
         if (ref.Last >= ref.First) {
-            const std::string_view line(line_);
+            const std::string_view line(split_.Line);
             if (LineIsAscii()) {
                 if (static_cast<uint64_t>(ref.First - 1) < line.size())
                     value = line.substr(static_cast<size_t>(ref.First - 1),
@@ -253,6 +270,19 @@ void TKvTextFields::GetValue(const TKvTextRef& ref, std::string& out) const {
         break;
     }
     PostProcess(value, out);
+}
+
+void TKvTextFields::TakeValue(const TKvTextRef& ref, std::string& out) {
+    if (ref.Kind == trkField && split_.Prepared && ref.First >= 1 &&
+        static_cast<uint64_t>(ref.First) <= taken_.size()) {
+        const auto i = static_cast<size_t>(ref.First - 1);
+        if (!taken_[i]) {
+            taken_[i] = 1;
+            out = std::move(split_.Values[i]);
+            return;
+        }
+    }
+    GetValue(ref, out);
 }
 
 std::string TKvTextFields::GetFieldValue(std::string_view reference) const {

@@ -34,6 +34,22 @@ enum TKvTextRefKind : uint8_t {
     trkConstant ///< the reference's own text
 };
 
+/// Where one field lies in its record: 1-based byte positions as the field walk gives them.
+struct TKvTextRawField {
+    int64_t Start;
+    int64_t End;
+    bool Qualified;
+};
+
+/// One record cut into fields, as handed from a reading thread to the one importing: the line, where its
+/// fields lie and, when prepared, every field's post-processed value.
+struct TKvTextSplit {
+    std::string Line;
+    std::vector<TKvTextRawField> Fields;
+    std::vector<std::string> Values; ///< when prepared, the first Fields.size() are the values
+    bool Prepared = false;
+};
+
 /// A column reference, read once and used for every record.
 struct TKvTextRef {
     TKvTextRefKind Kind = trkConstant;
@@ -61,10 +77,15 @@ public:
 
     /// Makes `line` (UTF-8) the current record and, unless fixed-width, splits it.
     void SetLine(std::string_view line);
-    const std::string& Line() const { return line_; }
+    const std::string& Line() const { return split_.Line; }
+    /// Computes every field's value now, so that TakeValue only hands them out.
+    void PrepareValues();
+    /// Exchanges the current record with `split` (a record split and prepared elsewhere); `split` gets the
+    /// old record's buffers, for reuse.
+    void Swap(TKvTextSplit& split);
 
     /// Number of fields of the current record.
-    int Count() const { return static_cast<int>(fields_.size()); }
+    int Count() const { return static_cast<int>(split_.Fields.size()); }
     /// Character positions of field `index` (1-based).
     TKvTextFieldPos Position(int index) const;
     /// True when field `index` (1-based) starts with the qualifier.
@@ -80,16 +101,13 @@ public:
     TKvTextRef ParseReference(std::string_view reference) const;
     /// The value of a reference for the current record, into `out` (no allocation once it has grown).
     void GetValue(const TKvTextRef& ref, std::string& out) const;
+    /// GetValue, except that a prepared field value is moved out the first time it is asked for.
+    void TakeValue(const TKvTextRef& ref, std::string& out);
     /// ParseReference and GetValue in one call.
     std::string GetFieldValue(std::string_view reference) const;
 
 private:
-    struct TRawField {
-        int64_t Start; ///< 1-based byte positions as the walk gives them
-        int64_t End;
-        bool Qualified;
-    };
-    std::string_view Bytes(const TRawField& f) const;
+    std::string_view Bytes(const TKvTextRawField& f) const;
     void PostProcess(std::string_view value, std::string& out) const;
     bool LineIsAscii() const;
 
@@ -100,9 +118,9 @@ private:
     bool fixedWidth_ = false;
     std::string fieldWord_ = "Field";
     std::string textWord_ = "Text";
-    std::string line_;
-    mutable int lineAscii_ = -1; ///< unknown, false, true
-    std::vector<TRawField> fields_;
+    TKvTextSplit split_;
+    std::vector<uint8_t> taken_;  ///< prepared values already moved out
+    mutable int lineAscii_ = -1;  ///< unknown, false, true
     std::u32string chars_;        ///< the line's characters, when the walk needs them
     std::vector<size_t> offsets_; ///< and where each one starts
 };

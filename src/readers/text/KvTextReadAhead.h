@@ -1,0 +1,73 @@
+#pragma once
+// TKvTextReadAhead: reads, decodes and splits the rows of a text file on a thread of its own while the
+// caller imports the rows before them, so that reading and importing overlap. Rows come in order, in
+// batches bounded by count and by bytes, and at most a few batches wait at a time, so memory stays small
+// whatever the file's size or the length of its lines.
+
+#include "readers/text/KvTextFields.h"
+#include "readers/text/KvTextFile.h"
+
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <exception>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace kv {
+
+class TKvTextReadAhead {
+public:
+    /// Rows per batch, bytes per batch, and batches waiting at most.
+    static constexpr size_t kBatchRows = 256;
+    static constexpr size_t kBatchBytes = size_t(1) << 20;
+    static constexpr size_t kMaxWaiting = 4;
+
+    TKvTextReadAhead() = default;
+    ~TKvTextReadAhead() { Stop(); }
+    TKvTextReadAhead(const TKvTextReadAhead&) = delete;
+    TKvTextReadAhead& operator=(const TKvTextReadAhead&) = delete;
+
+    /// Makes data row `row` of `file` the current record of `fields` (split by `fields`' own layout, its
+    /// values prepared). Reading goes on ahead from there; a row out of order restarts it. Until Stop the
+    /// file belongs to the reading thread: the caller must not read rows of it. A row the file fails to
+    /// read raises its error here, in its turn.
+    void Take(TKvTextFile& file, int64_t row, TKvTextFields& fields);
+    /// Ends the reading thread; the file is the caller's again.
+    void Stop();
+    bool Running() const { return thread_.joinable(); }
+
+private:
+    struct TRow {
+        int64_t Index = 0;
+        TKvTextSplit Split;
+        std::exception_ptr Error;
+    };
+    struct TBatch {
+        std::vector<TRow> Rows;
+        size_t Count = 0; ///< rows in use
+    };
+
+    bool Start(TKvTextFile& file, int64_t row, const TKvTextFields& layout);
+    void Produce(TKvTextFile& file, int64_t row, TKvTextFields splitter);
+    void ProduceRows(TKvTextFile& file, int64_t row, TKvTextFields& splitter);
+    std::unique_ptr<TBatch> NextBatch();
+    void Recycle(std::unique_ptr<TBatch> batch);
+
+    std::thread thread_;
+    std::mutex mutex_;
+    std::condition_variable ready_; ///< a batch is waiting, or the thread has finished
+    std::condition_variable space_; ///< a batch was taken, or the thread must stop
+    std::deque<std::unique_ptr<TBatch>> waiting_;
+    std::vector<std::unique_ptr<TBatch>> spare_;
+    bool stop_ = false;
+    bool finished_ = false;
+
+    // The consumer's side: the batch being handed out, and the next row of it.
+    std::unique_ptr<TBatch> current_;
+    size_t position_ = 0;
+};
+
+} // namespace kv
