@@ -49,8 +49,11 @@ Variant CheckedInteger(const Variant& value, const std::string& fieldName, int64
 
 } // namespace
 
-Variant CoerceToFieldType(Variant value, TFieldType type, const std::string& fieldName) {
-    if (value.IsNullOrEmpty()) return Variant::Null();
+void CoerceToFieldTypeInPlace(Variant& value, TFieldType type, const std::string& fieldName) {
+    if (value.IsNullOrEmpty()) {
+        value = Variant::Null();
+        return;
+    }
     switch (type) {
     case ftString:
     case ftFixedChar:
@@ -61,39 +64,49 @@ Variant CoerceToFieldType(Variant value, TFieldType type, const std::string& fie
     case ftWideMemo:
     case ftOraClob:
     case ftGuid:
-        return value.IsString() ? std::move(value) : Variant(value.AsString());
+        if (!value.IsString()) value = Variant(value.AsString());
+        return;
     case ftSmallint:
-        return CheckedInteger(value, fieldName, -32768, 32767);
+        value = CheckedInteger(value, fieldName, -32768, 32767);
+        return;
     case ftWord:
-        return CheckedInteger(value, fieldName, 0, 65535);
+        value = CheckedInteger(value, fieldName, 0, 65535);
+        return;
     case ftInteger:
     case ftAutoInc:
         // Integer columns of the databases this library writes hold 64 bits; only the small types check a
         // range.
-        if (value.IsOrdinal()) return value;
+        if (value.IsOrdinal()) return;
         try {
-            return Variant::FromInt(value.AsInt64());
+            value = Variant::FromInt(value.AsInt64());
         } catch (const EVariantTypeCastError&) {
             RaiseCastError(value.VarType(), varInteger);
         }
+        return;
     case ftLargeint:
-        return value.IsOrdinal() ? std::move(value) : Variant::FromInt(value.AsInt64());
+        if (!value.IsOrdinal()) value = Variant::FromInt(value.AsInt64());
+        return;
     case ftBoolean:
-        return Variant(value.AsBoolean());
+        if (value.VarType() != varBoolean) value = Variant(value.AsBoolean());
+        return;
     case ftFloat:
     case ftCurrency:
     case ftBCD:
     case ftFMTBcd:
-        return value.VarType() == varDouble ? std::move(value) : Variant(value.AsDouble());
+        if (value.VarType() != varDouble) value = Variant(value.AsDouble());
+        return;
     case ftDate:
-        return Variant::FromDateTime(std::trunc(value.AsDateTime()));
+        value = Variant::FromDateTime(std::trunc(value.AsDateTime()));
+        return;
     case ftTime: {
         const double t = value.AsDateTime();
-        return Variant::FromDateTime(std::fabs(t - std::trunc(t)));
+        value = Variant::FromDateTime(std::fabs(t - std::trunc(t)));
+        return;
     }
     case ftDateTime:
     case ftTimeStamp:
-        return Variant::FromDateTime(value.AsDateTime());
+        if (value.VarType() != varDate) value = Variant::FromDateTime(value.AsDateTime());
+        return;
     case ftBytes:
     case ftVarBytes:
     case ftBlob:
@@ -102,10 +115,16 @@ Variant CoerceToFieldType(Variant value, TFieldType type, const std::string& fie
     case ftDBaseOle:
     case ftTypedBinary:
     case ftOraBlob:
-        return value.VarType() == varBytes ? std::move(value) : Variant::FromBytes(value.AsString());
+        if (value.VarType() != varBytes) value = Variant::FromBytes(value.AsString());
+        return;
     default:
-        return value;
+        return;
     }
+}
+
+Variant CoerceToFieldType(Variant value, TFieldType type, const std::string& fieldName) {
+    CoerceToFieldTypeInPlace(value, type, fieldName);
+    return value;
 }
 
 // ---- TField ----
@@ -144,8 +163,9 @@ void TField::SetValue(Variant value) {
     if (ds.state_ != dsEdit && ds.state_ != dsInsert)
         throw EDatabaseError(ds.Name().empty() ? "Dataset not in edit or insert mode"
                                                : ds.Name() + ": Dataset not in edit or insert mode");
-    ds.buffer_[static_cast<size_t>(index_)] = CoerceToFieldType(std::move(value), def_.DataType, def_.Name);
-    ds.assigned_[static_cast<size_t>(index_)] = true;
+    CoerceToFieldTypeInPlace(value, def_.DataType, def_.Name);
+    ds.buffer_[static_cast<size_t>(index_)] = std::move(value);
+    ds.assigned_[static_cast<size_t>(index_)] = 1;
 }
 
 void TField::LoadFromStream(TStream& stream) {
@@ -186,7 +206,7 @@ void TDataSet::Open() {
     for (size_t i = 0; i < defs.size(); ++i)
         fields_.push_back(std::make_unique<TField>(*this, defs[i], static_cast<int>(i)));
     buffer_.assign(fields_.size(), Variant::Null());
-    assigned_.assign(fields_.size(), false);
+    assigned_.assign(fields_.size(), 0);
     state_ = dsBrowse;
     try {
         First();
@@ -229,10 +249,15 @@ int TDataSet::RecordCount() {
     return InternalRecordCount();
 }
 
+void TDataSet::ClearBuffer() {
+    buffer_.resize(fields_.size());
+    for (Variant& v : buffer_) v.SetNull();
+    assigned_.assign(fields_.size(), 0);
+}
+
 void TDataSet::Append() {
     CheckBrowseMode();
-    buffer_.assign(fields_.size(), Variant::Null());
-    assigned_.assign(fields_.size(), false);
+    ClearBuffer();
     state_ = dsInsert;
 }
 
@@ -240,8 +265,7 @@ void TDataSet::Edit() {
     CheckActive();
     if (state_ == dsEdit || state_ == dsInsert) return;
     if (!hasRecord_) return Append();
-    buffer_.assign(fields_.size(), Variant::Null());
-    assigned_.assign(fields_.size(), false);
+    ClearBuffer();
     state_ = dsEdit;
 }
 

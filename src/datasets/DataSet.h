@@ -94,6 +94,9 @@ struct TFieldDef {
     std::string DisplayLabel; ///< empty: the name
 };
 
+/// Which fields of an edit buffer were set: one byte a field, cheap to test and to compare.
+using TAssignedFields = std::vector<uint8_t>;
+
 /// Name of a field type ("String", "Integer", ...), for messages.
 const char* FieldTypeName(TFieldType type);
 /// True for the types that hold large or binary content.
@@ -101,6 +104,8 @@ bool IsBlobType(TFieldType type);
 /// `value` as a field of `type` stores it: Null and unassigned give Null; otherwise the value converted by
 /// the variant rules, raising their errors (and EDatabaseError for numbers outside a small type's range).
 Variant CoerceToFieldType(Variant value, TFieldType type, const std::string& fieldName);
+/// The same, converting `value` where it stands.
+void CoerceToFieldTypeInPlace(Variant& value, TFieldType type, const std::string& fieldName);
 
 class TDataSet;
 
@@ -210,7 +215,7 @@ protected:
     /// Writes a new record (`inserting`) or the current one from `values`; `assigned[i]` marks the fields
     /// that were set. Afterwards the cursor is on the written record.
     virtual void InternalPost(bool inserting, const std::vector<Variant>& values,
-                              const std::vector<bool>& assigned) = 0;
+                              const TAssignedFields& assigned) = 0;
     /// Deletes the current record and moves to the one after it; false when there is none after it.
     virtual bool InternalDelete() = 0;
     /// Moves to the first record whose fields `fields` equal `values`; false (position unchanged) when none.
@@ -229,6 +234,7 @@ private:
     friend class TField;
     void CheckActive() const;
     void CheckBrowseMode();
+    void ClearBuffer();
     const Variant& CurrentValue(int index) const;
 
     std::vector<std::unique_ptr<TField>> fields_;
@@ -238,7 +244,7 @@ private:
     mutable bool loaded_ = false;
     mutable std::vector<Variant> current_;
     std::vector<Variant> buffer_;
-    std::vector<bool> assigned_;
+    TAssignedFields assigned_;
 };
 
 } // namespace kv

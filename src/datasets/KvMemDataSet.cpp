@@ -102,7 +102,7 @@ void TKvMemDataSet::InternalReadRecord(std::vector<Variant>& values) {
     if (current_ < rows_.size()) values = rows_[current_];
 }
 
-void TKvMemDataSet::CheckRequired(const std::vector<Variant>& row, const std::vector<bool>* assigned) const {
+void TKvMemDataSet::CheckRequired(const std::vector<Variant>& row, const TAssignedFields* assigned) const {
     for (size_t i = 0; i < openDefs_.size(); ++i) {
         if (!openDefs_[i].Required || (assigned && !(*assigned)[i])) continue;
         if (row[i].IsNullOrEmpty())
@@ -111,7 +111,7 @@ void TKvMemDataSet::CheckRequired(const std::vector<Variant>& row, const std::ve
 }
 
 void TKvMemDataSet::InternalPost(bool inserting, const std::vector<Variant>& values,
-                                 const std::vector<bool>& assigned) {
+                                 const TAssignedFields& assigned) {
     if (BeforePost) BeforePost(inserting, values);
     if (inserting) {
         std::vector<Variant> row = values;

@@ -50,14 +50,14 @@ protected:
     bool InternalNext() override;
     void InternalReadRecord(std::vector<Variant>& values) override;
     void InternalPost(bool inserting, const std::vector<Variant>& values,
-                      const std::vector<bool>& assigned) override;
+                      const TAssignedFields& assigned) override;
     bool InternalDelete() override;
     bool InternalLocate(const std::vector<int>& fields, const std::vector<Variant>& values,
                         TLocateOptions options) override;
     int InternalRecordCount() override;
 
 private:
-    void CheckRequired(const std::vector<Variant>& row, const std::vector<bool>* assigned) const;
+    void CheckRequired(const std::vector<Variant>& row, const TAssignedFields* assigned) const;
 
     std::vector<TFieldDef> fieldDefs_;
     std::vector<TFieldDef> openDefs_; // the definitions in force while open

@@ -503,7 +503,7 @@ std::optional<std::string> TKvSQLiteDataSet::PublishedProperty(const std::string
     return names;
 }
 
-std::string TKvSQLiteDataSet::ColumnList(const std::vector<bool>* only) const {
+std::string TKvSQLiteDataSet::ColumnList(const TAssignedFields* only) const {
     std::string list;
     for (size_t i = 0; i < columns_.size(); ++i) {
         if (only && !(*only)[i]) continue;
@@ -641,11 +641,13 @@ void TKvSQLiteDataSet::BindValue(sqlite3_stmt* statement, int parameter, const V
         break;
     case varDate: {
         const TDateTime t = value.AsDateTime();
-        const std::string text = column.Def.DataType == ftDate   ? DateToISO8601(t)
-                                 : column.Def.DataType == ftTime ? TimeToISO8601(t)
-                                                                 : DateTimeToISO8601(t);
-        rc = sqlite3_bind_text64(statement, parameter, text.data(), text.size(), SQLITE_TRANSIENT,
-                                 SQLITE_UTF8);
+        const auto slot = static_cast<size_t>(parameter - 1);
+        if (boundTexts_.size() <= slot) boundTexts_.resize(slot + 1);
+        std::string& text = boundTexts_[slot];
+        text = column.Def.DataType == ftDate   ? DateToISO8601(t)
+               : column.Def.DataType == ftTime ? TimeToISO8601(t)
+                                               : DateTimeToISO8601(t);
+        rc = sqlite3_bind_text64(statement, parameter, text.data(), text.size(), SQLITE_STATIC, SQLITE_UTF8);
         break;
     }
     case varString: {
@@ -666,7 +668,7 @@ void TKvSQLiteDataSet::BindValue(sqlite3_stmt* statement, int parameter, const V
 }
 
 void TKvSQLiteDataSet::InternalPost(bool inserting, const std::vector<Variant>& values,
-                                    const std::vector<bool>& assigned) {
+                                    const TAssignedFields& assigned) {
     CheckWritable();
     // Rows of one import assign the same fields: the statement of the last write usually serves again.
     if (lastPostStatement_ && inserting == lastPostInserting_ && assigned == lastPostAssigned_) {
@@ -714,7 +716,7 @@ void TKvSQLiteDataSet::InternalPost(bool inserting, const std::vector<Variant>& 
 }
 
 void TKvSQLiteDataSet::BindAndStep(sqlite3_stmt* statement, bool inserting,
-                                   const std::vector<Variant>& values, const std::vector<bool>& assigned) {
+                                   const std::vector<Variant>& values, const TAssignedFields& assigned) {
     sqlite3* db = db_->Handle();
     {
         TResetGuard reset(statement);

@@ -12,6 +12,7 @@
 #include "datasets/DataSet.h"
 
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <memory>
 #include <optional>
@@ -113,7 +114,7 @@ protected:
     bool InternalNext() override;
     void InternalReadRecord(std::vector<Variant>& values) override;
     void InternalPost(bool inserting, const std::vector<Variant>& values,
-                      const std::vector<bool>& assigned) override;
+                      const TAssignedFields& assigned) override;
     bool InternalDelete() override;
     bool InternalLocate(const std::vector<int>& fields, const std::vector<Variant>& values,
                         TLocateOptions options) override;
@@ -150,10 +151,10 @@ private:
     bool ForwardStep();
     bool ForwardLocate(const std::vector<int>& fields, const std::vector<Variant>& keys,
                        TLocateOptions options);
-    std::string ColumnList(const std::vector<bool>* only = nullptr) const;
+    std::string ColumnList(const TAssignedFields* only = nullptr) const;
     std::string QuotedTable() const { return TKvSQLiteDatabase::QuoteIdentifier(tableName_); }
     void BindAndStep(sqlite3_stmt* statement, bool inserting, const std::vector<Variant>& values,
-                     const std::vector<bool>& assigned);
+                     const TAssignedFields& assigned);
 
     TKvSQLiteDatabase* db_ = nullptr;
     std::string tableName_;
@@ -167,7 +168,10 @@ private:
     // The statement of the last write and what it wrote (cleared with the statements).
     sqlite3_stmt* lastPostStatement_ = nullptr;
     bool lastPostInserting_ = false;
-    std::vector<bool> lastPostAssigned_;
+    TAssignedFields lastPostAssigned_;
+    // The texts of bound dates, by parameter: they stay in place until the statement has run, as SQLite
+    // needs (a deque does not move its items when it grows).
+    mutable std::deque<std::string> boundTexts_;
 
     // The cursor: the current row's rowid and a window of rows read ahead (values stored field by field),
     // valid until this dataset writes.

@@ -267,6 +267,7 @@ private:
     Variant Compute(TKvIParser& parser, std::exception_ptr error);
     std::unique_ptr<TKvIParser> MakeParser(const std::string& text, std::exception_ptr& error);
     void ConvertForField(TField& field, Variant& value, bool isChild, TObject* sender);
+    TDateTime ReadByMask(std::string_view text, const std::string& mask, std::unique_ptr<TKvDateMask>& reader);
     void RollbackCounter(bool exist);
     Variant LookupValue(const std::vector<Variant>& args);
     TDataSet* FindLookupDataSet(const std::string& name) const;
@@ -327,6 +328,7 @@ private:
     std::exception_ptr loadWhenError_, skipIfError_;
     std::string runTableName_;
     std::string dateMask_, timeMask_; ///< the masks of the current run, built at their first use
+    std::unique_ptr<TKvDateMask> dateReader_, timeReader_; ///< and read once
     std::string fieldNames_;
     TStringList sqlScript_;
     bool keepSqlScript_ = true;

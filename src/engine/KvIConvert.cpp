@@ -26,6 +26,16 @@ std::string CharText(char32_t c) {
     return c ? Utf8Encode(c) : std::string();
 }
 
+// `name` is `word` (upper-case ASCII) in any case of its ASCII letters.
+bool IsWord(std::string_view name, std::string_view word) {
+    if (name.size() != word.size()) return false;
+    for (size_t i = 0; i < name.size(); ++i) {
+        const char c = name[i];
+        if ((c >= 'a' && c <= 'z' ? static_cast<char>(c - 32) : c) != word[i]) return false;
+    }
+    return true;
+}
+
 bool IsIntegerType(TFieldType t) {
     return t == ftSmallint || t == ftInteger || t == ftWord || t == ftAutoInc || t == ftLargeint;
 }
@@ -98,10 +108,9 @@ void TKvImportBaseComponent::ParserEvaluate(TObject* sender, const std::string& 
     const char first = eval.empty() ? '\0' : static_cast<char>(eval[0] & ~0x20);
     bool own = first == 'L' || first == 'S';
     if (own) {
-        const std::string upper = UpperCase(eval);
-        if (upper == "LOOKUP" && argCount >= 4) {
+        if (IsWord(eval, "LOOKUP") && argCount >= 4) {
             value = LookupValue(args);
-        } else if (upper == "SUBSTITUTE" && argCount >= 3) {
+        } else if (IsWord(eval, "SUBSTITUTE") && argCount >= 3) {
             const std::string text = args[0].AsString();
             std::string sources = args[1].AsString(), results = args[2].AsString();
             value = Variant::Null();
@@ -113,19 +122,19 @@ void TKvImportBaseComponent::ParserEvaluate(TObject* sender, const std::string& 
                     break;
                 }
             }
-        } else if (upper == "STATTOTALCOUNT") {
+        } else if (IsWord(eval, "STATTOTALCOUNT")) {
             value = Variant(statistic_.TotalCount);
-        } else if (upper == "STATTOTALIMPORTED") {
+        } else if (IsWord(eval, "STATTOTALIMPORTED")) {
             value = Variant(statistic_.TotalImported);
-        } else if (upper == "STATTOTALADDED") {
+        } else if (IsWord(eval, "STATTOTALADDED")) {
             value = Variant(statistic_.TotalAdded);
-        } else if (upper == "STATTOTALDELETED") {
+        } else if (IsWord(eval, "STATTOTALDELETED")) {
             value = Variant(statistic_.TotalDeleted);
-        } else if (upper == "STATTOTALUPDATED") {
+        } else if (IsWord(eval, "STATTOTALUPDATED")) {
             value = Variant(statistic_.TotalUpdated);
-        } else if (upper == "STATERRORCOUNT") {
+        } else if (IsWord(eval, "STATERRORCOUNT")) {
             value = Variant(statistic_.TotalErrors);
-        } else if (upper == "STATTOTALSKIPPED") {
+        } else if (IsWord(eval, "STATTOTALSKIPPED")) {
             value = Variant(statistic_.TotalSkipped);
         } else {
             own = false;
@@ -162,6 +171,14 @@ void TKvImportBaseComponent::ParserEvaluate(TObject* sender, const std::string& 
         return;
     }
     if (!isChild && convertingField_) ConvertForField(*convertingField_, value, isChild, sender);
+}
+
+TDateTime TKvImportBaseComponent::ReadByMask(std::string_view text, const std::string& mask,
+                                             std::unique_ptr<TKvDateMask>& reader) {
+    const char32_t dateSeparator = dataFormats_.DateSeparator, timeSeparator = dataFormats_.TimeSeparator;
+    if (!reader || reader->DateSeparator() != dateSeparator || reader->TimeSeparator() != timeSeparator)
+        reader = std::make_unique<TKvDateMask>(mask, dateSeparator, timeSeparator);
+    return reader->Read(text);
 }
 
 void TKvImportBaseComponent::ConvertForField(TField& field, Variant& value, bool isChild, TObject* sender) {
@@ -252,8 +269,7 @@ void TKvImportBaseComponent::ConvertForField(TField& field, Variant& value, bool
             return;
         }
         if (dateMask_.empty()) dateMask_ = BuildDTFormat();
-        const TDateTime dt =
-            GetDTByMask(trimmed, dateMask_, dataFormats_.DateSeparator, dataFormats_.TimeSeparator);
+        const TDateTime dt = ReadByMask(trimmed, dateMask_, dateReader_);
         if (dt != 0 && !trimmed.empty()) value = Variant::FromDateTime(dt);
     } else if (type == ftTime) {
         if (trimmed.empty() || SameText(trimmed, fieldName)) {
@@ -261,8 +277,7 @@ void TKvImportBaseComponent::ConvertForField(TField& field, Variant& value, bool
             return;
         }
         if (timeMask_.empty()) timeMask_ = BuildTimeFormat(false);
-        const TDateTime dt =
-            GetDTByMask(trimmed, timeMask_, dataFormats_.DateSeparator, dataFormats_.TimeSeparator);
+        const TDateTime dt = ReadByMask(trimmed, timeMask_, timeReader_);
         if (dt != 0)
             value = Variant::FromDateTime(dt);
         else if (!trimmed.empty())

@@ -139,6 +139,8 @@ void TKvImportBaseComponent::RunRows() {
     ResetRunState();
     dateMask_.clear();
     timeMask_.clear();
+    dateReader_.reset();
+    timeReader_.reset();
     runTableName_ = GetTableName();
     if (actionKind_ == akGenerateSQL) {
         sqlWriter_ = std::make_unique<TKvISQLWriter>(sqlOptions_, runTableName_);
@@ -366,17 +368,18 @@ void TKvImportBaseComponent::ApplyRow() {
 
 bool TKvImportBaseComponent::LoadRecord() {
     bool result = true;
-    rowValues_.assign(intersection_.size(), Variant::Null());
+    rowValues_.resize(intersection_.size());
     for (size_t i = 0; i < intersection_.size(); ++i) {
         const TKvIMapEntry& entry = intersection_[i];
         TField* field = entry.FieldIndex >= 0 ? &dataSet_->Fields(entry.FieldIndex)
                                               : dataSet_->FindField(entry.FieldName);
         convertingField_ = field;
-        Variant value;
+        Variant& value = rowValues_[i];
         try {
             value = GetParsedValue(entry.SourceValue, static_cast<int>(i));
         } catch (...) {
             convertingField_ = nullptr;
+            for (size_t rest = i; rest < rowValues_.size(); ++rest) rowValues_[rest].SetNull();
             throw;
         }
         if (!value.IsNullOrEmpty() && value.IsString()) {
@@ -386,7 +389,6 @@ bool TKvImportBaseComponent::LoadRecord() {
                 value = Variant(EBCDICCode(value.StringRef()));
         }
         if (OnGetCellParams) OnGetCellParams(this, field, value);
-        rowValues_[i] = std::move(value);
     }
     convertingField_ = nullptr;
 

@@ -253,4 +253,18 @@ std::string GetNextItem(std::string& s, std::string_view delimiter);
 TDateTime GetDTByMask(std::string_view value, std::string_view mask, char32_t dateSeparator,
                       char32_t timeSeparator);
 
+/// GetDTByMask with the mask read once, for reading many values by the same mask.
+class TKvDateMask {
+public:
+    TKvDateMask(std::string_view mask, char32_t dateSeparator, char32_t timeSeparator);
+    TDateTime Read(std::string_view value) const;
+    char32_t DateSeparator() const { return dateSeparator_; }
+    char32_t TimeSeparator() const { return timeSeparator_; }
+
+private:
+    enum : uint8_t { kDay, kMonth, kYear, kHour, kMinute, kSecond, kNone };
+    char32_t dateSeparator_, timeSeparator_;
+    std::vector<uint8_t> roles_; ///< the part of each character of the reduced mask
+};
+
 } // namespace kv

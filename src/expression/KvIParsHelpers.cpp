@@ -132,41 +132,12 @@ struct DatePart {
     }
 };
 
-// Characters of a text with every run of separators reduced to its first character.
-class ReducedText {
-public:
-    ReducedText(std::string_view text, char32_t dateSep, char32_t timeSep)
-        : text_(text), dateSep_(dateSep), timeSep_(timeSep) {}
-    bool IsSeparator(char32_t c) const {
-        // Letters and digits, the bulk of any date, are never separators unless chosen as one.
-        if ((c | 0x20) >= U'a' && (c | 0x20) <= U'z' && c != dateSep_ && c != timeSep_) return false;
-        if (c >= U'0' && c <= U'9' && c != dateSep_ && c != timeSep_) return false;
-        return c == U'/' || c == U':' || c == U' ' || c == dateSep_ || c == timeSep_;
-    }
-    // The next character, or false at the end.
-    bool Next(char32_t& c) {
-        while (pos_ < text_.size()) {
-            const unsigned char b = static_cast<unsigned char>(text_[pos_]);
-            if (b < 0x80) {
-                c = b;
-                ++pos_;
-            } else {
-                c = Utf8Decode(text_, pos_);
-            }
-            const bool separator = IsSeparator(c);
-            const bool skip = separator && lastWasSeparator_;
-            lastWasSeparator_ = separator;
-            if (!skip) return true;
-        }
-        return false;
-    }
-
-private:
-    std::string_view text_;
-    char32_t dateSep_, timeSep_;
-    size_t pos_ = 0;
-    bool lastWasSeparator_ = false;
-};
+bool IsDateSeparator(char32_t c, char32_t dateSep, char32_t timeSep) {
+    // Letters and digits, the bulk of any date, are never separators unless chosen as one.
+    if ((c | 0x20) >= U'a' && (c | 0x20) <= U'z' && c != dateSep && c != timeSep) return false;
+    if (c >= U'0' && c <= U'9' && c != dateSep && c != timeSep) return false;
+    return c == U'/' || c == U':' || c == U' ' || c == dateSep || c == timeSep;
+}
 
 // True when `text` holds `word`, ignoring case.
 bool ContainsText(std::string_view text, std::string_view word) {
@@ -181,41 +152,69 @@ bool ContainsText(std::string_view text, std::string_view word) {
 
 } // namespace
 
-TDateTime GetDTByMask(std::string_view value, std::string_view mask, char32_t dateSeparator,
-                      char32_t timeSeparator) {
-    ReducedText v(value, dateSeparator, timeSeparator), m(mask, dateSeparator, timeSeparator);
-    DatePart day, month, year, hour, minute, second;
-    char32_t vc, mc;
-    while (v.Next(vc) && m.Next(mc)) {
-        if (m.IsSeparator(mc)) continue;
-        switch (mc) {
-        case U'D':
-        case U'd':
-            day.Add(vc);
-            break;
-        case U'M':
-        case U'm':
-            month.Add(vc);
-            break;
-        case U'Y':
-        case U'y':
-            year.Add(vc);
-            break;
-        case U'H':
-        case U'h':
-            hour.Add(vc);
-            break;
-        case U'N':
-        case U'n':
-            minute.Add(vc);
-            break;
-        case U'S':
-        case U's':
-            second.Add(vc);
-            break;
-        default:
-            break; // letters of other kinds
+TKvDateMask::TKvDateMask(std::string_view mask, char32_t dateSeparator, char32_t timeSeparator)
+    : dateSeparator_(dateSeparator), timeSeparator_(timeSeparator) {
+    // The mask's characters with every run of separators reduced to its first one, each by its part.
+    bool lastWasSeparator = false;
+    for (size_t pos = 0; pos < mask.size();) {
+        const char32_t c = Utf8Decode(mask, pos);
+        const bool separator = IsDateSeparator(c, dateSeparator, timeSeparator);
+        if (separator && lastWasSeparator) continue;
+        lastWasSeparator = separator;
+        uint8_t role = kNone;
+        if (!separator) {
+            switch (c) {
+            case U'D':
+            case U'd':
+                role = kDay;
+                break;
+            case U'M':
+            case U'm':
+                role = kMonth;
+                break;
+            case U'Y':
+            case U'y':
+                role = kYear;
+                break;
+            case U'H':
+            case U'h':
+                role = kHour;
+                break;
+            case U'N':
+            case U'n':
+                role = kMinute;
+                break;
+            case U'S':
+            case U's':
+                role = kSecond;
+                break;
+            default:
+                break; // letters of other kinds
+            }
         }
+        roles_.push_back(role);
+    }
+}
+
+TDateTime TKvDateMask::Read(std::string_view value) const {
+    // The value's characters, separator runs reduced the same way, go pairwise with the mask's.
+    DatePart parts[kNone];
+    DatePart &day = parts[kDay], &month = parts[kMonth], &year = parts[kYear], &hour = parts[kHour],
+             &minute = parts[kMinute], &second = parts[kSecond];
+    bool lastWasSeparator = false;
+    size_t next = 0;
+    for (size_t pos = 0; pos < value.size() && next < roles_.size();) {
+        const unsigned char b = static_cast<unsigned char>(value[pos]);
+        char32_t c = b;
+        if (b < 0x80)
+            ++pos;
+        else
+            c = Utf8Decode(value, pos);
+        const bool separator = IsDateSeparator(c, dateSeparator_, timeSeparator_);
+        if (separator && lastWasSeparator) continue;
+        lastWasSeparator = separator;
+        const uint8_t role = roles_[next++];
+        if (role != kNone) parts[role].Add(c);
     }
 
     TDateTime result = 0;
@@ -246,6 +245,11 @@ TDateTime GetDTByMask(std::string_view value, std::string_view mask, char32_t da
         }
     }
     return result;
+}
+
+TDateTime GetDTByMask(std::string_view value, std::string_view mask, char32_t dateSeparator,
+                      char32_t timeSeparator) {
+    return TKvDateMask(mask, dateSeparator, timeSeparator).Read(value);
 }
 
 namespace expr {

@@ -43,7 +43,8 @@ public:
     Variant(long long v) : type_(varInt64) { u_.i64 = v; }
     Variant(double v) : type_(varDouble) { u_.d = v; }
     Variant(const char* s) : type_(varString) { new (&u_.s) std::string(s); }
-    Variant(std::string s) : type_(varString) { new (&u_.s) std::string(std::move(s)); }
+    Variant(const std::string& s) : type_(varString) { new (&u_.s) std::string(s); }
+    Variant(std::string&& s) : type_(varString) { new (&u_.s) std::string(std::move(s)); }
     Variant(std::string_view s) : type_(varString) { new (&u_.s) std::string(s); }
 
     Variant(const Variant& other) : type_(other.type_) { CopyFrom(other); }
@@ -85,6 +86,13 @@ public:
     static Variant FromInt(int64_t v) {
         return (v >= INT32_MIN && v <= INT32_MAX) ? Variant(static_cast<int>(v))
                                                   : Variant(static_cast<long long>(v));
+    }
+
+    /// Makes the value Null, releasing what it held.
+    void SetNull() noexcept {
+        Release();
+        type_ = varNull;
+        u_.i64 = 0;
     }
 
     TVarType VarType() const { return type_; }
