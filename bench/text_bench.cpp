@@ -1,9 +1,11 @@
 // The text reader over a generated CSV (100 MB unless KV_TEXT_BENCH_MB says otherwise) with quoted
 // amounts, names with commas and doubled quotes, and notes across two lines: the scan alone, the scan with
-// every row read back and split, and that with every field's value.
+// every row read back and split, that with every field's value, and the same rows and values served by
+// the read-ahead from its second thread.
 
 #include "readers/text/KvTextFields.h"
 #include "readers/text/KvTextFile.h"
+#include "readers/text/KvTextReadAhead.h"
 
 #include <benchmark/benchmark.h>
 
@@ -98,7 +100,31 @@ void ScanAndSplit(benchmark::State& state) {
         benchmark::Counter(static_cast<double>(fieldCount), benchmark::Counter::kIsRate);
 }
 
+void ScanAndReadAhead(benchmark::State& state) {
+    int64_t fieldCount = 0;
+    for (auto _ : state) {
+        kv::TKvTextFile file;
+        Open(file);
+        kv::TKvTextFields fields;
+        fields.SetDelimiter(U',');
+        kv::TKvTextReadAhead reader;
+        kv::TKvTextRef ref;
+        ref.Kind = kv::trkField;
+        std::string value;
+        for (int64_t i = 0; i < file.RowCount(); ++i) {
+            reader.Take(file, i, fields);
+            fieldCount += fields.Count();
+            for (ref.First = 1; ref.First <= fields.Count(); ++ref.First) fields.TakeValue(ref, value);
+        }
+        benchmark::DoNotOptimize(value);
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * Csv().Size()));
+    state.counters["fields"] =
+        benchmark::Counter(static_cast<double>(fieldCount), benchmark::Counter::kIsRate);
+}
+
 BENCHMARK(Scan)->Unit(benchmark::kMillisecond);
 BENCHMARK(ScanAndSplit)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(ScanAndReadAhead)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 } // namespace

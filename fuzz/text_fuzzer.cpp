@@ -1,13 +1,15 @@
 // Fuzz target: any bytes as a text file, under settings taken from the first four bytes. The text is
 // loaded from memory and through a stream in tiny blocks, and both must give the same rows; every row must
-// be UTF-8; the fields of the byte walk must sit where the character walk puts them; values by reference,
-// column names and type guesses must come out without error.
+// be UTF-8; the fields of the byte walk must sit where the character walk puts them; reading ahead on a
+// second thread must serve the same records and values; values by reference, column names and type
+// guesses must come out without error.
 
 #include "platform/Exceptions.h"
 #include "platform/Streams.h"
 #include "platform/Utf8.h"
 #include "readers/text/KvTextFields.h"
 #include "readers/text/KvTextFile.h"
+#include "readers/text/KvTextReadAhead.h"
 #include "readers/text/KvTextTypes.h"
 
 #include <algorithm>
@@ -102,6 +104,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             Check(kv::IsValidUtf8(value));
         }
     }
+    kv::TKvTextReadAhead reader;
+    kv::TKvTextFields ahead = fields;
+    kv::TKvTextRef field;
+    field.Kind = kv::trkField;
+    for (int64_t i = 0; i < blocks.RowCount(); ++i) {
+        reader.Take(blocks, i, ahead);
+        fields.SetLine(memory.Row(i));
+        Check(ahead.Line() == fields.Line() && ahead.Count() == fields.Count());
+        for (int f = 1; f <= fields.Count(); ++f) {
+            field.First = f;
+            ahead.TakeValue(field, value);
+            Check(value == fields.FieldValue(f));
+        }
+    }
+    reader.Stop();
     if (memory.HasHeader())
         kv::TextColumnNames(memory.HeaderLine(), settings.FieldDelimiter, settings.TextQualifier);
     kv::TKvTextTypeOptions options;
