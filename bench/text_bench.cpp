@@ -114,7 +114,7 @@ void ScanAndReadAhead(benchmark::State& state) {
         for (int64_t i = 0; i < file.RowCount(); ++i) {
             reader.Take(file, i, fields);
             fieldCount += fields.Count();
-            for (ref.First = 1; ref.First <= fields.Count(); ++ref.First) fields.TakeValue(ref, value);
+            for (ref.First = 1; ref.First <= fields.Count(); ++ref.First) fields.GetValue(ref, value);
         }
         benchmark::DoNotOptimize(value);
     }

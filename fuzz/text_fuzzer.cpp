@@ -114,7 +114,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         Check(ahead.Line() == fields.Line() && ahead.Count() == fields.Count());
         for (int f = 1; f <= fields.Count(); ++f) {
             field.First = f;
-            ahead.TakeValue(field, value);
+            ahead.GetValue(field, value);
             Check(value == fields.FieldValue(f));
         }
     }

@@ -106,7 +106,7 @@ Variant TKvImportFromText::GetFieldValue(const Variant& value) {
     const std::string& name = value.IsString() ? value.StringRef() : (converted = value.AsString());
     if (rowPosition_ < rowOrder_.size() && rowOrder_[rowPosition_]->first == name) {
         std::string text;
-        fields_.TakeValue(rowOrder_[rowPosition_++]->second, text);
+        fields_.GetValue(rowOrder_[rowPosition_++]->second, text);
         return Variant(std::move(text));
     }
     auto it = references_.find(name);
@@ -128,7 +128,7 @@ Variant TKvImportFromText::GetFieldValue(const Variant& value) {
     if (rowPosition_ >= rowOrder_.size()) rowOrder_.resize(rowPosition_ + 1);
     rowOrder_[rowPosition_++] = &*it;
     std::string text;
-    fields_.TakeValue(it->second, text);
+    fields_.GetValue(it->second, text);
     return Variant(std::move(text));
 }
 

@@ -162,13 +162,11 @@ void TKvTextFields::PrepareValues() {
     if (split_.Values.size() < count) split_.Values.resize(count);
     for (size_t i = 0; i < count; ++i) FieldValue(static_cast<int>(i) + 1, split_.Values[i]);
     split_.Prepared = true;
-    taken_.assign(count, 0);
 }
 
 void TKvTextFields::Swap(TKvTextSplit& split) {
     std::swap(split_, split);
     lineAscii_ = -1;
-    taken_.assign(split_.Prepared ? split_.Fields.size() : 0, 0);
 }
 
 bool TKvTextFields::LineIsAscii() const {
@@ -263,26 +261,20 @@ void TKvTextFields::GetValue(const TKvTextRef& ref, std::string& out) const {
         }
         break;
     case trkField:
-        if (ref.First >= 1 && ref.First <= Count()) value = RawField(static_cast<int>(ref.First));
+        if (ref.First >= 1 && ref.First <= Count()) {
+            if (split_.Prepared) {
+                // Copied, not moved: the reading thread keeps its buffers and frees nothing of ours.
+                out = split_.Values[static_cast<size_t>(ref.First - 1)];
+                return;
+            }
+            value = RawField(static_cast<int>(ref.First));
+        }
         break;
     case trkConstant:
         value = ref.Text;
         break;
     }
     PostProcess(value, out);
-}
-
-void TKvTextFields::TakeValue(const TKvTextRef& ref, std::string& out) {
-    if (ref.Kind == trkField && split_.Prepared && ref.First >= 1 &&
-        static_cast<uint64_t>(ref.First) <= taken_.size()) {
-        const auto i = static_cast<size_t>(ref.First - 1);
-        if (!taken_[i]) {
-            taken_[i] = 1;
-            out = std::move(split_.Values[i]);
-            return;
-        }
-    }
-    GetValue(ref, out);
 }
 
 std::string TKvTextFields::GetFieldValue(std::string_view reference) const {

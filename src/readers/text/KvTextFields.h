@@ -78,7 +78,7 @@ public:
     /// Makes `line` (UTF-8) the current record and, unless fixed-width, splits it.
     void SetLine(std::string_view line);
     const std::string& Line() const { return split_.Line; }
-    /// Computes every field's value now, so that TakeValue only hands them out.
+    /// Computes every field's value now, so that GetValue only hands them out.
     void PrepareValues();
     /// Exchanges the current record with `split` (a record split and prepared elsewhere); `split` gets the
     /// old record's buffers, for reuse.
@@ -101,8 +101,6 @@ public:
     TKvTextRef ParseReference(std::string_view reference) const;
     /// The value of a reference for the current record, into `out` (no allocation once it has grown).
     void GetValue(const TKvTextRef& ref, std::string& out) const;
-    /// GetValue, except that a prepared field value is moved out the first time it is asked for.
-    void TakeValue(const TKvTextRef& ref, std::string& out);
     /// ParseReference and GetValue in one call.
     std::string GetFieldValue(std::string_view reference) const;
 
@@ -119,7 +117,6 @@ private:
     std::string fieldWord_ = "Field";
     std::string textWord_ = "Text";
     TKvTextSplit split_;
-    std::vector<uint8_t> taken_;  ///< prepared values already moved out
     mutable int lineAscii_ = -1;  ///< unknown, false, true
     std::u32string chars_;        ///< the line's characters, when the walk needs them
     std::vector<size_t> offsets_; ///< and where each one starts

@@ -21,7 +21,7 @@ namespace kv {
 class TKvTextReadAhead {
 public:
     /// Rows per batch, bytes per batch, and batches waiting at most.
-    static constexpr size_t kBatchRows = 256;
+    static constexpr size_t kBatchRows = 1024;
     static constexpr size_t kBatchBytes = size_t(1) << 20;
     static constexpr size_t kMaxWaiting = 4;
 
