@@ -254,6 +254,8 @@ protected:
         bool HostName = false;              ///< the source side is one name the handler resolves
         bool TextReference = false;         ///< a text source's "Text..." reference, resolved as one name
         std::string Name;                   ///< that name
+        Variant NameValue;                  ///< the name as the handler hands it to GetFieldValue
+        bool PlainColumn = false;           ///< a host name that is no counter: a source column or parameter
     };
     const std::vector<TKvIMapEntry>& Intersection() const { return intersection_; }
     const std::vector<Variant>& RowValues() const { return rowValues_; }
@@ -267,7 +269,14 @@ private:
     Variant Compute(TKvIParser& parser, std::exception_ptr error);
     std::unique_ptr<TKvIParser> MakeParser(const std::string& text, std::exception_ptr& error);
     void ConvertForField(TField& field, Variant& value, bool isChild, TObject* sender);
-    TDateTime ReadByMask(std::string_view text, const std::string& mask, std::unique_ptr<TKvDateMask>& reader);
+    TDateTime ReadByMask(std::string_view text, const std::string& mask,
+                         std::unique_ptr<TKvDateMask>& reader);
+    /// A name in brackets or double quotes without them.
+    static void UnquoteName(Variant& value);
+    /// The counter a name such as STATTOTALADDED stands for; null for any other name.
+    const int* StatisticCounter(std::string_view name) const;
+    /// What the handler does with every value it resolved: trimming, empty texts to Null, the field's type.
+    void FinishValue(Variant& value, bool isChild, TObject* sender);
     void RollbackCounter(bool exist);
     Variant LookupValue(const std::vector<Variant>& args);
     TDataSet* FindLookupDataSet(const std::string& name) const;

@@ -91,10 +91,7 @@ Variant TKvImportBaseComponent::LookupValue(const std::vector<Variant>& args) {
     return table->FieldByName(returnField).Value();
 }
 
-void TKvImportBaseComponent::ParserEvaluate(TObject* sender, const std::string& eval,
-                                            const std::vector<Variant>& args, int argCount, bool isChild,
-                                            Variant& value, bool& done) {
-    done = argCount == 0;
+void TKvImportBaseComponent::UnquoteName(Variant& value) {
     if (value.IsString() && value.StringRef().size() >= 2) {
         const std::string& s = value.StringRef();
         if ((s.front() == '[' && s.back() == ']') || (s.front() == '"' && s.back() == '"')) {
@@ -104,6 +101,13 @@ void TKvImportBaseComponent::ParserEvaluate(TObject* sender, const std::string& 
             value = Variant(std::move(stripped));
         }
     }
+}
+
+void TKvImportBaseComponent::ParserEvaluate(TObject* sender, const std::string& eval,
+                                            const std::vector<Variant>& args, int argCount, bool isChild,
+                                            Variant& value, bool& done) {
+    done = argCount == 0;
+    UnquoteName(value);
     // Only names starting with L or S are the handler's own; the rest skip the comparisons.
     const char first = eval.empty() ? '\0' : static_cast<char>(eval[0] & ~0x20);
     bool own = first == 'L' || first == 'S';
@@ -122,20 +126,8 @@ void TKvImportBaseComponent::ParserEvaluate(TObject* sender, const std::string& 
                     break;
                 }
             }
-        } else if (IsWord(eval, "STATTOTALCOUNT")) {
-            value = Variant(statistic_.TotalCount);
-        } else if (IsWord(eval, "STATTOTALIMPORTED")) {
-            value = Variant(statistic_.TotalImported);
-        } else if (IsWord(eval, "STATTOTALADDED")) {
-            value = Variant(statistic_.TotalAdded);
-        } else if (IsWord(eval, "STATTOTALDELETED")) {
-            value = Variant(statistic_.TotalDeleted);
-        } else if (IsWord(eval, "STATTOTALUPDATED")) {
-            value = Variant(statistic_.TotalUpdated);
-        } else if (IsWord(eval, "STATERRORCOUNT")) {
-            value = Variant(statistic_.TotalErrors);
-        } else if (IsWord(eval, "STATTOTALSKIPPED")) {
-            value = Variant(statistic_.TotalSkipped);
+        } else if (const int* counter = StatisticCounter(eval)) {
+            value = Variant(*counter);
         } else {
             own = false;
         }
@@ -148,7 +140,22 @@ void TKvImportBaseComponent::ParserEvaluate(TObject* sender, const std::string& 
         if (OnParsedValue) OnParsedValue(this, convertingField_, value);
     }
     if (OnParserEvaluate) OnParserEvaluate(sender, eval, args, argCount, isChild, value, done);
+    FinishValue(value, isChild, sender);
+}
 
+const int* TKvImportBaseComponent::StatisticCounter(std::string_view name) const {
+    if (name.size() < 14 || static_cast<char>(name[0] & ~0x20) != 'S') return nullptr;
+    if (IsWord(name, "STATTOTALCOUNT")) return &statistic_.TotalCount;
+    if (IsWord(name, "STATTOTALIMPORTED")) return &statistic_.TotalImported;
+    if (IsWord(name, "STATTOTALADDED")) return &statistic_.TotalAdded;
+    if (IsWord(name, "STATTOTALDELETED")) return &statistic_.TotalDeleted;
+    if (IsWord(name, "STATTOTALUPDATED")) return &statistic_.TotalUpdated;
+    if (IsWord(name, "STATERRORCOUNT")) return &statistic_.TotalErrors;
+    if (IsWord(name, "STATTOTALSKIPPED")) return &statistic_.TotalSkipped;
+    return nullptr;
+}
+
+void TKvImportBaseComponent::FinishValue(Variant& value, bool isChild, TObject* sender) {
     if (value.IsString()) {
         switch (trimSpaces_) {
         case tsTrimRight:

@@ -146,6 +146,11 @@ void TKvImportBaseComponent::BuildArrayIntersection() {
                               entry.Source.rfind(strTextFieldName, 0) == 0;
         if (!entry.ParseError && entry.Parser->Tree())
             entry.HostName = entry.Parser->Tree()->IsHostName(entry.Name);
+        if (entry.HostName) {
+            entry.NameValue = Variant(entry.Name);
+            UnquoteName(entry.NameValue);
+            entry.PlainColumn = !StatisticCounter(entry.Name);
+        }
         if (!fieldNames_.empty()) fieldNames_ += ';';
         fieldNames_ += entry.FieldName;
         intersection_.push_back(std::move(entry));
@@ -176,12 +181,20 @@ Variant TKvImportBaseComponent::GetParsedValue(const Variant& value, int index) 
     if (index >= 0 && static_cast<size_t>(index) < intersection_.size()) {
         TKvIMapEntry& entry = intersection_[static_cast<size_t>(index)];
         const bool same = ownText || text == entry.Source;
+        if (same && entry.PlainColumn && !OnParserEvaluate && !OnParsedValue &&
+            !parameters_.ParamByName(entry.Name)) {
+            // A source column and nothing else to ask: the handler's own steps for it, done directly.
+            Variant v = GetFieldValue(entry.NameValue);
+            FinishValue(v, false, entry.Parser.get());
+            return v;
+        }
         if (same && entry.HostName) {
             // A plain column name: what the tree would do for its one name, without walking it. The
             // parser asks this component's handler first; a name the handler claims needs nothing else.
+            static const std::vector<Variant> noArguments;
             Variant v(entry.Name);
             bool done = false;
-            ParserEvaluate(entry.Parser.get(), entry.Name, {}, 0, false, v, done);
+            ParserEvaluate(entry.Parser.get(), entry.Name, noArguments, 0, false, v, done);
             if (!done) { // the handler left the name to the user functions, as the parser would
                 if (TKvIParserFunction* function = lstKvIRegFunctions.FunctionByName(entry.Name)) {
                     function->ApplyArguments({}, 0);

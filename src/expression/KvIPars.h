@@ -263,6 +263,10 @@ public:
 
 private:
     enum : uint8_t { kDay, kMonth, kYear, kHour, kMinute, kSecond, kNone };
+    struct TParts;
+    template <class Visit> void Walk(std::string_view value, Visit visit) const;
+    TDateTime Compose(const TParts& parts, std::string_view value) const;
+
     char32_t dateSeparator_, timeSeparator_;
     std::vector<uint8_t> roles_; ///< the part of each character of the reduced mask
 };

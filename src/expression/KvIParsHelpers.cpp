@@ -133,9 +133,9 @@ struct DatePart {
 };
 
 bool IsDateSeparator(char32_t c, char32_t dateSep, char32_t timeSep) {
-    // Letters and digits, the bulk of any date, are never separators unless chosen as one.
-    if ((c | 0x20) >= U'a' && (c | 0x20) <= U'z' && c != dateSep && c != timeSep) return false;
+    // Digits and letters, the bulk of any date, are never separators unless chosen as one.
     if (c >= U'0' && c <= U'9' && c != dateSep && c != timeSep) return false;
+    if ((c | 0x20) >= U'a' && (c | 0x20) <= U'z' && c != dateSep && c != timeSep) return false;
     return c == U'/' || c == U':' || c == U' ' || c == dateSep || c == timeSep;
 }
 
@@ -196,11 +196,16 @@ TKvDateMask::TKvDateMask(std::string_view mask, char32_t dateSeparator, char32_t
     }
 }
 
-TDateTime TKvDateMask::Read(std::string_view value) const {
+// What was read into each part of a date: whether anything was, and its number (or the month's name).
+struct TKvDateMask::TParts {
+    bool Filled[kNone] = {};
+    bool IsNumber[kNone] = {};
+    int Number[kNone] = {};
+    int MonthByName = 0; ///< when the month part is longer than two characters
+};
+
+template <class Visit> void TKvDateMask::Walk(std::string_view value, Visit visit) const {
     // The value's characters, separator runs reduced the same way, go pairwise with the mask's.
-    DatePart parts[kNone];
-    DatePart &day = parts[kDay], &month = parts[kMonth], &year = parts[kYear], &hour = parts[kHour],
-             &minute = parts[kMinute], &second = parts[kSecond];
     bool lastWasSeparator = false;
     size_t next = 0;
     for (size_t pos = 0; pos < value.size() && next < roles_.size();) {
@@ -214,26 +219,63 @@ TDateTime TKvDateMask::Read(std::string_view value) const {
         if (separator && lastWasSeparator) continue;
         lastWasSeparator = separator;
         const uint8_t role = roles_[next++];
-        if (role != kNone) parts[role].Add(c);
+        if (role != kNone && !visit(role, c)) return;
     }
+}
 
+TDateTime TKvDateMask::Read(std::string_view value) const {
+    TParts parts;
+    // Parts of digits only, the usual case, are counted as they go by; anything else goes the long way.
+    int64_t numbers[kNone] = {};
+    size_t counts[kNone] = {};
+    bool digits = true;
+    Walk(value, [&](uint8_t role, char32_t c) {
+        if (c < U'0' || c > U'9') return digits = false;
+        if (counts[role]++ < 10) numbers[role] = numbers[role] * 10 + (c - U'0');
+        return true;
+    });
+    if (digits) {
+        for (int k = 0; k < kNone; ++k) {
+            parts.Filled[k] = counts[k] > 0;
+            parts.IsNumber[k] = counts[k] > 0 && counts[k] <= 9;
+            parts.Number[k] = parts.IsNumber[k] ? static_cast<int>(numbers[k]) : 0;
+        }
+        // A longer month would have to be a name, which digits never are.
+        if (counts[kMonth] > 2) parts.IsNumber[kMonth] = false;
+    } else {
+        DatePart read[kNone];
+        Walk(value, [&](uint8_t role, char32_t c) {
+            read[role].Add(c);
+            return true;
+        });
+        for (int k = 0; k < kNone; ++k) {
+            parts.Filled[k] = !read[k].Empty();
+            parts.IsNumber[k] = read[k].Number(parts.Number[k]);
+        }
+        if (read[kMonth].size > 2 || read[kMonth].overflow) {
+            parts.IsNumber[kMonth] = false;
+            parts.MonthByName = read[kMonth].Month();
+        }
+    }
+    return Compose(parts, value);
+}
+
+TDateTime TKvDateMask::Compose(const TParts& p, std::string_view value) const {
     TDateTime result = 0;
-    if (!day.Empty() && !month.Empty() && !year.Empty()) {
-        int d = 0, mo = 0, y = 0;
-        bool ok = day.Number(d) && year.Number(y);
-        if (month.size <= 2 && !month.overflow)
-            ok = ok && month.Number(mo);
-        else
-            mo = month.Month();
+    if (p.Filled[kDay] && p.Filled[kMonth] && p.Filled[kYear]) {
+        const int d = p.Number[kDay], y0 = p.Number[kYear];
+        const int mo = p.IsNumber[kMonth] ? p.Number[kMonth] : p.MonthByName;
+        const bool ok = p.IsNumber[kDay] && p.IsNumber[kYear] && (p.IsNumber[kMonth] || p.MonthByName);
         if (ok && d > 0 && d < 32 && mo > 0 && mo < 13) {
-            if (y < 100) y = ExpandTwoDigitYear(y, DefaultFormatSettings);
+            const int y = y0 < 100 ? ExpandTwoDigitYear(y0, DefaultFormatSettings) : y0;
             TDateTime date;
             if (TryEncodeDate(y, mo, d, date)) result = date;
         }
     }
-    if (!hour.Empty() && !minute.Empty()) {
-        int h = 0, n = 0, s = 0;
-        if (hour.Number(h) && minute.Number(n) && (second.Empty() || second.Number(s))) {
+    if (p.Filled[kHour] && p.Filled[kMinute]) {
+        int h = p.Number[kHour];
+        const int n = p.Number[kMinute], s = p.Filled[kSecond] ? p.Number[kSecond] : 0;
+        if (p.IsNumber[kHour] && p.IsNumber[kMinute] && (!p.Filled[kSecond] || p.IsNumber[kSecond])) {
             const std::string& pm = DefaultFormatSettings.TimePMString;
             if (h < 12 && ContainsText(value, pm.empty() ? std::string_view("PM") : std::string_view(pm))) {
                 h += 12;

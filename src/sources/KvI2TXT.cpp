@@ -104,11 +104,8 @@ bool TKvImportFromText::LoadRecord() {
 Variant TKvImportFromText::GetFieldValue(const Variant& value) {
     std::string converted;
     const std::string& name = value.IsString() ? value.StringRef() : (converted = value.AsString());
-    if (rowPosition_ < rowOrder_.size() && rowOrder_[rowPosition_]->first == name) {
-        std::string text;
-        fields_.GetValue(rowOrder_[rowPosition_++]->second, text);
-        return Variant(std::move(text));
-    }
+    if (rowPosition_ < rowOrder_.size() && rowOrder_[rowPosition_]->first == name)
+        return ValueOf(rowOrder_[rowPosition_++]->second);
     auto it = references_.find(name);
     if (it == references_.end()) {
         // A header name first; otherwise Field<n>, Text<a>-<b>, Text, or a constant.
@@ -127,8 +124,13 @@ Variant TKvImportFromText::GetFieldValue(const Variant& value) {
     // Remember the order of asking (map nodes stay where they are while the map grows).
     if (rowPosition_ >= rowOrder_.size()) rowOrder_.resize(rowPosition_ + 1);
     rowOrder_[rowPosition_++] = &*it;
+    return ValueOf(it->second);
+}
+
+Variant TKvImportFromText::ValueOf(const TKvTextRef& ref) const {
+    if (const std::string* prepared = fields_.PreparedValue(ref)) return Variant(*prepared);
     std::string text;
-    fields_.GetValue(it->second, text);
+    fields_.GetValue(ref, text);
     return Variant(std::move(text));
 }
 

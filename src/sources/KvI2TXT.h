@@ -55,6 +55,7 @@ protected:
 
 private:
     void SetCurrentRow(int64_t row);
+    Variant ValueOf(const TKvTextRef& ref) const;
 
     int fixedLineLength_ = 0;
     bool readAhead_ = true;

@@ -261,14 +261,12 @@ void TKvTextFields::GetValue(const TKvTextRef& ref, std::string& out) const {
         }
         break;
     case trkField:
-        if (ref.First >= 1 && ref.First <= Count()) {
-            if (split_.Prepared) {
-                // Copied, not moved: the reading thread keeps its buffers and frees nothing of ours.
-                out = split_.Values[static_cast<size_t>(ref.First - 1)];
-                return;
-            }
-            value = RawField(static_cast<int>(ref.First));
+        if (const std::string* prepared = PreparedValue(ref)) {
+            // Copied, not moved: the reading thread keeps its buffers and frees nothing of ours.
+            out = *prepared;
+            return;
         }
+        if (ref.First >= 1 && ref.First <= Count()) value = RawField(static_cast<int>(ref.First));
         break;
     case trkConstant:
         value = ref.Text;

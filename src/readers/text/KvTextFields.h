@@ -101,6 +101,11 @@ public:
     TKvTextRef ParseReference(std::string_view reference) const;
     /// The value of a reference for the current record, into `out` (no allocation once it has grown).
     void GetValue(const TKvTextRef& ref, std::string& out) const;
+    /// The value of a field reference when it was prepared (PrepareValues), else null.
+    const std::string* PreparedValue(const TKvTextRef& ref) const {
+        if (ref.Kind != trkField || !split_.Prepared || ref.First < 1 || ref.First > Count()) return nullptr;
+        return &split_.Values[static_cast<size_t>(ref.First - 1)];
+    }
     /// ParseReference and GetValue in one call.
     std::string GetFieldValue(std::string_view reference) const;
 
