@@ -38,7 +38,7 @@ def compare(title, entries, rounds):
         for label, setup, command in entries:
             subprocess.run(setup, shell=True, check=True)
             results[label].append(run_timed(command))
-    base = statistics.median(t for t, _ in results[entries[0][0]])
+    base = [t for t, _ in results[entries[0][0]]]
     print(f"\n### {title}\n")
     print("| tool | wall time (median of %d) | peak memory | time vs. kvimport |" % rounds)
     print("|---|---|---|---|")
@@ -46,7 +46,10 @@ def compare(title, entries, rounds):
         times = [t for t, _ in results[label]]
         memory = max(m for _, m in results[label])
         median = statistics.median(times)
-        print(f"| {label} | {median:.2f} s | {memory:.0f} MiB | {median / base:.2f} |")
+        # Each round's tools ran back to back: their ratio is steadier than the ratio of medians when the
+        # machine's speed drifts between rounds.
+        ratio = statistics.median(t / b for t, b in zip(times, base))
+        print(f"| {label} | {median:.2f} s | {memory:.0f} MiB | {ratio:.2f} |")
     print()
     for label, _, command in entries:
         shown = command.replace(ROOT + os.sep, "").replace(sys.executable, "python3")
