@@ -101,7 +101,8 @@ void TKvTextReadAhead::ProduceRows(TKvTextFile& file, int64_t row, TKvTextFields
             next.Index = row++;
             try {
                 splitter.SetLine(file.Row(next.Index));
-                splitter.PrepareValues();
+                // A very long line is not copied once more into values: the importing thread cuts them.
+                if (splitter.Line().size() <= kKeepCapacity) splitter.PrepareValues();
                 splitter.Swap(next.Split);
                 bytes += 2 * next.Split.Line.size(); // the line and its values
             } catch (...) {
