@@ -22,13 +22,19 @@ std::string TKvImportFromText::FillFileFilters() const {
 std::string TKvImportFromText::GetColumnFieldName(int index) const {
     const std::string& name = Columns().Columns(index).FieldName;
     // A name of letters, digits, "_" and "." (not starting with a digit) reads as itself; anything else
-    // ("Qty-2", "Last Name", "Price ($)") would be an expression, so it goes in brackets.
+    // ("Qty-2", "Last Name", "Price ($)") would be an expression, so it goes in brackets, unless a quote
+    // in it would end the brackets early: then the column is named by its number.
     bool plain = !name.empty() && !(name[0] >= '0' && name[0] <= '9');
-    for (unsigned char c : name)
+    bool bracketable = !name.empty();
+    for (unsigned char c : name) {
         if (!(c >= 0x80 || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
               c == '_' || c == '.'))
             plain = false;
-    return plain ? name : "[" + name + "]";
+        if (c == '"' || c == '\'' || c == ']') bracketable = false;
+    }
+    if (plain) return name;
+    if (bracketable || Fixed()) return "[" + name + "]";
+    return strField + IntToStr(static_cast<int64_t>(index) + 1);
 }
 
 bool TKvImportFromText::NotDefined(std::string& propName) {

@@ -134,19 +134,20 @@ TEST_F(TextSource, ProposedColumnsAndTheirTypes) {
     text.SetDataSet(&table);
     text.SetRowFirst(2);
     test::WriteFile(dir.File("t.csv"),
-                    "id,Qty-2,when,stamp,ok,price,name\n1,5,2024-01-02,2024-01-02 10:00,true,1.5,a\n"
-                    "2,6,2024-01-03,2024-01-03 11:00,false,2,b\n");
+                    "id,Qty-2,when,stamp,ok,price,name,it's\n1,5,2024-01-02,2024-01-02 10:00,true,1.5,a,x\n"
+                    "2,6,2024-01-03,2024-01-03 11:00,false,2,b,y\n");
     text.SetSourceFileName(dir.File("t.csv"));
     text.DescribeColumns();
     const char* expected[][2] = {{"id", "1"}, {"Qty-2", "1"}, {"when", "4"}, {"stamp", "3"},
-                                 {"ok", "6"}, {"price", "2"}, {"name", "0"}};
-    ASSERT_EQ(text.Columns().Count(), 7);
-    for (int i = 0; i < 7; ++i) {
+                                 {"ok", "6"}, {"price", "2"}, {"name", "0"}, {"it's", "0"}};
+    ASSERT_EQ(text.Columns().Count(), 8);
+    for (int i = 0; i < 8; ++i) {
         EXPECT_EQ(text.Columns().Columns(i).FieldName, expected[i][0]);
         EXPECT_EQ(std::to_string(text.Columns().Columns(i).DataType), expected[i][1]) << expected[i][0];
     }
     EXPECT_EQ(text.GetColumnFieldName(1), "[Qty-2]"); // would be a subtraction without brackets
     EXPECT_EQ(text.GetColumnFieldName(0), "id");
+    EXPECT_EQ(text.GetColumnFieldName(7), "Field8"); // its quote would end the brackets early
     const auto preview = text.PreviewRows(5);
     ASSERT_EQ(preview.size(), 2u);
     EXPECT_EQ(preview[1][1], "6");

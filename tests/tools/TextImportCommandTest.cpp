@@ -86,7 +86,8 @@ TEST_F(TextImport, BadInputGivesAClearResult) {
     std::string binary;
     for (int i = 0; i < 5000; ++i) binary += static_cast<char>((i * 7919) % 256);
     r = RunCli({"import", Write("bin.csv", binary), "--db", db, "--quiet"});
-    EXPECT_TRUE(r.Status == 0 || r.Status == 1) << r.Err;
+    EXPECT_EQ(r.Status, 0) << r.Err; // read as Windows-1252 text, its NULs kept out of the column names
+    EXPECT_NE(SqliteQuery(db, "SELECT count(*) FROM bin"), "0");
 
     r = RunCli({"import", Write("empty.csv", ""), "--db", db});
     EXPECT_EQ(r.Status, 1);

@@ -292,6 +292,12 @@ std::vector<std::string> TextColumnNames(std::string_view headerLine, char32_t d
     std::string value;
     for (int i = 1; i <= fields.Count(); ++i) {
         fields.FieldValue(i, value);
+        // Control characters (a NUL of a binary file, say) have no place in a column's name, and "="
+        // would end the field's name in a mapping line.
+        for (char& c : value) {
+            if (static_cast<unsigned char>(c) < ' ') c = ' ';
+            if (c == '=') c = '_';
+        }
         std::string name = Trim(value);
         if (name.empty()) name = fieldWord + IntToStr(i);
         std::string unique = name;

@@ -127,8 +127,9 @@ private:
     std::vector<size_t> offsets_; ///< and where each one starts
 };
 
-/// Column names from a header record: split like data, each name trimmed, an empty one named
-/// `fieldWord` + its number, duplicates (ignoring case) made unique with "_2", "_3", ...
+/// Column names from a header record: split like data, control characters made blanks and "=" (which
+/// ends a mapping line's field name) "_", each name trimmed, an empty one named `fieldWord` + its
+/// number, duplicates (ignoring case) made unique with "_2", "_3", ...
 std::vector<std::string> TextColumnNames(std::string_view headerLine, char32_t delimiter, char32_t qualifier,
                                          const std::string& fieldWord = "Field");
 

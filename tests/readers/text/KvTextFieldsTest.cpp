@@ -180,6 +180,8 @@ TEST(TextFields, ColumnNames) {
               (std::vector<std::string>{"a", "a_2", "A_3", "a_2_2"}));
     EXPECT_EQ(TextColumnNames(";", U';', U'"', "Feld"), (std::vector<std::string>{"Feld1", "Feld2"}));
     EXPECT_TRUE(TextColumnNames("", U',', U'"').empty());
+    EXPECT_EQ(TextColumnNames(std::string("a\0b,\x01\t,\x7F,x=y", 13), U',', U'"'),
+              (std::vector<std::string>{"a b", "Field2", "\x7F", "x_y"})); // a binary file's header
     EXPECT_EQ(BracketColumnName("Last Name"), "[Last Name]");
     EXPECT_EQ(BracketColumnName("Tab\there"), "[Tab\there]");
     EXPECT_EQ(BracketColumnName("Id"), "Id");
