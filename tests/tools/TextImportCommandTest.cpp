@@ -45,6 +45,17 @@ TEST_F(TextImport, LfOnlyImportsLikeCrLfAndStdinToo) {
     EXPECT_EQ(SqliteQuery(db, "SELECT * FROM stdin"), "5|y"); // the delimiter was found in the first line
 }
 
+TEST_F(TextImport, ADecimalCommaAloneMovesTheGroupingToThePoint) {
+    const std::string txt = Write("eu.txt", "id;amount\n1;1,5\n2;1.234,25\n");
+    test::CliResult r = RunCli(
+        {"import", txt, "--db", db, "--delimiter", "semicolon", "--decimal-separator", ",", "--quiet"});
+    EXPECT_EQ(r.Status, 0) << r.Err;
+    EXPECT_EQ(SqliteQuery(db, "SELECT amount FROM eu"), "1.5\n1234.25");
+    r = RunCli({"import", txt, "--db", db, "--decimal-separator", ",", "--thousand-separator", ","});
+    EXPECT_EQ(r.Status, 2);
+    EXPECT_NE(r.Err.find("--decimal-separator and --thousand-separator must differ"), std::string::npos);
+}
+
 TEST_F(TextImport, FixedWidthWithMappings) {
     const std::string txt = Write("codes.txt", "AB1  12.5\r\nZ9Z100000\r\n");
     SqliteQuery(db, "CREATE TABLE codes(code TEXT, amount REAL)");

@@ -42,6 +42,7 @@ const char* const ImportUsage =
     "  --charset ansi|oem|ebcdic   the source text's character set\n"
     "  --date-order mdy|dmy|ymd|ydm|dym|myd   --date-separator C   --time-separator C\n"
     "  --decimal-separator C       --thousand-separator C          --currency TEXT\n"
+    "                              (a decimal comma alone makes the point the grouping, and back)\n"
     "  --date-format MASK          read dates by a mask such as DD.MM.YYYY HH:NN\n"
     "  --true TEXT  --false TEXT   the texts of booleans\n"
     "\n"
@@ -256,6 +257,15 @@ void ApplyImportOptions(const ImportOptions& o, TKvImportBaseComponent& c) {
     if (o.TimeSeparator) f.TimeSeparator = *o.TimeSeparator;
     if (o.DecimalSeparator) f.DecimalSeparator = *o.DecimalSeparator;
     if (o.ThousandSeparator) f.ThousandSeparator = *o.ThousandSeparator;
+    if (f.DecimalSeparator == f.ThousandSeparator) {
+        if (o.ThousandSeparator && o.DecimalSeparator)
+            throw UsageError("--decimal-separator and --thousand-separator must differ");
+        // "--decimal-separator ," alone means the usual partner for grouping, not a clash with it.
+        if (o.DecimalSeparator)
+            f.ThousandSeparator = f.DecimalSeparator == U',' ? U'.' : f.DecimalSeparator == U'.' ? U',' : 0;
+        else
+            f.DecimalSeparator = f.ThousandSeparator == U',' ? U'.' : U',';
+    }
     if (o.Currency) f.CurrencyString = *o.Currency;
     if (o.DateFormat) f.CustomDateTimeFormat = *o.DateFormat;
     if (o.TrueText) f.BooleanTrue = *o.TrueText;
