@@ -92,18 +92,16 @@ int TKvImportFromText::GetTotalCount() {
     return n > INT32_MAX ? INT32_MAX : static_cast<int>(n);
 }
 
-void TKvImportFromText::SetCurrentRow(int64_t row) {
-    fields_.SetLine(file_.Row(row));
+void TKvImportFromText::SetCurrentRow(int64_t row, bool readAhead) {
+    if (readAhead)
+        reader_.Take(file_, row, fields_);
+    else
+        fields_.SetLine(file_.Row(row));
     rowPosition_ = 0;
 }
 
 bool TKvImportFromText::LoadRecord() {
-    if (readAhead_) {
-        reader_.Take(file_, row_, fields_);
-        rowPosition_ = 0;
-    } else {
-        SetCurrentRow(row_);
-    }
+    SetCurrentRow(row_, readAhead_);
     return TKvImportBaseComponent::LoadRecord();
 }
 
@@ -201,7 +199,7 @@ std::vector<std::vector<std::string>> TKvImportFromText::PreviewRows(int count) 
         const int64_t headerRecord = file_.HasHeader() ? RowFieldNames() : 0;
         for (int64_t r = 0; r < file_.RowCount() && static_cast<int>(rows.size()) < count; ++r) {
             if (headerRecord && file_.LineNumber(r) == headerRecord) continue;
-            SetCurrentRow(r);
+            SetCurrentRow(r, false);
             std::vector<std::string>& row = rows.emplace_back();
             for (int c = 0; c < Columns().Count(); ++c) {
                 const std::string& name = Columns().Columns(c).FieldName;

@@ -54,7 +54,7 @@ protected:
     TKvTextFile& File() { return file_; }
 
 private:
-    void SetCurrentRow(int64_t row);
+    void SetCurrentRow(int64_t row, bool readAhead);
     Variant ValueOf(const TKvTextRef& ref) const;
 
     int fixedLineLength_ = 0;

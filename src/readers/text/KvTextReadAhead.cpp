@@ -6,11 +6,12 @@ namespace kv {
 
 namespace {
 
-// Buffers kept for reuse give back what one very long line made them take.
-constexpr size_t kKeepCapacity = size_t(64) << 10;
+// A line longer than this is long: its values are left to the importing thread rather than copied once
+// more here, and buffers kept for reuse give back what it made them take.
+constexpr size_t kLongText = size_t(64) << 10;
 
 void Release(std::string& s) {
-    if (s.capacity() > kKeepCapacity) std::string().swap(s);
+    if (s.capacity() > kLongText) std::string().swap(s);
 }
 
 } // namespace
@@ -101,10 +102,9 @@ void TKvTextReadAhead::ProduceRows(TKvTextFile& file, int64_t row, TKvTextFields
             next.Index = row++;
             try {
                 splitter.SetLine(file.Row(next.Index));
-                // A very long line is not copied once more into values: the importing thread cuts them.
-                if (splitter.Line().size() <= kKeepCapacity) splitter.PrepareValues();
+                if (splitter.Line().size() <= kLongText) splitter.PrepareValues();
                 splitter.Swap(next.Split);
-                bytes += 2 * next.Split.Line.size(); // the line and its values
+                bytes += next.Split.Line.size() * (next.Split.Prepared ? 2 : 1); // the line and its values
             } catch (...) {
                 // The row reports it in its turn; reading stops here, as the row loop may stop there.
                 next.Error = std::current_exception();
