@@ -90,6 +90,11 @@ public:
     void SetTrimSpaces(TKvITrimSpaces v) { trimSpaces_ = v; }
     int CommitCount() const { return commitCount_; }
     void SetCommitCount(int v) { commitCount_ = v; }
+    /// Source text that cannot be read into its field's type is stored as the text it is, for a
+    /// destination that keeps any value in any column (a table created from types guessed over part of
+    /// the source). Off (the default): such text is a row error.
+    bool KeepUnconvertedValues() const { return keepUnconverted_; }
+    void SetKeepUnconvertedValues(bool v) { keepUnconverted_ = v; }
 
     // ---- settings held here and published by the sources that use them ----
     TTableTypeImport TableType() const { return tableType_; }
@@ -305,6 +310,7 @@ private:
     bool useDisplayNames_ = false;
     TKvITrimSpaces trimSpaces_ = tsNoTrim;
     int commitCount_ = 300;
+    bool keepUnconverted_ = false;
     TTableTypeImport tableType_ = teText;
     std::string sourceFileName_;
     TKvIFieldDelimiter fieldDelimiter_ = fdTab;
