@@ -37,6 +37,27 @@ bool IsBlobType(TFieldType type) {
     }
 }
 
+bool IsTextType(TFieldType type) {
+    switch (type) {
+    case ftString:
+    case ftFixedChar:
+    case ftWideString:
+    case ftFixedWideChar:
+    case ftMemo:
+    case ftFmtMemo:
+    case ftWideMemo:
+    case ftOraClob:
+    case ftGuid:
+        return true;
+    default:
+        return false;
+    }
+}
+
+bool IsDateTimeType(TFieldType type) {
+    return type == ftDate || type == ftTime || type == ftDateTime || type == ftTimeStamp;
+}
+
 namespace {
 
 Variant CheckedInteger(const Variant& value, const std::string& fieldName, int64_t low, int64_t high) {
@@ -159,11 +180,19 @@ Variant TField::Value() const {
 }
 
 void TField::SetValue(Variant value) {
+    Store(std::move(value), true);
+}
+
+void TField::SetValueAsItStands(Variant value) {
+    Store(std::move(value), !dataSet_->StoresAnyValue());
+}
+
+void TField::Store(Variant value, bool convert) {
     TDataSet& ds = *dataSet_;
     if (ds.state_ != dsEdit && ds.state_ != dsInsert)
         throw EDatabaseError(ds.Name().empty() ? "Dataset not in edit or insert mode"
                                                : ds.Name() + ": Dataset not in edit or insert mode");
-    CoerceToFieldTypeInPlace(value, def_.DataType, def_.Name);
+    if (convert) CoerceToFieldTypeInPlace(value, def_.DataType, def_.Name);
     ds.buffer_[static_cast<size_t>(index_)] = std::move(value);
     ds.assigned_[static_cast<size_t>(index_)] = 1;
 }

@@ -21,6 +21,8 @@ class TStream;
 
 /// Failures of dataset operations ("Field 'X' not found", "Dataset not in edit or insert mode", ...).
 KV_DECLARE_EXCEPTION(EDatabaseError, Exception)
+/// The database refuses every write (read-only, locked, full, damaged): no further row can succeed.
+KV_DECLARE_EXCEPTION(EDatabaseUnwritable, EDatabaseError)
 
 /// The data types of fields.
 enum TFieldType : uint8_t {
@@ -101,6 +103,10 @@ using TAssignedFields = std::vector<uint8_t>;
 const char* FieldTypeName(TFieldType type);
 /// True for the types that hold large or binary content.
 bool IsBlobType(TFieldType type);
+/// True for the types that hold text (of any length).
+bool IsTextType(TFieldType type);
+/// True for dates, times and date-times.
+bool IsDateTimeType(TFieldType type);
 /// `value` as a field of `type` stores it: Null and unassigned give Null; otherwise the value converted by
 /// the variant rules, raising their errors (and EDatabaseError for numbers outside a small type's range).
 Variant CoerceToFieldType(Variant value, TFieldType type, const std::string& fieldName);
@@ -138,6 +144,9 @@ public:
     /// Sets the value in the edit buffer, converted to the field's type; EDatabaseError "Dataset not in
     /// edit or insert mode" when the dataset is not editing.
     void SetValue(Variant value);
+    /// Sets the value in the edit buffer as it is, not converted to the field's type: for a dataset that
+    /// StoresAnyValue, to keep text that fits no number or date as the text it is.
+    void SetValueAsItStands(Variant value);
     void Clear() { SetValue(Variant::Null()); }
     bool IsNull() const { return Value().IsNullOrEmpty(); }
     std::string AsString() const { return Value().AsString(); }
@@ -145,6 +154,8 @@ public:
     void LoadFromStream(TStream& stream);
 
 private:
+    void Store(Variant value, bool convert);
+
     TDataSet* dataSet_;
     TFieldDef def_;
     int index_;
@@ -196,6 +207,8 @@ public:
     Variant GetFieldValue(std::string_view name) const { return FieldByName(name).Value(); }
 
     /// What a published property of that name would give ("TableName", "IndexFieldName", ...).
+    /// True when any value can be stored in any field, whatever its type (SetValueAsItStands).
+    virtual bool StoresAnyValue() const { return false; }
     virtual std::optional<std::string> PublishedProperty(const std::string& name) const {
         (void)name;
         return std::nullopt;

@@ -205,10 +205,6 @@ bool ParseISODateTime(std::string_view s, TDateTime& out) {
     return ParseISOTime(s, out);
 }
 
-bool IsDateTimeType(TFieldType type) {
-    return type == ftDate || type == ftTime || type == ftDateTime;
-}
-
 Variant ColumnValue(sqlite3_stmt* statement, int column, TFieldType type) {
     switch (sqlite3_column_type(statement, column)) {
     case SQLITE_INTEGER: {
@@ -287,17 +283,45 @@ void TKvSQLiteDatabase::CheckConnected() const {
     if (!db_) throw EDatabaseError("The database is not open");
 }
 
+namespace {
+
+// Failures of the database itself rather than of one row's values: every further write would fail too.
+bool RefusesEveryWrite(int code) {
+    switch (code & 0xFF) {
+    case SQLITE_READONLY:
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED:
+    case SQLITE_FULL:
+    case SQLITE_IOERR:
+    case SQLITE_CORRUPT:
+    case SQLITE_NOTADB:
+    case SQLITE_CANTOPEN:
+    case SQLITE_PERM:
+        return true;
+    default:
+        return false;
+    }
+}
+
+[[noreturn]] void Raise(int code, const std::string& message) {
+    if (RefusesEveryWrite(code)) throw EDatabaseUnwritable(message);
+    throw EDatabaseError(message);
+}
+
+} // namespace
+
 void TKvSQLiteDatabase::RaiseError() const {
-    throw EDatabaseError(db_ ? sqlite3_errmsg(db_) : "The database is not open");
+    if (!db_) throw EDatabaseError("The database is not open");
+    Raise(sqlite3_extended_errcode(db_), sqlite3_errmsg(db_));
 }
 
 void TKvSQLiteDatabase::Execute(const std::string& sql) {
     CheckConnected();
     char* error = nullptr;
-    if (sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, &error) != SQLITE_OK) {
+    if (const int rc = sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, &error); rc != SQLITE_OK) {
         const std::string message = error ? error : sqlite3_errmsg(db_);
         sqlite3_free(error);
-        throw EDatabaseError(message);
+        Raise(rc, message);
     }
 }
 

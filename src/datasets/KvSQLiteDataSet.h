@@ -105,6 +105,8 @@ public:
     /// "TableName"; "IndexFieldName": the primary key's columns in key order joined by ";" (an INTEGER
     /// PRIMARY KEY included), nothing when the table has no primary key.
     std::optional<std::string> PublishedProperty(const std::string& name) const override;
+    /// SQLite keeps any value in any column: text in an INTEGER column stays text.
+    bool StoresAnyValue() const override { return true; }
     std::string ClassName() const override { return "TKvSQLiteDataSet"; }
 
 protected:

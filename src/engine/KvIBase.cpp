@@ -8,6 +8,8 @@
 #include "platform/Streams.h"
 #include "platform/SysUtils.h"
 
+#include <algorithm>
+
 namespace kv {
 
 TKvImportBaseComponent::TKvImportBaseComponent(TComponent* owner)
@@ -39,7 +41,37 @@ void TKvImportBaseComponent::SetDataSet(TDataSet* dataSet) {
 
 void TKvImportBaseComponent::Notification(TComponent* component, TOperation operation) {
     TComponent::Notification(component, operation);
-    if (operation == opRemove && component == dataSet_) dataSet_ = nullptr;
+    if (operation != opRemove) return;
+    if (component == dataSet_) dataSet_ = nullptr;
+    std::erase_if(lookupTables_, [component](const auto& entry) { return entry.second == component; });
+}
+
+void TKvImportBaseComponent::RegisterLookupTable(const std::string& name, TDataSet* table) {
+    for (auto it = lookupTables_.begin(); it != lookupTables_.end(); ++it) {
+        if (!SameText(it->first, name)) continue;
+        TDataSet* old = it->second;
+        lookupTables_.erase(it);
+        const bool stillUsed =
+            old == dataSet_ || std::any_of(lookupTables_.begin(), lookupTables_.end(),
+                                           [old](const auto& e) { return e.second == old; });
+        if (!stillUsed) RemoveFreeNotification(old);
+        break;
+    }
+    if (!table) return;
+    FreeNotification(table);
+    lookupTables_.emplace_back(name, table);
+}
+
+void TKvImportBaseComponent::AddWarning(TKvIWarning warning) {
+    warnings_.push_back(std::move(warning));
+    if (OnWarning) OnWarning(this, warnings_.back());
+}
+
+bool TKvImportBaseComponent::HadProblems() const {
+    if (statistic_.TotalErrors > 0) return true;
+    for (const TKvIWarning& w : warnings_)
+        if (w.Problem) return true;
+    return false;
 }
 
 void TKvImportBaseComponent::SetFieldDelimiter(TKvIFieldDelimiter kind) {

@@ -34,6 +34,20 @@ using TLocateRecordEvent = std::function<void(TObject* Sender, const std::string
                                               const Variant& Values, bool& Exist, bool& ExecuteLocate)>;
 using TKvIOnCreateStructure = std::function<void(TObject* Sender, TKvIColumns& Columns)>;
 
+/// Something a source noticed that a user should hear of, though no single row failed.
+struct TKvIWarning {
+    int64_t Line = 0;     ///< where in the source (a text file's line), 0 when nowhere in particular
+    std::string Message;  ///< the source's own text, without the place
+    bool Problem = false; ///< data may be lost or changed: the run finishes with problems
+};
+using TKvIWarningEvent = std::function<void(TObject* Sender, const TKvIWarning& Warning)>;
+
+/// Where the error being reported happened, as a user finds it in the source.
+struct TKvIErrorPlace {
+    int64_t Record = 0; ///< the source's record (a text file's line where the record starts)
+    std::string Field;  ///< the destination field being filled, "" when the row failed as a whole
+};
+
 /// The abstract import source.
 class TKvImportBaseComponent : public TComponent {
 public:
@@ -142,14 +156,25 @@ public:
     TLocateRecordEvent OnLocateRecord;
     TNotifyEvent OnStartTransaction, OnFinishTransaction;
     TKvIOnCreateStructure OnCreateStructure;
+    /// A source's warning, as it is raised (it is kept in Warnings() too).
+    TKvIWarningEvent OnWarning;
 
     // ---- running ----
     /// Runs one import; the outcome is in Statistic().Result, the message in LastMessage().
     void Execute();
     /// Imports from `stream` (not owned) instead of the source file.
     virtual void LoadFromStream(TStream& stream);
-    /// The message of the last run (finished, canceled, or the error).
+    /// The message of the last run (finished, finished with problems, canceled, or the error).
     const std::string& LastMessage() const { return lastMessage_; }
+    /// The warnings of the last run.
+    const std::vector<TKvIWarning>& Warnings() const { return warnings_; }
+    /// The last run failed rows or raised a warning that puts data in doubt.
+    bool HadProblems() const;
+    /// Where the error now being handed to OnErrorEvent happened.
+    const TKvIErrorPlace& ErrorPlace() const { return errorPlace_; }
+    /// Makes `table` findable by LOOKUP under `name` (before the owner's components are searched); the
+    /// table is not owned and is forgotten when it is destroyed. nullptr forgets the name.
+    void RegisterLookupTable(const std::string& name, TDataSet* table);
     /// The source's columns, as the last DetectAutoMapping found them.
     TKvIColumns& Columns() { return columns_; }
     const TKvIColumns& Columns() const { return columns_; }
@@ -168,6 +193,10 @@ public:
     /// than memory should hold).
     bool KeepSQLScript() const { return keepSqlScript_; }
     void SetKeepSQLScript(bool v) { keepSqlScript_ = v; }
+    /// Statements that open the script, before those of the rows (the CREATE TABLE of a table the script
+    /// fills, for example).
+    const std::vector<std::string>& SQLPrologue() const { return sqlPrologue_; }
+    void SetSQLPrologue(std::vector<std::string> v) { sqlPrologue_ = std::move(v); }
 
     // ---- specification files ----
     void LoadSpecification(const std::string& fileName);
@@ -213,6 +242,9 @@ protected:
     virtual void GoFirst() {}
     virtual void GoNext() {}
     virtual bool NeedMore() { return false; }
+    /// The record of the source the current row comes from, as a user finds it (a text file's line); the
+    /// base counts the rows read.
+    virtual int64_t SourceRecordNumber() { return statistic_.TotalImported; }
     virtual int GetTotalCount() { return 0; }
     virtual Variant GetValues(const std::string& columnName) {
         (void)columnName;
@@ -240,6 +272,8 @@ protected:
                         int argCount, bool isChild, Variant& value, bool& done);
 
     void Notification(TComponent* component, TOperation operation) override;
+    /// Keeps a warning of the source and hands it to OnWarning.
+    void AddWarning(TKvIWarning warning);
 
     /// The stream LoadFromStream gave for the current run (nullptr: read the source file).
     TStream* SourceStream() const { return sourceStream_; }
@@ -269,6 +303,10 @@ private:
     void RunRows();
     void ApplyRow();
     void HandleError(const std::exception& error);
+    void CheckSomethingMapped() const;
+    /// The text conversion left in `value` is stored as it stands rather than converted by the field.
+    bool KeepsAsText(const TField& field, const Variant& value) const;
+    void StoreValue(TField& field, Variant& value);
     bool EvaluateCondition(const std::string& text, std::unique_ptr<TKvIParser>& kept,
                            std::exception_ptr& error);
     Variant Compute(TKvIParser& parser, std::exception_ptr error);
@@ -350,6 +388,10 @@ private:
     std::unique_ptr<TStream> sqlFile_;
     std::string sqlPending_; ///< statements not yet written to sqlFile_
     std::unique_ptr<TKvISQLWriter> sqlWriter_;
+    std::vector<std::string> sqlPrologue_;
+    std::vector<TKvIWarning> warnings_;
+    TKvIErrorPlace errorPlace_;
+    std::vector<std::pair<std::string, TDataSet*>> lookupTables_;
 };
 
 } // namespace kv

@@ -63,6 +63,8 @@ std::string TKvImportBaseComponent::BuildDTFormat() const {
 }
 
 TDataSet* TKvImportBaseComponent::FindLookupDataSet(const std::string& name) const {
+    for (const auto& [registered, table] : lookupTables_)
+        if (SameText(registered, name)) return table;
     TComponent* found = nullptr;
     const size_t dot = name.find('.');
     // Owners from the nearest outwards: the component's owner, the owner's owner (its form), ...

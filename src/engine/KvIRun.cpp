@@ -5,6 +5,7 @@
 #include "engine/KvIBase.h"
 #include "engine/KvISQL.h"
 #include "engine/KvIUtils.h"
+#include "platform/DateUtils.h"
 #include "platform/Format.h"
 #include "platform/FrontEnd.h"
 #include "platform/Streams.h"
@@ -46,7 +47,14 @@ void TKvImportBaseComponent::Execute() {
     if (NotDefined(propName)) throw Exception(Format(strPropertyError, propName));
     if (datasetKeys_.empty() && IsKeyedMode(mode_)) throw Exception(Format(strPropertyError, datasetKeys_));
 
-    if (!AskParameters()) return;
+    warnings_.clear();
+    errorPlace_ = {};
+    if (!AskParameters()) {
+        // Nothing ran; a prompt nobody could answer is said, so that the caller is not left guessing.
+        statistic_.Result = irCanceled;
+        lastMessage_ = HasFrontEnd() ? strImportCanceled : strNoParameterPrompt;
+        return;
+    }
 
     IKvFrontEnd& ui = FrontEnd();
     std::string message;
@@ -66,6 +74,7 @@ void TKvImportBaseComponent::Execute() {
             }
         }
         try {
+            CheckSomethingMapped();
             Prepare();
         } catch (...) {
             if (madeMapping) mappings_.Clear();
@@ -76,7 +85,7 @@ void TKvImportBaseComponent::Execute() {
             message = strImportCanceled;
             statistic_.Result = irCanceled;
         } else {
-            message = strImportFinished;
+            message = HadProblems() ? strImportProblems : strImportFinished;
             statistic_.Result = irExecuted;
         }
     } catch (const std::exception& e) {
@@ -184,6 +193,7 @@ void TKvImportBaseComponent::RunRows() {
             }
         }
 
+        bool counted = false; // a failed write is counted where it failed
         try {
             if (!LoadRecord()) {
                 ++statistic_.TotalSkipped;
@@ -226,13 +236,17 @@ void TKvImportBaseComponent::RunRows() {
                         (dataSet_->State() == dsEdit || dataSet_->State() == dsInsert))
                         dataSet_->Cancel();
                     ++statistic_.TotalErrors;
+                    counted = true;
                     RollbackCounter(exist);
                     HandleError(e);
                 }
             }
         } catch (const std::exception& e) {
+            // A row that could not be read or located failed as surely as one that could not be written.
+            if (!counted) ++statistic_.TotalErrors;
             HandleError(e);
         }
+        errorPlace_ = {};
 
         canceled_ = false;
         if (OnAfterRecordEvent) OnAfterRecordEvent(this, canceled_);
@@ -258,10 +272,31 @@ void TKvImportBaseComponent::FlushStatements(bool final) {
 }
 
 void TKvImportBaseComponent::HandleError(const std::exception& error) {
-    if (!OnErrorEvent) return; // swallowed: the loop goes on with the next row
+    if (errorPlace_.Record == 0) errorPlace_.Record = SourceRecordNumber();
+    // A destination that refuses every write ends the run at the first row, whatever a handler prefers.
+    const bool fatal = dynamic_cast<const EDatabaseUnwritable*>(&error) != nullptr;
+    if (!OnErrorEvent) {
+        if (fatal) throw;
+        return; // swallowed: the loop goes on with the next row
+    }
     canceled_ = abortOnProblem_;
     OnErrorEvent(this, error, canceled_);
-    if (canceled_) throw;
+    if (canceled_ || fatal) throw;
+}
+
+void TKvImportBaseComponent::CheckSomethingMapped() const {
+    for (const std::string& line : mappings_) {
+        const size_t eq = line.find('=');
+        if (eq != std::string::npos && !TrimView(std::string_view(line).substr(eq + 1)).empty()) return;
+    }
+    std::string columns, fields;
+    for (int i = 0; i < columns_.Count(); ++i) columns += (i ? ", " : "") + columns_.Columns(i).FieldName;
+    for (int i = 0; i < dataSet_->FieldCount(); ++i)
+        fields += (i ? ", " : "") + dataSet_->Fields(i).FieldName();
+    const std::string table = GetTableName();
+    throw Exception(Format(strNothingMapped, table.empty() ? std::string("the destination") : table,
+                           columns.empty() ? std::string("none") : columns,
+                           fields.empty() ? std::string("none") : fields));
 }
 
 void TKvImportBaseComponent::RollbackCounter(bool exist) {
@@ -321,20 +356,20 @@ void TKvImportBaseComponent::ApplyRow() {
                             field->DataType() != ftFmtMemo);
             if (OnBeforeFieldUpdate) OnBeforeFieldUpdate(this, field, value, accept);
             if (!accept) continue;
+            errorPlace_.Field = field->FieldName();
             if (apply) {
-                if (value.IsNullOrEmpty())
-                    field->Clear();
-                else if (field->DataType() == ftLargeint)
-                    field->SetValue(Variant::FromInt(value.AsInt64()));
-                else
-                    field->SetValue(std::move(value));
+                StoreValue(*field, value);
             } else if (action == iaAdd || action == iaUpdate) {
                 names.push_back(field->FieldName());
-                literals.push_back(sqlWriter_->Literal(
-                    CoerceToFieldType(value, field->DataType(), field->FieldName()), field->DataType()));
+                literals.push_back(
+                    sqlWriter_->Literal(KeepsAsText(*field, value)
+                                            ? value
+                                            : CoerceToFieldType(value, field->DataType(), field->FieldName()),
+                                        field->DataType()));
             }
         }
     }
+    errorPlace_.Field.clear();
     if (apply) {
         if (dataSet_->State() == dsEdit || dataSet_->State() == dsInsert) dataSet_->Post();
         return;
@@ -366,6 +401,31 @@ void TKvImportBaseComponent::ApplyRow() {
     }
 }
 
+bool TKvImportBaseComponent::KeepsAsText(const TField& field, const Variant& value) const {
+    // Text the conversion left as it stands goes in as text where the destination keeps any value.
+    return value.IsString() && dataSet_->StoresAnyValue() && !IsTextType(field.DataType()) &&
+           keepUnconverted_;
+}
+
+void TKvImportBaseComponent::StoreValue(TField& field, Variant& value) {
+    if (value.IsNullOrEmpty()) {
+        field.Clear();
+    } else if (KeepsAsText(field, value)) {
+        // What converts, converts (an expression's "12" into a number); the rest is kept as written.
+        try {
+            field.SetValue(value);
+        } catch (const EVariantError&) {
+            field.SetValueAsItStands(std::move(value));
+        } catch (const EConvertError&) {
+            field.SetValueAsItStands(std::move(value));
+        }
+    } else if (field.DataType() == ftLargeint) {
+        field.SetValue(Variant::FromInt(value.AsInt64()));
+    } else {
+        field.SetValue(std::move(value));
+    }
+}
+
 bool TKvImportBaseComponent::LoadRecord() {
     bool result = true;
     rowValues_.resize(intersection_.size());
@@ -378,6 +438,8 @@ bool TKvImportBaseComponent::LoadRecord() {
         try {
             value = GetParsedValue(entry.SourceValue, static_cast<int>(i));
         } catch (...) {
+            errorPlace_.Record = SourceRecordNumber();
+            errorPlace_.Field = entry.FieldName;
             convertingField_ = nullptr;
             for (size_t rest = i; rest < rowValues_.size(); ++rest) rowValues_[rest].SetNull();
             throw;

@@ -16,5 +16,8 @@ IKvFrontEnd& FrontEnd() {
 void SetFrontEnd(IKvFrontEnd* frontEnd) {
     current = frontEnd;
 }
+bool HasFrontEnd() {
+    return current != nullptr;
+}
 
 } // namespace kv

@@ -66,5 +66,7 @@ public:
 IKvFrontEnd& FrontEnd();
 /// Installs a front end (nullptr restores the silent default); the caller keeps ownership.
 void SetFrontEnd(IKvFrontEnd* frontEnd);
+/// True when a front end was installed (someone can be asked).
+bool HasFrontEnd();
 
 } // namespace kv

@@ -293,6 +293,113 @@ TEST_F(Run, CountersInExpressionsAndCancelByTheFrontEnd) {
     EXPECT_EQ(dest.RowCount(), 2);
 }
 
+TEST_F(Run, RowsThatCannotBeReadAreCountedWithOrWithoutAHandler) {
+    SourceRows({{1, "a", "1"}, {2, "b", "2"}, {3, "c", "3"}});
+    imp.Mappings().Add("ID=ID");
+    imp.Mappings().Add("NAME=IIF(ID = 2, STRTOINT(NAME), NAME)");
+    for (bool handler : {false, true}) {
+        dest.EmptyTable();
+        std::vector<std::string> places;
+        if (handler)
+            imp.OnErrorEvent = [&](TObject*, const std::exception&, bool& abort) {
+                places.push_back(std::to_string(imp.ErrorPlace().Record) + " " + imp.ErrorPlace().Field);
+                abort = false;
+            };
+        imp.Execute();
+        EXPECT_EQ(imp.Statistic().Result, irExecuted);
+        EXPECT_EQ(Counts(), "3 2 0 0 0 1") << handler;
+        EXPECT_TRUE(imp.HadProblems());
+        EXPECT_EQ(imp.LastMessage(), "The data import process has finished with problems.");
+        EXPECT_EQ(places, handler ? std::vector<std::string>{"2 NAME"} : std::vector<std::string>{});
+    }
+}
+
+TEST_F(Run, AWriteThatFailsNamesItsFieldAndAnUnwritableDatabaseEndsTheRun) {
+    SourceRows({{1, "a", "1"}, {2, "b", "2"}, {3, "c", "3"}});
+    std::vector<std::string> places;
+    int calls = 0;
+    imp.OnErrorEvent = [&](TObject*, const std::exception&, bool& abort) {
+        ++calls;
+        places.push_back(std::to_string(imp.ErrorPlace().Record) + " " + imp.ErrorPlace().Field);
+        abort = false; // the handler would go on; the database cannot
+    };
+    dest.BeforePost = [](bool, const std::vector<Variant>&) {
+        throw EDatabaseUnwritable("attempt to write a readonly database");
+    };
+    imp.Execute();
+    EXPECT_EQ(imp.Statistic().Result, irFailed);
+    EXPECT_EQ(imp.LastMessage(), "An error has occurred during the data import process.\r\n"
+                                 "attempt to write a readonly database");
+    EXPECT_EQ(Counts(), "1 0 0 0 0 1");
+    EXPECT_EQ(places[0], "1 "); // the row failed as a whole, not one of its fields
+
+    // Without a handler too: one failure, not one per row.
+    imp.OnErrorEvent = nullptr;
+    imp.Execute();
+    EXPECT_EQ(imp.Statistic().Result, irFailed);
+    EXPECT_EQ(Counts(), "1 0 0 0 0 1");
+}
+
+TEST_F(Run, NothingMappedFailsBeforeTheFirstRow) {
+    TKvMemDataSet& other = *new TKvMemDataSet(&root);
+    other.SetTableName("OTHER");
+    other.AddFieldDef("CODE", ftString, 10);
+    other.AddFieldDef("QTY", ftInteger);
+    imp.SetDataSet(&other);
+    SourceRows({{1, "a", "1"}});
+    int rows = 0;
+    imp.OnBeforeRecordEvent = [&](TObject*, const std::string&, const Variant&, bool&) { ++rows; };
+    imp.Execute();
+    EXPECT_EQ(imp.Statistic().Result, irFailed);
+    EXPECT_EQ(imp.LastMessage(),
+              "An error has occurred during the data import process.\r\n"
+              "No source column matches a field of OTHER. Source columns: ID, NAME, PRICE. "
+              "Fields: CODE, QTY.");
+    EXPECT_EQ(rows, 0);
+    EXPECT_EQ(other.RowCount(), 0);
+    EXPECT_TRUE(imp.Mappings().Empty()); // the proposal is not kept
+}
+
+TEST_F(Run, ParametersNobodyCanAskCancelTheRunWithAMessage) {
+    SourceRows({{1, "a", "1"}});
+    TKvIParameter& p = imp.Parameters().Add();
+    p.SetName("RATE");
+    p.SetParameterMode(ipmAsk);
+    imp.Execute();
+    EXPECT_EQ(imp.Statistic().Result, irCanceled);
+    EXPECT_EQ(imp.LastMessage(),
+              "The parameters of the import could not be asked: there is no front end to ask them.");
+
+    struct Refuser : IKvFrontEnd {
+        bool PromptValues(const std::string&, std::vector<TPromptField>&) override { return false; }
+    } ui;
+    SetFrontEnd(&ui);
+    imp.Execute();
+    SetFrontEnd(nullptr);
+    EXPECT_EQ(imp.Statistic().Result, irCanceled);
+    EXPECT_EQ(imp.LastMessage(), "The data import process was canceled by the user.");
+    EXPECT_EQ(dest.RowCount(), 0);
+}
+
+TEST_F(Run, LookupTablesRegisteredByName) {
+    TKvMemDataSet states; // owned by nobody the component knows
+    states.AddFieldDef("CODE", ftString, 2);
+    states.AddFieldDef("NAME", ftString, 20);
+    states.Open();
+    states.AppendRecord({"a", "Alabama"});
+    SourceRows({{1, "a", "1"}, {2, "z", "2"}});
+    imp.Mappings().Add("ID=ID");
+    imp.Mappings().Add("NAME=LOOKUP('states', 'CODE', NAME, '~NAME~')");
+    imp.RegisterLookupTable("States", &states);
+    imp.Execute();
+    EXPECT_EQ(DestRows(), (std::vector<std::string>{"1|Alabama|null", "2|null|null"}));
+
+    imp.RegisterLookupTable("States", nullptr); // forgotten again: the lookup finds nothing
+    dest.EmptyTable();
+    imp.Execute();
+    EXPECT_EQ(DestRows(), (std::vector<std::string>{"1|null|null", "2|null|null"}));
+}
+
 TEST_F(Run, AnEmptySourceRunsZeroRows) {
     imp.Execute();
     EXPECT_EQ(imp.Statistic().Result, irExecuted);
