@@ -1,5 +1,8 @@
 #include "engine/KvI2DS.h"
 
+#include "engine/Impcnst.h"
+#include "platform/SysUtils.h"
+
 namespace kv {
 
 TKvImportFromDataSet::TKvImportFromDataSet(TComponent* owner) : TKvImportBaseComponent(owner) {
@@ -38,7 +41,18 @@ void TKvImportFromDataSet::BeforeImport() {
 Variant TKvImportFromDataSet::GetFieldValue(const Variant& value) {
     const std::string name = value.AsString();
     auto it = fieldsByName_.find(name);
-    if (it == fieldsByName_.end()) it = fieldsByName_.emplace(name, sourceDataset_->FindField(name)).first;
+    if (it == fieldsByName_.end()) {
+        TField* field = sourceDataset_->FindField(name);
+        // "Field3" names the third field, for a name no mapping line can spell (GetColumnFieldName).
+        if (!field && name.size() > strField.size() && SameText(name.substr(0, strField.size()), strField)) {
+            int64_t number = 0;
+            for (size_t i = strField.size(); i < name.size() && number <= sourceDataset_->FieldCount(); ++i)
+                number = name[i] >= '0' && name[i] <= '9' ? number * 10 + (name[i] - '0') : INT64_MAX;
+            if (number >= 1 && number <= sourceDataset_->FieldCount())
+                field = &sourceDataset_->Fields(static_cast<int>(number - 1));
+        }
+        it = fieldsByName_.emplace(name, field).first;
+    }
     if (it->second) return it->second->Value();
     return TKvImportBaseComponent::GetFieldValue(value);
 }

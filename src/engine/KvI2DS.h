@@ -29,6 +29,8 @@ protected:
     bool NeedMore() override { return !sourceDataset_->Eof(); }
     int GetTotalCount() override { return sourceDataset_->RecordCount(); }
     Variant GetFieldValue(const Variant& value) override;
+    /// Bracketed when the name is no plain identifier; strField + its number when brackets cannot hold it.
+    std::string GetColumnFieldName(int index) const override { return ColumnReference(index); }
     void Notification(TComponent* component, TOperation operation) override;
 
 private:

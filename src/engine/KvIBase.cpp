@@ -62,6 +62,23 @@ void TKvImportBaseComponent::RegisterLookupTable(const std::string& name, TDataS
     lookupTables_.emplace_back(name, table);
 }
 
+std::string TKvImportBaseComponent::ColumnReference(int index) const {
+    const std::string& name = columns_.Columns(index).FieldName;
+    // Letters, digits, "_" and "." (not starting with a digit) read as one name; anything else ("Qty-2",
+    // "Last Name", "2019") would be an expression or a number.
+    bool plain = !name.empty() && !(name[0] >= '0' && name[0] <= '9');
+    bool bracketable = !name.empty();
+    for (unsigned char c : name) {
+        if (!(c >= 0x80 || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+              c == '_' || c == '.'))
+            plain = false;
+        if (c == '"' || c == '\'' || c == ']') bracketable = false;
+    }
+    if (plain) return name;
+    if (bracketable) return "[" + name + "]";
+    return strField + IntToStr(static_cast<int64_t>(index) + 1);
+}
+
 void TKvImportBaseComponent::AddWarning(TKvIWarning warning) {
     warnings_.push_back(std::move(warning));
     if (OnWarning) OnWarning(this, warnings_.back());

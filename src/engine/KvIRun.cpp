@@ -156,6 +156,7 @@ void TKvImportBaseComponent::RunRows() {
         sqlPending_.clear();
         sqlFile_.reset();
         if (!sqlFileName_.empty()) sqlFile_ = std::make_unique<TFileStream>(sqlFileName_, fmCreate);
+        for (const std::string& statement : sqlPrologue_) AddStatement(statement);
     }
     IKvFrontEnd& ui = FrontEnd();
 

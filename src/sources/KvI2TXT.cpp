@@ -20,21 +20,11 @@ std::string TKvImportFromText::FillFileFilters() const {
 }
 
 std::string TKvImportFromText::GetColumnFieldName(int index) const {
-    const std::string& name = Columns().Columns(index).FieldName;
-    // A name of letters, digits, "_" and "." (not starting with a digit) reads as itself; anything else
-    // ("Qty-2", "Last Name", "Price ($)") would be an expression, so it goes in brackets, unless a quote
-    // in it would end the brackets early: then the column is named by its number.
-    bool plain = !name.empty() && !(name[0] >= '0' && name[0] <= '9');
-    bool bracketable = !name.empty();
-    for (unsigned char c : name) {
-        if (!(c >= 0x80 || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-              c == '_' || c == '.'))
-            plain = false;
-        if (c == '"' || c == '\'' || c == ']') bracketable = false;
-    }
-    if (plain) return name;
-    if (bracketable || Fixed()) return "[" + name + "]";
-    return strField + IntToStr(static_cast<int64_t>(index) + 1);
+    // Fixed-width columns are ranges, never numbered fields: brackets are all they can have.
+    const std::string reference = ColumnReference(index);
+    if (Fixed() && reference.rfind(strField, 0) == 0 && reference != Columns().Columns(index).FieldName)
+        return "[" + Columns().Columns(index).FieldName + "]";
+    return reference;
 }
 
 bool TKvImportFromText::NotDefined(std::string& propName) {
@@ -90,6 +80,10 @@ void TKvImportFromText::AfterImport() {
 int TKvImportFromText::GetTotalCount() {
     const int64_t n = file_.RowCount();
     return n > INT32_MAX ? INT32_MAX : static_cast<int>(n);
+}
+
+int64_t TKvImportFromText::SourceRecordNumber() {
+    return row_ < file_.RowCount() ? file_.LineNumber(row_) : TKvImportBaseComponent::SourceRecordNumber();
 }
 
 void TKvImportFromText::SetCurrentRow(int64_t row, bool readAhead) {

@@ -43,6 +43,8 @@ protected:
     void GoFirst() override { row_ = 0; }
     void GoNext() override { ++row_; }
     bool NeedMore() override { return row_ < file_.RowCount(); }
+    /// The line where the current record starts.
+    int64_t SourceRecordNumber() override;
     int GetTotalCount() override;
     bool LoadRecord() override;
     Variant GetFieldValue(const Variant& value) override;

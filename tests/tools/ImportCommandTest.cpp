@@ -2,6 +2,8 @@
 
 #include "TestSupport.h"
 
+#include <sqlite3.h>
+
 namespace kv {
 namespace {
 
@@ -75,21 +77,60 @@ TEST_F(ImportCommand, SqlInsteadOfChangingTheTable) {
         RunCli({"import", src, "--source-table", "customers", "--db", dest, "--sql", sql, "--mode",
                 "appendupdate", "--keys", "ID", "--map", "ID=ID", "--map", "NAME=NAME + '!'", "--quiet"});
     EXPECT_EQ(r.Status, 0) << r.Err;
-    EXPECT_EQ(test::ReadFile(sql), "UPDATE [customers] SET [ID] = 1, [NAME] = 'Ada!' WHERE [ID] = 1;\r\n"
-                                   "INSERT INTO [customers] ([ID], [NAME]) VALUES (2, 'O''Hara!');\r\n"
-                                   "INSERT INTO [customers] ([ID], [NAME]) VALUES (3, 'Cy!');\r\n");
+    EXPECT_EQ(test::ReadFile(sql),
+              "UPDATE \"customers\" SET \"ID\" = 1, \"NAME\" = 'Ada!' WHERE \"ID\" = 1;\r\n"
+              "INSERT INTO \"customers\" (\"ID\", \"NAME\") VALUES (2, 'O''Hara!');\r\n"
+              "INSERT INTO \"customers\" (\"ID\", \"NAME\") VALUES (3, 'Cy!');\r\n");
     EXPECT_EQ(SqliteQuery(dest, "SELECT count(*) FROM customers"), "1"); // untouched
+}
+
+// A script for a table the import would create starts by creating it, and replays on an empty database
+// whatever the names hold.
+TEST_F(ImportCommand, SqlScriptsReplayOnAnEmptyDatabase) {
+    SqliteQuery(src, "CREATE TABLE odd(\"[x]\" INTEGER, \"a\"\"b\" TEXT, \"c]d\" REAL); "
+                     "INSERT INTO odd VALUES (1, 'it''s', 1.5), (2, NULL, NULL);");
+    const std::string sql = dir.File("odd.sql");
+    test::CliResult r =
+        RunCli({"import", src, "--source-table", "odd", "--db", dest, "--sql", sql, "--quiet"});
+    ASSERT_EQ(r.Status, 0) << r.Err;
+    EXPECT_EQ(SqliteQuery(dest, "SELECT count(*) FROM sqlite_master"), "0"); // nothing created in dest
+    const std::string replay = dir.File("replay.sqlite");
+    SqliteQuery(replay, test::ReadFile(sql));
+    EXPECT_EQ(SqliteQuery(replay, "SELECT * FROM odd"), SqliteQuery(src, "SELECT * FROM odd"));
+    EXPECT_EQ(SqliteQuery(replay, "SELECT group_concat(name, ' ') FROM pragma_table_info('odd')"),
+              "[x] a\"b c]d");
 }
 
 TEST_F(ImportCommand, FailingRowsAreReportedAndTheOthersImported) {
     SqliteQuery(dest, "CREATE TABLE t(ID INTEGER, BAL REAL NOT NULL)");
     test::CliResult r = RunCli({"import", src, "--source-table", "customers", "--db", dest, "--table", "t",
                                 "--map", "ID=ID", "--map", "BAL=BALANCE"});
-    EXPECT_EQ(r.Status, 0);
+    EXPECT_EQ(r.Status, 4); // finished, with problems
     EXPECT_EQ(r.Err, "Row 2: NOT NULL constraint failed: t.BAL\n");
     EXPECT_NE(r.Out.find("Added: 2\n"), std::string::npos) << r.Out;
-    EXPECT_NE(r.Out.find("Errors: 1\n"), std::string::npos) << r.Out;
+    EXPECT_NE(r.Out.find("Errors: 1\nThe data import process has finished with problems.\n"),
+              std::string::npos)
+        << r.Out;
     EXPECT_EQ(SqliteQuery(dest, "SELECT ID FROM t"), "1\n3");
+    // The user may say that failed rows are acceptable.
+    r = RunCli({"import", src, "--source-table", "customers", "--db", dest, "--table", "t", "--map", "ID=ID",
+                "--map", "BAL=BALANCE", "--allow-errors", "--quiet"});
+    EXPECT_EQ(r.Status, 0);
+}
+
+TEST_F(ImportCommand, AnUnwritableDatabaseFailsAtTheFirstRow) {
+    SqliteQuery(dest, "CREATE TABLE t(ID INTEGER)");
+    // Another connection holds the write lock for the whole run.
+    sqlite3* other = nullptr;
+    ASSERT_EQ(sqlite3_open(dest.c_str(), &other), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(other, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+    test::CliResult r = RunCli({"import", src, "--source-table", "customers", "--db", dest, "--table", "t",
+                                "--map", "ID=ID", "--quiet"});
+    sqlite3_exec(other, "ROLLBACK", nullptr, nullptr, nullptr);
+    sqlite3_close(other);
+    EXPECT_EQ(r.Status, 1);
+    EXPECT_NE(r.Err.find("database is locked\n"), std::string::npos) << r.Err;
+    EXPECT_EQ(r.Err.find("Row "), std::string::npos) << r.Err;
 }
 
 TEST_F(ImportCommand, AbortingKeepsOnlyWholeCommits) {
@@ -99,13 +140,13 @@ TEST_F(ImportCommand, AbortingKeepsOnlyWholeCommits) {
         RunCli({"import", src, "--source-table", "customers", "--db", dest, "--table", "t", "--map", "ID=ID",
                 "--map", "BAL=IIF(ID = 5, NULL, 1)", "--commit-count", "3", "--abort-on-error"});
     EXPECT_EQ(r.Status, 1);
-    EXPECT_NE(r.Err.find("Row 5: "), std::string::npos) << r.Err;
-    EXPECT_NE(r.Err.find("The last 2 rows written since the last commit were rolled back"), std::string::npos)
+    EXPECT_NE(r.Err.find("Row 5, column BAL: "), std::string::npos) << r.Err;
+    EXPECT_NE(r.Err.find("The last row written since the last commit was rolled back"), std::string::npos)
         << r.Err;
     EXPECT_NE(r.Out.find("An error has occurred during the data import process.\n"), std::string::npos)
         << r.Out;
-    // Row 3 opened the second transaction: rows 3 and 4 are rolled back with the failure.
-    EXPECT_EQ(SqliteQuery(dest, "SELECT group_concat(ID) FROM t"), "1,2");
+    // Commits of exactly three rows: rows 1 to 3 stay, row 4 goes with the failure.
+    EXPECT_EQ(SqliteQuery(dest, "SELECT group_concat(ID) FROM t"), "1,2,3");
 }
 
 TEST_F(ImportCommand, UsageAndSetupErrors) {

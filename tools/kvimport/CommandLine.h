@@ -38,6 +38,12 @@ private:
 };
 
 /// Exit statuses of the program.
-enum ExitCode { ExitOk = 0, ExitFailed = 1, ExitUsage = 2, ExitCanceled = 3 };
+enum ExitCode {
+    ExitOk = 0,       ///< every row imported or deliberately skipped
+    ExitFailed = 1,   ///< the run could not be done (the reason on stderr)
+    ExitUsage = 2,    ///< the program was called wrongly
+    ExitCanceled = 3, ///< canceled by Ctrl-C or at the parameter prompt
+    ExitProblems = 4  ///< finished, but rows failed or data is in doubt (unless --allow-errors)
+};
 
 } // namespace kv::cli

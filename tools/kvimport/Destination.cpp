@@ -33,26 +33,37 @@ void Destination::Prepare(const std::string& table, SourceSetup& source,
             sql += TKvSQLiteDatabase::QuoteIdentifier(columns[i].Name);
             if (!columns[i].Type.empty()) sql += " " + columns[i].Type;
         }
-        database_->Execute(sql + ")");
+        sql += ")";
+        database_->Execute(sql);
+        createStatement_ = sql;
     }
     dataSet_->SetTableName(table);
     dataSet_->Open();
 }
 
-void Destination::AddLookup(const std::string& name) {
+void Destination::AddLookup(const std::string& name, TKvImportBaseComponent& component) {
     if (!database_->TableExists(name)) throw Exception("The lookup table \"" + name + "\" does not exist.");
     auto* lookup = new TKvSQLiteDataSet(&root_);
-    lookup->SetName(name);
     lookup->SetDatabase(database_);
     lookup->SetTableName(name);
+    component.RegisterLookupTable(name, lookup);
 }
 
 void Destination::AttachTransactions(TKvImportBaseComponent& component) {
     if (sqlOnly_) return;
     component_ = &component;
+    // The component's own commit points fall before the row that completes a count, so its first
+    // transaction holds one row less than the rest. Commits here follow the rows done instead: every
+    // transaction holds exactly CommitCount rows, and a failed run keeps whole ones only.
     component.OnStartTransaction = [this](TObject*) {
-        if (database_->InTransaction()) Commit();
-        database_->StartTransaction();
+        if (!database_->InTransaction()) database_->StartTransaction();
+    };
+    component.OnAfterRecordEvent = [this](TObject*, bool&) {
+        const int count = component_->CommitCount();
+        if (count > 0 && component_->Statistic().TotalImported % count == 0 && database_->InTransaction()) {
+            Commit();
+            database_->StartTransaction();
+        }
     };
     // The run finishes its last transaction whatever happened; whether that one is kept is decided after
     // the run (committed when it succeeded, rolled back when it failed), so the handler leaves it open.

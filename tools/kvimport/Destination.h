@@ -18,11 +18,15 @@ public:
 
     /// Opens `table`, creating it from the source's columns (or the mapping's fields) when it is missing.
     void Prepare(const std::string& table, SourceSetup& source, const std::vector<std::string>& maps);
+    /// The table was created by Prepare (its column types are a guess from the source).
+    bool Created() const { return !createStatement_.empty(); }
+    /// The statement that created it ("" when it existed).
+    const std::string& CreateStatement() const { return createStatement_; }
     /// Table `name` of the database becomes findable by LOOKUP under that name.
-    void AddLookup(const std::string& name);
+    void AddLookup(const std::string& name, TKvImportBaseComponent& component);
     TDataSet& DataSet() { return *dataSet_; }
-    /// Starts a transaction at each commit point, committing the open one first; the last one is left to
-    /// Commit or Rollback after the run.
+    /// Runs the import in transactions of exactly CommitCount rows each (the first one too); the last one
+    /// is left to Commit or Rollback after the run.
     void AttachTransactions(TKvImportBaseComponent& component);
     void Commit();
     /// Rolls back the open transaction (after a failed run).
@@ -39,6 +43,7 @@ private:
     int Writes() const;
     int committedWrites_ = 0;
     int rolledBack_ = 0;
+    std::string createStatement_;
 };
 
 } // namespace kv::cli

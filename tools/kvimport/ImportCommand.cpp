@@ -90,18 +90,31 @@ int Run(const ImportOptions& o, CommandKind kind) {
 
     Destination destination(o.Database, o.SqlFile.has_value(), root);
     destination.Prepare(table, *source, {c.Mappings().begin(), c.Mappings().end()});
-    for (const std::string& name : o.Lookups) destination.AddLookup(name);
+    for (const std::string& name : o.Lookups) destination.AddLookup(name, c);
     c.SetDataSet(&destination.DataSet());
+    // The types of a created table are a guess from part of the source: a later value that fits none of
+    // them is kept as the text it is rather than losing its row.
+    c.SetKeepUnconvertedValues(destination.Created());
     if (o.SqlFile) {
         c.SetActionKind(akGenerateSQL);
         c.SetSQLFileName(*o.SqlFile);
         c.SetKeepSQLScript(false); // the file receives the statements as they come
         c.SetTableName(table);
-        // Apostrophes around texts: what every SQL database reads as a text literal.
+        // Apostrophes around texts and double quotes around names: what SQL databases read as such,
+        // with the quote doubled inside.
         c.SQLOptions().SQLQuote = U'\'';
+        c.SQLOptions().FieldNameOptions().SQLQuoteOpen = U'"';
+        c.SQLOptions().FieldNameOptions().SQLQuoteClose = U'"';
+        // A script meant for an empty database creates the table it fills.
+        if (destination.Created()) c.SetSQLPrologue({destination.CreateStatement() + ";"});
     }
     destination.AttachTransactions(c);
 
+    c.OnWarning = [&](TObject*, const TKvIWarning& w) {
+        ui.ClearLine();
+        std::cerr << "Warning: " << (w.Line > 0 ? "line " + std::to_string(w.Line) + ": " : std::string())
+                  << w.Message << '\n';
+    };
     // Each failing row once, even when its error passes from the write to the row's outer guard.
     int errors = 0, lastReportedRow = -1;
     c.OnErrorEvent = [&](TObject*, const std::exception& e, bool& abort) {
@@ -110,8 +123,10 @@ int Run(const ImportOptions& o, CommandKind kind) {
             ++errors;
             lastReportedRow = row;
             ui.ClearLine();
+            const TKvIErrorPlace& place = c.ErrorPlace();
             const auto* own = dynamic_cast<const Exception*>(&e);
-            std::cerr << "Row " << row << ": " << (own ? own->Message() : std::string(e.what())) << '\n';
+            std::cerr << "Row " << place.Record << (place.Field.empty() ? "" : ", column " + place.Field)
+                      << ": " << (own ? own->Message() : std::string(e.what())) << '\n';
         }
         abort = o.AbortOnError;
     };
@@ -133,7 +148,7 @@ int Run(const ImportOptions& o, CommandKind kind) {
     if (!o.Quiet && result != irUnknown) PrintSummary(c, errors);
     switch (result) {
     case irExecuted:
-        return ExitOk;
+        return c.HadProblems() && !o.AllowErrors ? ExitProblems : ExitOk;
     case irFailed:
         return ExitFailed;
     default:

@@ -36,6 +36,7 @@ const char* const ImportUsage =
     "  --trim none|right|left|both trim blanks of source values\n"
     "  --skip-empty-rows           skip rows whose values are all blank\n"
     "  --abort-on-error            stop at the first failing row (default: report it and go on)\n"
+    "  --allow-errors              failed rows and warnings still end with exit status 0\n"
     "  --quiet                     no progress line and no summary\n"
     "\n"
     "Reading values:\n"
@@ -46,14 +47,16 @@ const char* const ImportUsage =
     "  --date-format MASK          read dates by a mask such as DD.MM.YYYY HH:NN\n"
     "  --true TEXT  --false TEXT   the texts of booleans\n"
     "\n"
-    "Text sources (.csv .txt .dat .prn .tab .asc, '-' for standard input, --clipboard):\n"
+    "Text sources (.csv .tsv .txt .dat .prn .tab .asc, '-' for standard input, --clipboard):\n"
     "  --delimiter tab|comma|semicolon|space|none|C   --qualifier quot|apos|none|C\n"
     "  --record-separator crlf|cr|lf|TEXT   --fixed   --line-length N\n"
-    "  --first-row N   --last-row N   --names-row N   --max-scan-rows N\n"
+    "  --first-row N   --last-row N   --names-row N   --max-scan-rows N (-1: every row)\n"
+    "  --encoding auto|utf-8|windows-1252|utf-16le|utf-16be   --keep-empty-rows (blank lines as rows)\n"
     "\n"
     "At the end the counts are printed (Processed, Added, Updated, Deleted, Skipped, Errors) with the\n"
     "run's message. Each failing row is reported on stderr as 'Row N: message'.\n"
-    "Exit status: 0 done, 1 failed, 2 usage error, 3 canceled.\n"
+    "Exit status: 0 done, 1 failed, 2 usage error, 3 canceled, 4 finished with problems (rows failed or\n"
+    "data in doubt; 0 with --allow-errors).\n"
     "\n"
     "Examples:\n"
     "  kvimport import old.sqlite --source-table customers --db new.sqlite\n"
@@ -189,6 +192,20 @@ ImportOptions ParseImportOptions(const std::vector<std::string>& args, CommandKi
             o.Lookups.push_back(value());
         else if (opt == "abort-on-error")
             o.AbortOnError = true;
+        else if (opt == "allow-errors")
+            o.AllowErrors = true;
+        else if (opt == "keep-empty-rows")
+            o.KeepEmptyRows = true;
+        else if (opt == "encoding")
+            o.Encoding = Choice<std::string>(opt, value(),
+                                             {{"auto", "auto"},
+                                              {"utf-8", "utf-8"},
+                                              {"utf8", "utf-8"},
+                                              {"windows-1252", "windows-1252"},
+                                              {"cp1252", "windows-1252"},
+                                              {"latin1", "windows-1252"},
+                                              {"utf-16le", "utf-16le"},
+                                              {"utf-16be", "utf-16be"}});
         else if (opt == "quiet" || opt == "q")
             o.Quiet = true;
         else if (opt == "clipboard")
@@ -216,9 +233,10 @@ ImportOptions ParseImportOptions(const std::vector<std::string>& args, CommandKi
             o.NamesRow = Number(opt, value());
         else if (opt == "max-scan-rows")
             o.MaxScanRows = Number(opt, value());
-        else if (opt == "rows" && kind == CommandKind::Preview)
+        else if (opt == "rows" && kind == CommandKind::Preview) {
             o.PreviewRows = Number(opt, value());
-        else
+            if (o.PreviewRows < 0) throw UsageError("--rows expects a number of rows, 0 or more");
+        } else
             throw UsageError("unknown option --" + opt);
     }
     if (o.Clipboard) {

@@ -35,6 +35,7 @@ struct ImportOptions {
     std::optional<std::string> SqlFile;
     std::vector<std::string> Lookups;
     bool AbortOnError = false;
+    bool AllowErrors = false;
     bool Quiet = false;
 
     // text sources
@@ -42,6 +43,8 @@ struct ImportOptions {
     std::optional<std::string> RecordSeparator;
     std::optional<bool> Fixed;
     std::optional<int> LineLength, FirstRow, LastRow, NamesRow, MaxScanRows;
+    std::optional<std::string> Encoding; ///< "auto" or a name TextEncodingByName knows
+    bool KeepEmptyRows = false;
     int PreviewRows = 10;
 };
 

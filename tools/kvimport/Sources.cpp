@@ -35,6 +35,13 @@ std::string SourceSetup::SqlType(const TKvIColumn& column) const {
     }
 }
 
+void CheckSourceFile(const std::string& file) {
+    std::error_code error;
+    if (std::filesystem::is_directory(file, error))
+        throw EFOpenError("Cannot open file \"" + file + "\". " + SysErrorMessage(EISDIR));
+    if (!FileExists(file)) throw EFOpenError("Cannot open file \"" + file + "\". " + SysErrorMessage(ENOENT));
+}
+
 namespace {
 
 /// A table of another SQLite database.
@@ -43,8 +50,7 @@ public:
     SQLiteSource(const std::string& file, const std::string& table, TComponent& root)
         : database_(new TKvSQLiteDatabase(&root)), table_(new TKvSQLiteDataSet(&root)),
           component_(new TKvImportFromDataSet(&root)), file_(file) {
-        if (!FileExists(file))
-            throw EFOpenError("Cannot open file \"" + file + "\". " + SysErrorMessage(ENOENT));
+        CheckSourceFile(file);
         database_->Open(file);
         if (!database_->TableExists(table))
             throw Exception("The source database has no table \"" + table + "\".");
@@ -96,7 +102,8 @@ std::string FormatOf(const ImportOptions& o) {
     if (o.Clipboard || o.Source == "-") return "text";
     const std::string ext = Lower(std::filesystem::path(o.Source).extension().string());
     if (ext == ".sqlite" || ext == ".sqlite3" || ext == ".db" || ext == ".db3") return "sqlite";
-    if (ext == ".csv" || ext == ".txt" || ext == ".dat" || ext == ".prn" || ext == ".tab" || ext == ".asc")
+    if (ext == ".csv" || ext == ".tsv" || ext == ".txt" || ext == ".dat" || ext == ".prn" || ext == ".tab" ||
+        ext == ".asc")
         return "text";
     throw UsageError("cannot tell the format of '" + o.Source +
                      "' from its extension; use --format sqlite|text");

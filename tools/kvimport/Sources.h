@@ -31,6 +31,8 @@ public:
     virtual std::string SqlType(const TKvIColumn& column) const;
 };
 
+/// EFOpenError "Cannot open file ..." unless `file` is a file that exists (a directory says so).
+void CheckSourceFile(const std::string& file);
 /// The source named by the options of `kvimport import` (and `preview`), with --spec loaded.
 std::unique_ptr<SourceSetup> OpenSource(const ImportOptions& options, TComponent& root);
 /// The source a specification file names (`kvimport run`), with the specification loaded.

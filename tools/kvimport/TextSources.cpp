@@ -54,14 +54,15 @@ public:
             component_->SetSourceText(std::move(bytes));
             component_->SetSourceFileName("-");
         } else {
-            if (!FileExists(file))
-                throw EFOpenError("Cannot open file \"" + file + "\". " + SysErrorMessage(ENOENT));
+            CheckSourceFile(file);
             TFileStream stream(file, fmOpenRead | fmShareDenyNone);
             sample = FirstLine(stream.ReadString(65536));
             component_->SetSourceFileName(file);
         }
         const std::string ext = LowerCase(std::filesystem::path(file).extension().string());
-        component_->SetFieldDelimiterCustom(SniffDelimiter(sample, ext == ".csv" ? U',' : U'\t'));
+        // Tab-separated files say so by their name; others are judged by their first line.
+        component_->SetFieldDelimiterCustom(
+            ext == ".tsv" ? U'\t' : SniffDelimiter(sample, ext == ".csv" ? U',' : U'\t'));
         component_->SetTextQualifierCustom(U'"');
         // Names in the first row, data from the second: a common file needs no options.
         component_->SetRowFieldNames(1);
