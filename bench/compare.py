@@ -5,7 +5,7 @@ Each benchmark is a list of (label, setup, command) entries: `setup` (a shell co
 prepares a fresh destination, `command` is timed. Rounds alternate the tools so that a noisy machine
 hurts all of them alike.
 
-    bench/compare.py csv      [--rows N] [--rounds R]   CSV into a typed SQLite table
+    bench/compare.py csv      [--rows N] [--rounds R] [--baseline KVIMPORT]   CSV into a typed SQLite table
     bench/compare.py sqlite   [--rows N] [--rounds R]   table to table in SQLite, append and appendupdate
 """
 
@@ -67,11 +67,16 @@ def csv_benchmark(args, work, kvimport):
     python = (f"{sys.executable} -c \"import csv,sqlite3; c=sqlite3.connect('{db}'); f=open('{data}', newline='', "
               f"encoding='utf-8'); r=csv.reader(f); next(r); c.executemany('INSERT INTO orders VALUES "
               f"(?,?,?,?,?,?,?)', r); c.commit()\"")
-    compare(f"{args.rows:,} CSV rows into a typed SQLite table ({os.path.getsize(data) / 1e6:.0f} MB)", [
-        ("kvimport import", fresh, f"{kvimport} import {data} --db {db} --table orders --quiet"),
+    entries = [("kvimport import", fresh, f"{kvimport} import {data} --db {db} --table orders --quiet")]
+    if args.baseline:
+        entries.append(("kvimport import (baseline build)", fresh,
+                        f"{args.baseline} import {data} --db {db} --table orders --quiet"))
+    entries += [
         ("sqlite3 .import --csv", fresh, f"sqlite3 {db} '.import --csv --skip 1 {data} orders'"),
         ("Python csv + executemany", fresh, python),
-    ], args.rounds)
+    ]
+    compare(f"{args.rows:,} CSV rows into a typed SQLite table ({os.path.getsize(data) / 1e6:.0f} MB)", entries,
+            args.rounds)
 
 
 def sqlite_benchmark(args, work, kvimport):
@@ -107,6 +112,7 @@ def main():
     parser.add_argument("--rows", type=int, default=1000000)
     parser.add_argument("--rounds", type=int, default=3)
     parser.add_argument("--kvimport", default=os.path.join(ROOT, "build", "kvimport"))
+    parser.add_argument("--baseline", help="another kvimport build to time beside this one (csv only)")
     parser.add_argument("--work", default=os.path.join(ROOT, "out", "bench"))
     args = parser.parse_args()
     for tool in ("sqlite3", args.kvimport):
