@@ -112,8 +112,7 @@ int Run(const ImportOptions& o, CommandKind kind) {
 
     c.OnWarning = [&](TObject*, const TKvIWarning& w) {
         ui.ClearLine();
-        std::cerr << "Warning: " << (w.Line > 0 ? "line " + std::to_string(w.Line) + ": " : std::string())
-                  << w.Message << '\n';
+        std::cerr << WarningText(w) << '\n';
     };
     // Each failing row once, even when its error passes from the write to the row's outer guard.
     int errors = 0, lastReportedRow = -1;

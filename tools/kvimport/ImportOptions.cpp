@@ -252,6 +252,10 @@ ImportOptions ParseImportOptions(const std::vector<std::string>& args, CommandKi
     return o;
 }
 
+std::string WarningText(const TKvIWarning& w) {
+    return "Warning: " + (w.Line > 0 ? "line " + std::to_string(w.Line) + ": " : std::string()) + w.Message;
+}
+
 void ApplyImportOptions(const ImportOptions& o, TKvImportBaseComponent& c) {
     if (!o.Maps.empty()) {
         c.Mappings().Clear();

@@ -54,6 +54,8 @@ enum class CommandKind { Import, Run, Preview };
 ImportOptions ParseImportOptions(const std::vector<std::string>& args, CommandKind kind);
 /// Puts the options that were given into the component (after any specification was loaded).
 void ApplyImportOptions(const ImportOptions& options, TKvImportBaseComponent& component);
+/// A source's warning as the program prints it: "Warning: line N: message".
+std::string WarningText(const TKvIWarning& warning);
 /// The usage texts.
 extern const char* const ImportUsage;
 extern const char* const RunUsage;

@@ -66,6 +66,8 @@ int RunPreview(const std::vector<std::string>& args) {
     ApplyImportOptions(o, c);
     const std::vector<std::vector<std::string>> rows = source->Preview(std::max(o.PreviewRows, 0));
     const TKvIColumns& columns = c.Columns();
+    // What the import would warn of, the preview says too.
+    for (const TKvIWarning& w : c.Warnings()) std::cerr << WarningText(w) << '\n';
 
     std::cout << "Columns:\n";
     size_t nameWidth = 4;
