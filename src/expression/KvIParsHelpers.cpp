@@ -325,9 +325,9 @@ double NumericCoercion(const Variant& v) {
     if (v.IsNullOrEmpty()) return 0;
     if (v.IsOrdinal()) return static_cast<double>(v.AsInt64());
     const TFormatSettings& fs = DefaultFormatSettings;
-    if (v.VarType() == varDouble && fs.DecimalSeparator == U'.' && fs.ThousandSeparator != U'.' &&
-        fs.CurrencyString.find_first_of("0123456789.Ee+-") == std::string::npos) {
-        // Same result as the text round trip below: the text of a double has 15 significant digits.
+    if (v.VarType() == varDouble) {
+        // A number (a literal, a computed value) is no text to read by the regional settings; it keeps the
+        // 15 significant digits its text would have.
         double d = v.AsDouble();
         if (!std::isfinite(d)) return 0;
         char buffer[40];
