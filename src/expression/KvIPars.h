@@ -226,7 +226,8 @@ public:
     void Remove(int index);
     TKvIParserFunction& GetFunction(int index);
     int Count() const { return static_cast<int>(items_.size()); }
-    /// The function of that name, compared case-insensitively; nullptr when none.
+    /// The function of that name, compared case-insensitively (the latest added when several have it);
+    /// nullptr when none.
     TKvIParserFunction* FunctionByName(std::string_view name);
     void Clear() { items_.clear(); }
 

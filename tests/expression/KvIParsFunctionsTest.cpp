@@ -163,6 +163,17 @@ TEST_F(UserFunctions, DefinitionsAndArguments) {
     EXPECT_NE(lstKvIRegFunctions.FunctionByName("hyp"), nullptr);
 }
 
+TEST_F(UserFunctions, ALaterDefinitionReplacesAnEarlierOne) {
+    lstKvIRegFunctions.AddFunction("PI()=3.14159");
+    EXPECT_EQ(Eval("PI"), "double:3.14159");
+    EXPECT_EQ(Eval("pi * 2"), "double:6.28318");
+    lstKvIRegFunctions.AddFunction("pi(X)=X");
+    EXPECT_EQ(Eval("PI(7)"), "double:7");
+    lstKvIRegFunctions.Remove(lstKvIRegFunctions.Count() - 1);
+    lstKvIRegFunctions.Remove(lstKvIRegFunctions.Count() - 1);
+    EXPECT_EQ(Eval("PI"), "double:3.14");
+}
+
 TEST_F(UserFunctions, InvalidDefinitions) {
     const std::pair<const char*, const char*> cases[] = {
         {"NOEQUALS", "Function \"NOEQUALS\" is not valid."},
