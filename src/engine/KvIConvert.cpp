@@ -130,14 +130,22 @@ void TKvImportBaseComponent::ParserEvaluate(TObject* sender, const std::string& 
             own = false;
         }
     }
+    bool userFunction = false;
     if (!own) {
-        if (const TKvIParameter* parameter = parameters_.ParamByName(eval))
+        if (const TKvIParameter* parameter = parameters_.ParamByName(eval)) {
             value = parameter->Value;
-        else
+        } else if (lstKvIRegFunctions.FunctionByName(eval)) {
+            // The parser computes a user function once the handler leaves the name to it.
+            userFunction = true;
+            done = false;
+        } else {
             value = GetFieldValue(value);
-        if (OnParsedValue) OnParsedValue(this, convertingField_, value);
+        }
+        if (OnParsedValue && !userFunction) OnParsedValue(this, convertingField_, value);
     }
     if (OnParserEvaluate) OnParserEvaluate(sender, eval, args, argCount, isChild, value, done);
+    // The name is no value to finish: the function's result takes its place.
+    if (userFunction && !done) return;
     FinishValue(value, isChild, sender);
 }
 

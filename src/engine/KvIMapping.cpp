@@ -149,7 +149,9 @@ void TKvImportBaseComponent::BuildArrayIntersection() {
         if (entry.HostName) {
             entry.NameValue = Variant(entry.Name);
             UnquoteName(entry.NameValue);
-            entry.PlainColumn = !StatisticCounter(entry.Name);
+            // A user function's name is computed by the function, not read from the source.
+            entry.PlainColumn =
+                !StatisticCounter(entry.Name) && !lstKvIRegFunctions.FunctionByName(entry.Name);
         }
         if (!fieldNames_.empty()) fieldNames_ += ';';
         fieldNames_ += entry.FieldName;

@@ -31,6 +31,10 @@ protected:
         DataFormats().CurrencyString = "$";
     }
     TKvIDataFormats& DataFormats() { return imp.DataFormats(); }
+    ~Convert() override {
+        while (lstKvIRegFunctions.Count() > 1) lstKvIRegFunctions.Remove(lstKvIRegFunctions.Count() - 1);
+    }
+
     static std::string ValueText(const Variant& v) {
         if (v.IsNull()) return "null";
         if (v.VarType() == varDate) return "date:" + DateTimeToISO8601(v.AsDateTime());
@@ -343,6 +347,32 @@ TEST_F(Convert, NumberLiteralsWhateverTheRegionalSettings) {
     EXPECT_EQ(Converted(ftFloat, "2", "V * 1.5"), "double:3");
     EXPECT_EQ(Converted(ftFloat, "1,5"), "double:1,5"); // the source value by the data formats
     EXPECT_EQ(Converted(ftFloat, "x", "1.5 * 2 + 0.25 * 4"), "double:4");
+}
+
+TEST_F(Convert, UserFunctionsWithoutArguments) {
+    lstKvIRegFunctions.AddFunction("RATE()=3");
+    lstKvIRegFunctions.AddFunction("PI()=3.14159"); // a later definition replaces the start-up one
+    for (const char* mapping : {"RATE", "rate", "[RATE]"}) {
+        EXPECT_EQ(Converted(ftFloat, "2", mapping), "double:3") << mapping;
+        imp.OnParserEvaluate = [](TObject*, const std::string&, const std::vector<Variant>&, int, bool,
+                                  Variant&, bool&) {};
+        EXPECT_EQ(Converted(ftFloat, "2", mapping), "double:3") << mapping << " through the general handler";
+        imp.OnParserEvaluate = nullptr;
+    }
+    EXPECT_EQ(Converted(ftFloat, "2", "V * RATE"), "double:6");
+    EXPECT_EQ(Converted(ftFloat, "2", "PI"), "double:3.14159");
+    // Its result is no source text to convert: an integer field takes it as the number it is.
+    EXPECT_EQ(Import(ftInteger, "2", "RATE"), "3");
+    lstKvIRegFunctions.AddFunction("TIMES(X)=X*RATE");
+    EXPECT_EQ(Import(ftInteger, "2", "TIMES(V)"), "6");
+
+    // A parameter of that name (names of parameters are case-sensitive) comes first.
+    TKvIParameter& p = imp.Parameters().Add();
+    p.SetName("RATE");
+    p.SetExpression("5");
+    p.SetParameterMode(ipmCalculate);
+    EXPECT_EQ(Converted(ftFloat, "2", "RATE"), "double:5");
+    EXPECT_EQ(Converted(ftFloat, "2", "V * RATE"), "double:10");
 }
 
 TEST_F(Convert, SubstituteParametersAndLookup) {
