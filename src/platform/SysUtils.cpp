@@ -329,24 +329,35 @@ struct DecimalNumber {
 // s.size() bytes) and takes it apart. A "." that is not the decimal separator becomes a character no
 // number has, so that it cannot pass for one.
 bool SplitDecimal(std::string_view s, const TDecimalText& format, char* buffer, DecimalNumber& number) {
-    char decimal[4], thousand[4];
+    char decimal[4] = {}, thousand[4] = {};
     const size_t decimalLen = format.DecimalSeparator ? Utf8EncodeTo(format.DecimalSeparator, decimal) : 0;
     size_t thousandLen = format.ThousandSeparator ? Utf8EncodeTo(format.ThousandSeparator, thousand) : 0;
-    if (thousandLen == decimalLen && std::memcmp(thousand, decimal, decimalLen) == 0) thousandLen = 0;
+    if (thousandLen == decimalLen && std::memcmp(thousand, decimal, decimalLen) == 0) {
+        thousandLen = 0;
+        thousand[0] = 0;
+    }
     s = TrimView(s);
     const size_t currency =
         format.CurrencyString.empty() ? std::string_view::npos : s.find(format.CurrencyString);
+    // Separators are compared by their first byte before the rest: this runs for every source value.
+    const auto at = [&](size_t i, const char* what, size_t len) {
+        return len && s[i] == what[0] && (len == 1 || s.compare(i, len, what, len) == 0);
+    };
     size_t n = 0;
     for (size_t i = 0; i < s.size();) {
+        const char c = s[i];
         if (i == currency) {
             i += format.CurrencyString.size();
-        } else if (thousandLen && s.compare(i, thousandLen, thousand, thousandLen) == 0) {
+        } else if (c >= '0' && c <= '9' && c != thousand[0] && c != decimal[0]) {
+            buffer[n++] = c;
+            ++i;
+        } else if (at(i, thousand, thousandLen)) {
             i += thousandLen;
-        } else if (decimalLen && s.compare(i, decimalLen, decimal, decimalLen) == 0) {
+        } else if (at(i, decimal, decimalLen)) {
             buffer[n++] = '.';
             i += decimalLen;
         } else {
-            buffer[n++] = s[i] == '.' ? '#' : s[i];
+            buffer[n++] = c == '.' ? '#' : c;
             ++i;
         }
     }
