@@ -5,6 +5,9 @@
 #include "engine/Impcnst.h"
 #include "engine/KvIBase.h"
 #include "engine/KvIMIME.h"
+#include "platform/DateUtils.h"
+#include "platform/Exceptions.h"
+#include "platform/Format.h"
 #include "platform/FormatSettings.h"
 #include "platform/SysUtils.h"
 #include "platform/Utf8.h"
@@ -15,11 +18,6 @@ namespace {
 
 void StripPair(std::string& s, char open, char close) {
     if (s.size() >= 2 && s.front() == open && s.back() == close) s = s.substr(1, s.size() - 2);
-}
-
-void RemoveAll(std::string& s, std::string_view what) {
-    if (what.empty()) return;
-    for (size_t p = s.find(what); p != std::string::npos; p = s.find(what, p)) s.erase(p, what.size());
 }
 
 std::string CharText(char32_t c) {
@@ -134,14 +132,22 @@ void TKvImportBaseComponent::ParserEvaluate(TObject* sender, const std::string& 
             own = false;
         }
     }
+    bool userFunction = false;
     if (!own) {
-        if (const TKvIParameter* parameter = parameters_.ParamByName(eval))
+        if (const TKvIParameter* parameter = parameters_.ParamByName(eval)) {
             value = parameter->Value;
-        else
+        } else if (lstKvIRegFunctions.FunctionByName(eval)) {
+            // The parser computes a user function once the handler leaves the name to it.
+            userFunction = true;
+            done = false;
+        } else {
             value = GetFieldValue(value);
-        if (OnParsedValue) OnParsedValue(this, convertingField_, value);
+        }
+        if (OnParsedValue && !userFunction) OnParsedValue(this, convertingField_, value);
     }
     if (OnParserEvaluate) OnParserEvaluate(sender, eval, args, argCount, isChild, value, done);
+    // The name is no value to finish: the function's result takes its place.
+    if (userFunction && !done) return;
     FinishValue(value, isChild, sender);
 }
 
@@ -182,16 +188,26 @@ void TKvImportBaseComponent::FinishValue(Variant& value, bool isChild, TObject* 
     if (!isChild && convertingField_) ConvertForField(*convertingField_, value, isChild, sender);
 }
 
-TDateTime TKvImportBaseComponent::ReadByMask(std::string_view text, const std::string& mask,
-                                             std::unique_ptr<TKvDateMask>& reader) {
-    const char32_t dateSeparator = dataFormats_.DateSeparator, timeSeparator = dataFormats_.TimeSeparator;
+namespace {
+
+// The reader of `mask`, made again only when the separators it was made with have changed.
+const TKvDateMask& MaskReader(std::unique_ptr<TKvDateMask>& reader, const std::string& mask,
+                              char32_t dateSeparator, char32_t timeSeparator) {
     if (!reader || reader->DateSeparator() != dateSeparator || reader->TimeSeparator() != timeSeparator)
         reader = std::make_unique<TKvDateMask>(mask, dateSeparator, timeSeparator);
-    return reader->Read(text);
+    return *reader;
+}
+
+} // namespace
+
+TDateTime TKvImportBaseComponent::ReadByMask(std::string_view text, const std::string& mask,
+                                             std::unique_ptr<TKvDateMask>& reader) {
+    return MaskReader(reader, mask, dataFormats_.DateSeparator, dataFormats_.TimeSeparator).Read(text);
 }
 
 void TKvImportBaseComponent::ConvertForField(TField& field, Variant& value, bool isChild, TObject* sender) {
     (void)sender;
+    (void)isChild; // only the whole expression's value comes here
     const TFieldType type = field.DataType();
     if (value.IsString()) {
         const std::string& s = value.StringRef();
@@ -207,10 +223,13 @@ void TKvImportBaseComponent::ConvertForField(TField& field, Variant& value, bool
     }
     if (!value.IsString()) return;
 
-    // Every branch reads the text before it replaces the value, and never after.
+    // Every branch reads the text before it replaces the value, and never after. Text that fits no value
+    // of the field's type is a row error, or stays the text it is for a destination that keeps it.
     const std::string& text = value.StringRef();
     const std::string_view trimmed = TrimView(text);
-    const std::string& fieldName = field.FieldName();
+    const auto unconverted = [&](const std::string& message) {
+        if (!keepUnconverted_) throw EConvertError(Format(message, text));
+    };
     if (type == ftBoolean) {
         if (text == dataFormats_.BooleanTrue || text == "True" || text == "1" || text == "T" || text == "Y")
             value = Variant(true);
@@ -219,53 +238,30 @@ void TKvImportBaseComponent::ConvertForField(TField& field, Variant& value, bool
             value = Variant(false);
         else if (text == "-1")
             value = Variant::Null(); // deliberately: "-1" is no answer
-    } else if (IsIntegerType(type)) {
-        if (trimmed.empty() || SameText(trimmed, fieldName)) {
-            value = Variant(0);
-        } else if (!isChild) {
-            // Integer fields hold 64 bits here; a numeric text that is no integer raises the conversion's
-            // error.
+    } else if (IsIntegerType(type) || type == ftFloat || type == ftCurrency || type == ftBCD) {
+        if (trimmed.empty()) {
+            value = Variant::Null(); // blanks are no number
+            return;
+        }
+        TDecimalText format;
+        format.DecimalSeparator = dataFormats_.DecimalSeparator;
+        format.ThousandSeparator = dataFormats_.ThousandSeparator;
+        format.CurrencyString = dataFormats_.CurrencyString;
+        if (IsIntegerType(type)) {
             int64_t n;
-            if (TryStrToInt64(trimmed, n))
+            if (TryReadDecimalInt64(trimmed, n, format))
                 value = Variant::FromInt(n);
-            else if (StringIsNumeric(text))
-                value = Variant::FromInt(StrToInt64(trimmed));
-        }
-    } else if (type == ftFloat || type == ftCurrency || type == ftBCD) {
-        if (trimmed.empty() || SameText(trimmed, fieldName)) {
-            value = Variant(0);
+            else
+                unconverted(strNotAnInteger);
             return;
         }
-        TDecimalSeparatorSwap swap(dataFormats_.DecimalSeparator);
-        std::string t = text;
-        if (dataFormats_.ThousandSeparator) {
-            char thousand[8];
-            const size_t n = Utf8EncodeTo(dataFormats_.ThousandSeparator, thousand);
-            RemoveAll(t, std::string_view(thousand, n));
-        }
-        if (!dataFormats_.CurrencyString.empty()) {
-            size_t p = t.find(dataFormats_.CurrencyString);
-            if (p != std::string::npos) t.erase(p, dataFormats_.CurrencyString.size());
-        }
-        if (SameText(t, fieldName)) {
-            value = Variant(0);
-            return;
-        }
-        if (SameText(t, "NULL")) {
-            value = Variant::Null();
-            return;
-        }
-        char decimalBytes[8];
-        const std::string_view decimal(decimalBytes,
-                                       Utf8EncodeTo(dataFormats_.DecimalSeparator, decimalBytes));
-        if (!decimal.empty() && t.rfind(decimal, 0) == 0) t.insert(0, "0");
-        // Read with the import's separator (swapped in above) and, failing that, as "." would be: the
-        // text counts as a number either way.
         double d;
-        if (TryStrToFloat(t, d) || (StringIsNumeric(t) && (d = StrToFloat(t), true)))
+        if (TryReadDecimalFloat(trimmed, d, format))
             value = Variant(d);
+        else if (IsWord(trimmed, "NULL"))
+            value = Variant::Null();
         else
-            value = Variant(t);
+            unconverted(strNotAFloat);
     } else if (type == ftDate || type == ftDateTime) {
         bool onlySeparators = true;
         for (size_t pos = 0; pos < text.size() && onlySeparators;) {
@@ -273,24 +269,31 @@ void TKvImportBaseComponent::ConvertForField(TField& field, Variant& value, bool
             onlySeparators = c <= U' ' || c == U'/' || c == U':' || c == dataFormats_.DateSeparator ||
                              c == dataFormats_.TimeSeparator;
         }
-        if (onlySeparators || SameText(text, fieldName)) {
+        if (onlySeparators) {
             value = Variant::Null();
             return;
         }
+        // A zone is no part of a date-time value: the text goes on whole, to be stored as it is.
+        if (IsIsoDateTimeWithZone(trimmed)) return;
         if (dateMask_.empty()) dateMask_ = BuildDTFormat();
-        const TDateTime dt = ReadByMask(trimmed, dateMask_, dateReader_);
-        if (dt != 0 && !trimmed.empty()) value = Variant::FromDateTime(dt);
+        TDateTime dt;
+        if (MaskReader(dateReader_, dateMask_, dataFormats_.DateSeparator, dataFormats_.TimeSeparator)
+                .TryRead(trimmed, dt) ||
+            TryISO8601ToDateTime(trimmed, dt))
+            value = Variant::FromDateTime(dt);
+        else
+            unconverted(strNotADate);
     } else if (type == ftTime) {
-        if (trimmed.empty() || SameText(trimmed, fieldName)) {
-            value = Variant(0);
+        if (trimmed.empty()) {
+            value = Variant::Null();
             return;
         }
         if (timeMask_.empty()) timeMask_ = BuildTimeFormat(false);
-        const TDateTime dt = ReadByMask(trimmed, timeMask_, timeReader_);
-        if (dt != 0)
-            value = Variant::FromDateTime(dt);
-        else if (!trimmed.empty())
-            value = Variant::FromDateTime(0); // unreadable time text is midnight, unlike dates
+        TDateTime dt;
+        if (!MaskReader(timeReader_, timeMask_, dataFormats_.DateSeparator, dataFormats_.TimeSeparator)
+                 .TryRead(trimmed, dt))
+            dt = 0; // unreadable time text is midnight, unlike dates
+        value = Variant::FromDateTime(dt);
     }
 }
 

@@ -226,7 +226,8 @@ public:
     void Remove(int index);
     TKvIParserFunction& GetFunction(int index);
     int Count() const { return static_cast<int>(items_.size()); }
-    /// The function of that name, compared case-insensitively; nullptr when none.
+    /// The function of that name, compared case-insensitively (the latest added when several have it);
+    /// nullptr when none.
     TKvIParserFunction* FunctionByName(std::string_view name);
     void Clear() { items_.clear(); }
 
@@ -250,6 +251,7 @@ std::string ReplaceWideStr(const std::string& text, const std::string& oldText, 
 /// Takes the text up to the first `delimiter` out of `s` (all of it when there is none) and returns it.
 std::string GetNextItem(std::string& s, std::string_view delimiter);
 /// A date-time read from `value` by the letters of `mask` (D M Y H N S); 0 where nothing valid was found.
+/// When the mask ends with the seconds, a fraction after them ("." or "," and digits) gives milliseconds.
 TDateTime GetDTByMask(std::string_view value, std::string_view mask, char32_t dateSeparator,
                       char32_t timeSeparator);
 
@@ -258,17 +260,23 @@ class TKvDateMask {
 public:
     TKvDateMask(std::string_view mask, char32_t dateSeparator, char32_t timeSeparator);
     TDateTime Read(std::string_view value) const;
+    /// As Read, with whether the value held what the mask asks for: a valid date when the mask has date
+    /// letters, else a valid time (so that day 0 at midnight is told apart from nothing).
+    bool TryRead(std::string_view value, TDateTime& out) const;
     char32_t DateSeparator() const { return dateSeparator_; }
     char32_t TimeSeparator() const { return timeSeparator_; }
 
 private:
     enum : uint8_t { kDay, kMonth, kYear, kHour, kMinute, kSecond, kNone };
     struct TParts;
-    template <class Visit> void Walk(std::string_view value, Visit visit) const;
-    TDateTime Compose(const TParts& parts, std::string_view value) const;
+    /// Hands each character of `value` to `visit` with the part of the mask it stands for; gives the
+    /// position after the last one that had a place in the mask, or npos when `visit` stopped the walk.
+    template <class Visit> size_t Walk(std::string_view value, Visit visit) const;
+    bool Compose(const TParts& parts, std::string_view value, TDateTime& out) const;
 
     char32_t dateSeparator_, timeSeparator_;
     std::vector<uint8_t> roles_; ///< the part of each character of the reduced mask
+    bool hasDate_ = false;       ///< the mask has a day, a month or a year
 };
 
 } // namespace kv

@@ -184,8 +184,9 @@ TKvIParserFunction& TKvIParserFunctions::GetFunction(int index) {
 }
 
 TKvIParserFunction* TKvIParserFunctions::FunctionByName(std::string_view name) {
-    for (auto& f : items_)
-        if (SameText(f->Name(), name)) return f.get();
+    // The latest definition of a name stands: a function defined again replaces the one before it.
+    for (auto f = items_.rbegin(); f != items_.rend(); ++f)
+        if (SameText((*f)->Name(), name)) return f->get();
     return nullptr;
 }
 

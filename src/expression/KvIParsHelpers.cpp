@@ -192,6 +192,7 @@ TKvDateMask::TKvDateMask(std::string_view mask, char32_t dateSeparator, char32_t
                 break; // letters of other kinds
             }
         }
+        hasDate_ = hasDate_ || role == kDay || role == kMonth || role == kYear;
         roles_.push_back(role);
     }
 }
@@ -202,13 +203,14 @@ struct TKvDateMask::TParts {
     bool IsNumber[kNone] = {};
     int Number[kNone] = {};
     int MonthByName = 0; ///< when the month part is longer than two characters
+    int MSec = 0;        ///< the fraction after the seconds
 };
 
-template <class Visit> void TKvDateMask::Walk(std::string_view value, Visit visit) const {
+template <class Visit> size_t TKvDateMask::Walk(std::string_view value, Visit visit) const {
     // The value's characters, separator runs reduced the same way, go pairwise with the mask's.
     bool lastWasSeparator = false;
-    size_t next = 0;
-    for (size_t pos = 0; pos < value.size() && next < roles_.size();) {
+    size_t next = 0, pos = 0;
+    while (pos < value.size() && next < roles_.size()) {
         const unsigned char b = static_cast<unsigned char>(value[pos]);
         char32_t c = b;
         if (b < 0x80)
@@ -219,17 +221,24 @@ template <class Visit> void TKvDateMask::Walk(std::string_view value, Visit visi
         if (separator && lastWasSeparator) continue;
         lastWasSeparator = separator;
         const uint8_t role = roles_[next++];
-        if (role != kNone && !visit(role, c)) return;
+        if (role != kNone && !visit(role, c)) return std::string_view::npos;
     }
+    return pos;
 }
 
 TDateTime TKvDateMask::Read(std::string_view value) const {
+    TDateTime result;
+    TryRead(value, result);
+    return result;
+}
+
+bool TKvDateMask::TryRead(std::string_view value, TDateTime& out) const {
     TParts parts;
     // Parts of digits only, the usual case, are counted as they go by; anything else goes the long way.
     int64_t numbers[kNone] = {};
     size_t counts[kNone] = {};
     bool digits = true;
-    Walk(value, [&](uint8_t role, char32_t c) {
+    size_t end = Walk(value, [&](uint8_t role, char32_t c) {
         if (c < U'0' || c > U'9') return digits = false;
         if (counts[role]++ < 10) numbers[role] = numbers[role] * 10 + (c - U'0');
         return true;
@@ -244,7 +253,7 @@ TDateTime TKvDateMask::Read(std::string_view value) const {
         if (counts[kMonth] > 2) parts.IsNumber[kMonth] = false;
     } else {
         DatePart read[kNone];
-        Walk(value, [&](uint8_t role, char32_t c) {
+        end = Walk(value, [&](uint8_t role, char32_t c) {
             read[role].Add(c);
             return true;
         });
@@ -257,11 +266,19 @@ TDateTime TKvDateMask::Read(std::string_view value) const {
             parts.MonthByName = read[kMonth].Month();
         }
     }
-    return Compose(parts, value);
+    // The mask has no letter for a fraction of a second: one right after seconds that end the mask is read.
+    if (!roles_.empty() && roles_.back() == kSecond && end != std::string_view::npos &&
+        end + 1 < value.size() && (value[end] == '.' || value[end] == ',') && value[end + 1] >= '0' &&
+        value[end + 1] <= '9') {
+        size_t pos = end + 1;
+        parts.MSec = ReadFractionMSecs(value, pos);
+    }
+    return Compose(parts, value, out);
 }
 
-TDateTime TKvDateMask::Compose(const TParts& p, std::string_view value) const {
+bool TKvDateMask::Compose(const TParts& p, std::string_view value, TDateTime& out) const {
     TDateTime result = 0;
+    bool found = false;
     if (p.Filled[kDay] && p.Filled[kMonth] && p.Filled[kYear]) {
         const int d = p.Number[kDay], y0 = p.Number[kYear];
         const int mo = p.IsNumber[kMonth] ? p.Number[kMonth] : p.MonthByName;
@@ -269,7 +286,7 @@ TDateTime TKvDateMask::Compose(const TParts& p, std::string_view value) const {
         if (ok && d > 0 && d < 32 && mo > 0 && mo < 13) {
             const int y = y0 < 100 ? ExpandTwoDigitYear(y0, DefaultFormatSettings) : y0;
             TDateTime date;
-            if (TryEncodeDate(y, mo, d, date)) result = date;
+            if (TryEncodeDate(y, mo, d, date)) result = date, found = hasDate_;
         }
     }
     if (p.Filled[kHour] && p.Filled[kMinute]) {
@@ -282,11 +299,15 @@ TDateTime TKvDateMask::Compose(const TParts& p, std::string_view value) const {
                 if (h > 23) h = 0;
             }
             TDateTime time;
-            if (h >= 0 && h <= 24 && n >= 0 && n < 60 && s >= 0 && s < 60 && TryEncodeTime(h, n, s, 0, time))
-                result += time;
+            if (h >= 0 && h <= 24 && n >= 0 && n < 60 && s >= 0 && s < 60 &&
+                TryEncodeTime(h, n, s, 0, time)) {
+                result += time + static_cast<double>(p.MSec) / static_cast<double>(MSecsPerDay);
+                found = found || !hasDate_;
+            }
         }
     }
-    return result;
+    out = result;
+    return found;
 }
 
 TDateTime GetDTByMask(std::string_view value, std::string_view mask, char32_t dateSeparator,
@@ -304,9 +325,9 @@ double NumericCoercion(const Variant& v) {
     if (v.IsNullOrEmpty()) return 0;
     if (v.IsOrdinal()) return static_cast<double>(v.AsInt64());
     const TFormatSettings& fs = DefaultFormatSettings;
-    if (v.VarType() == varDouble && fs.DecimalSeparator == U'.' && fs.ThousandSeparator != U'.' &&
-        fs.CurrencyString.find_first_of("0123456789.Ee+-") == std::string::npos) {
-        // Same result as the text round trip below: the text of a double has 15 significant digits.
+    if (v.VarType() == varDouble) {
+        // A number (a literal, a computed value) is no text to read by the regional settings; it keeps the
+        // 15 significant digits its text would have.
         double d = v.AsDouble();
         if (!std::isfinite(d)) return 0;
         char buffer[40];

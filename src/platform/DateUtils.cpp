@@ -580,6 +580,91 @@ TDateTime StrToDateTime(std::string_view s, const TFormatSettings& fs) {
     return v;
 }
 
+int ReadFractionMSecs(std::string_view text, size_t& pos) {
+    // The fourth digit decides the rounding; the ones after it cannot change it.
+    int msec = 0, digits = 0;
+    for (; pos < text.size() && text[pos] >= '0' && text[pos] <= '9'; ++pos, ++digits) {
+        if (digits < 3)
+            msec = msec * 10 + (text[pos] - '0');
+        else if (digits == 3 && text[pos] >= '5')
+            ++msec;
+    }
+    for (; digits < 3; ++digits) msec *= 10;
+    return msec;
+}
+
+namespace {
+
+// Exactly `width` digits at `pos`.
+bool IsoDigits(std::string_view s, size_t pos, size_t width, int& out) {
+    if (pos + width > s.size()) return false;
+    out = 0;
+    for (size_t i = pos; i < pos + width; ++i) {
+        if (s[i] < '0' || s[i] > '9') return false;
+        out = out * 10 + (s[i] - '0');
+    }
+    return true;
+}
+
+// "yyyy-mm-dd[(T| )hh:nn[:ss[(.|,)f...]]]" from the start of `s`; `pos` is left after what was read.
+bool ScanIsoDateTime(std::string_view s, size_t& pos, TDateTime& out, bool& hasTime) {
+    int year, month, day;
+    if (!IsoDigits(s, 0, 4, year) || s.size() < 10 || s[4] != '-' || !IsoDigits(s, 5, 2, month) ||
+        s[7] != '-' || !IsoDigits(s, 8, 2, day))
+        return false;
+    TDateTime date;
+    if (!TryEncodeDate(year, month, day, date)) return false;
+    pos = 10;
+    hasTime = false;
+    out = date;
+    if (pos == s.size() || (s[pos] != 'T' && s[pos] != 't' && s[pos] != ' ')) return true;
+    int hour, minute, second = 0;
+    if (!IsoDigits(s, pos + 1, 2, hour) || pos + 3 >= s.size() || s[pos + 3] != ':' ||
+        !IsoDigits(s, pos + 4, 2, minute))
+        return true; // the date alone; what follows is for the caller to judge
+    pos += 6;
+    int64_t msec = 0;
+    if (pos < s.size() && s[pos] == ':') {
+        if (!IsoDigits(s, pos + 1, 2, second)) return false;
+        pos += 3;
+        if (pos + 1 < s.size() && (s[pos] == '.' || s[pos] == ',') && s[pos + 1] >= '0' && s[pos + 1] <= '9')
+            msec = ReadFractionMSecs(s, ++pos);
+    }
+    if (hour > 23 || minute > 59 || second > 59) return false;
+    const int64_t ms = ((hour * 60LL + minute) * 60 + second) * 1000 + msec;
+    const TDateTime time = static_cast<double>(ms) / static_cast<double>(MSecsPerDay);
+    out = date >= 0 ? date + time : date - time;
+    hasTime = true;
+    return true;
+}
+
+} // namespace
+
+bool TryISO8601ToDateTime(std::string_view text, TDateTime& out) {
+    size_t pos = 0;
+    bool hasTime;
+    TDateTime value;
+    if (!ScanIsoDateTime(text, pos, value, hasTime) || pos != text.size()) return false;
+    out = value;
+    return true;
+}
+
+bool IsIsoDateTimeWithZone(std::string_view text) {
+    text = TrimView(text);
+    size_t pos = 0;
+    bool hasTime;
+    TDateTime ignored;
+    if (!ScanIsoDateTime(text, pos, ignored, hasTime) || !hasTime || pos == text.size()) return false;
+    const std::string_view zone = text.substr(pos);
+    if (zone == "Z" || zone == "z") return true;
+    if (zone[0] != '+' && zone[0] != '-') return false;
+    int hours, minutes = 0;
+    if (!IsoDigits(zone, 1, 2, hours) || hours > 23) return false;
+    if (zone.size() == 3) return true;
+    const size_t at = zone[3] == ':' ? 4 : 3;
+    return zone.size() == at + 2 && IsoDigits(zone, at, 2, minutes) && minutes <= 59;
+}
+
 namespace {
 
 // Digits written straight into a buffer: ISO texts are made for every date a database receives.

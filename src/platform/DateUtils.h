@@ -83,7 +83,20 @@ TDateTime StrToDate(std::string_view s, const TFormatSettings& fs = DefaultForma
 TDateTime StrToTime(std::string_view s, const TFormatSettings& fs = DefaultFormatSettings);
 TDateTime StrToDateTime(std::string_view s, const TFormatSettings& fs = DefaultFormatSettings);
 
-/// "yyyy-mm-dd", "hh:nn:ss[.zzz]" or "yyyy-mm-dd hh:nn:ss[.zzz]" (the kinds SQL databases read).
+/// The milliseconds of a decimal fraction whose digits start at `pos` of `text` (after the point),
+/// rounded: 1000 when it rounds up to a whole second. `pos` is left after the digits.
+int ReadFractionMSecs(std::string_view text, size_t& pos);
+/// Reads "yyyy-mm-dd", optionally followed by "T" or a blank and "hh:nn[:ss[.fff]]" (a comma may stand
+/// for the point; the fraction is rounded to milliseconds), whatever the regional settings say. No zone
+/// and nothing around it.
+bool TryISO8601ToDateTime(std::string_view text, TDateTime& out);
+/// True when `text`, blanks around it aside, is an ISO 8601 date and time followed by a zone: "Z",
+/// "+hh", "+hhmm" or "+hh:mm" (or with "-"). Such a text names an instant that a TDateTime, which has no
+/// zone, cannot hold.
+bool IsIsoDateTimeWithZone(std::string_view text);
+
+/// "yyyy-mm-dd", "hh:nn:ss[.zzz]" or "yyyy-mm-dd hh:nn:ss[.zzz]" (the kinds SQL databases read); the
+/// milliseconds are written only when they are not 0.
 std::string DateToISO8601(TDateTime value);
 std::string TimeToISO8601(TDateTime value);
 std::string DateTimeToISO8601(TDateTime value);

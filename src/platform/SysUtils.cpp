@@ -318,6 +318,132 @@ double StrToFloat(std::string_view s, const TFormatSettings& fs) {
 
 namespace {
 
+// A decimal text as TryReadDecimal* take it apart: the digits on either side of the point, the exponent.
+struct DecimalNumber {
+    bool Negative = false;
+    std::string_view Whole, Fraction, Plain; ///< Plain: sign, digits, "." and exponent, nothing else
+    int64_t Exponent = 0;
+};
+
+// Writes `s` without grouping and currency, with "." for the decimal separator, into `buffer` (room for
+// s.size() bytes) and takes it apart. A "." that is not the decimal separator becomes a character no
+// number has, so that it cannot pass for one.
+bool SplitDecimal(std::string_view s, const TDecimalText& format, char* buffer, DecimalNumber& number) {
+    char decimal[4] = {}, thousand[4] = {};
+    const size_t decimalLen = format.DecimalSeparator ? Utf8EncodeTo(format.DecimalSeparator, decimal) : 0;
+    size_t thousandLen = format.ThousandSeparator ? Utf8EncodeTo(format.ThousandSeparator, thousand) : 0;
+    if (thousandLen == decimalLen && std::memcmp(thousand, decimal, decimalLen) == 0) {
+        thousandLen = 0;
+        thousand[0] = 0;
+    }
+    s = TrimView(s);
+    const size_t currency =
+        format.CurrencyString.empty() ? std::string_view::npos : s.find(format.CurrencyString);
+    // Separators are compared by their first byte before the rest: this runs for every source value.
+    const auto at = [&](size_t i, const char* what, size_t len) {
+        return len && s[i] == what[0] && (len == 1 || s.compare(i, len, what, len) == 0);
+    };
+    size_t n = 0;
+    for (size_t i = 0; i < s.size();) {
+        const char c = s[i];
+        if (i == currency) {
+            i += format.CurrencyString.size();
+        } else if (c >= '0' && c <= '9' && c != thousand[0] && c != decimal[0]) {
+            buffer[n++] = c;
+            ++i;
+        } else if (at(i, thousand, thousandLen)) {
+            i += thousandLen;
+        } else if (at(i, decimal, decimalLen)) {
+            buffer[n++] = '.';
+            i += decimalLen;
+        } else {
+            buffer[n++] = c == '.' ? '#' : c;
+            ++i;
+        }
+    }
+    std::string_view t = TrimView(std::string_view(buffer, n));
+    number.Plain = t;
+    size_t i = 0;
+    if (i < t.size() && (t[i] == '-' || t[i] == '+')) number.Negative = t[i++] == '-';
+    const size_t wholeStart = i;
+    while (i < t.size() && t[i] >= '0' && t[i] <= '9') ++i;
+    number.Whole = t.substr(wholeStart, i - wholeStart);
+    if (i < t.size() && t[i] == '.') {
+        const size_t fractionStart = ++i;
+        while (i < t.size() && t[i] >= '0' && t[i] <= '9') ++i;
+        number.Fraction = t.substr(fractionStart, i - fractionStart);
+    }
+    if (number.Whole.empty() && number.Fraction.empty()) return false;
+    if (i < t.size() && (t[i] == 'e' || t[i] == 'E')) {
+        bool negative = false;
+        if (++i < t.size() && (t[i] == '-' || t[i] == '+')) negative = t[i++] == '-';
+        const size_t exponentStart = i;
+        for (; i < t.size() && t[i] >= '0' && t[i] <= '9'; ++i)
+            if (number.Exponent < 100000) number.Exponent = number.Exponent * 10 + (t[i] - '0');
+        if (i == exponentStart) return false;
+        if (negative) number.Exponent = -number.Exponent;
+    }
+    return i == t.size();
+}
+
+// A buffer on the stack for the texts numbers usually are, on the heap for longer ones.
+class DecimalBuffer {
+public:
+    explicit DecimalBuffer(size_t size) {
+        if (size > sizeof small_) large_.resize(size);
+    }
+    char* Data() { return large_.empty() ? small_ : large_.data(); }
+
+private:
+    char small_[64];
+    std::string large_;
+};
+
+} // namespace
+
+bool TryReadDecimalInt64(std::string_view s, int64_t& out, const TDecimalText& format) {
+    DecimalBuffer buffer(s.size());
+    DecimalNumber number;
+    if (!SplitDecimal(s, format, buffer.Data(), number)) return false;
+    // The value is digits * 10^scale, the digits being the whole and the fraction digits together.
+    std::string_view whole = number.Whole, fraction = number.Fraction;
+    int64_t scale = number.Exponent - static_cast<int64_t>(fraction.size());
+    while (!whole.empty() && whole.front() == '0') whole.remove_prefix(1);
+    if (whole.empty())
+        while (!fraction.empty() && fraction.front() == '0') fraction.remove_prefix(1);
+    while (scale < 0 && !fraction.empty() && fraction.back() == '0') fraction.remove_suffix(1), ++scale;
+    if (fraction.empty())
+        while (scale < 0 && !whole.empty() && whole.back() == '0') whole.remove_suffix(1), ++scale;
+    const size_t digits = whole.size() + fraction.size();
+    if (digits == 0) {
+        out = 0;
+        return true;
+    }
+    if (scale < 0 || static_cast<int64_t>(digits) + scale > 19) return false;
+    uint64_t magnitude = 0;
+    for (std::string_view part : {whole, fraction})
+        for (char c : part) magnitude = magnitude * 10 + static_cast<uint64_t>(c - '0');
+    for (int64_t k = 0; k < scale; ++k)
+        if (__builtin_mul_overflow(magnitude, uint64_t{10}, &magnitude)) return false;
+    if (number.Negative) {
+        if (magnitude > 9223372036854775808ull) return false;
+        out = magnitude == 9223372036854775808ull ? INT64_MIN : -static_cast<int64_t>(magnitude);
+    } else {
+        if (magnitude > 9223372036854775807ull) return false;
+        out = static_cast<int64_t>(magnitude);
+    }
+    return true;
+}
+
+bool TryReadDecimalFloat(std::string_view s, double& out, const TDecimalText& format) {
+    static const TFormatSettings invariant = InvariantFormatSettings();
+    DecimalBuffer buffer(s.size());
+    DecimalNumber number;
+    return SplitDecimal(s, format, buffer.Data(), number) && TryStrToFloat(number.Plain, out, invariant);
+}
+
+namespace {
+
 std::string DecimalText(char32_t separator) {
     return separator < 0x80 ? std::string(1, static_cast<char>(separator)) : Utf8Encode(separator);
 }

@@ -47,6 +47,23 @@ bool TryStrToFloat(std::string_view s, double& out, const TFormatSettings& fs = 
 /// As TryStrToFloat; raises EConvertError "'%s' is not a valid floating point value".
 double StrToFloat(std::string_view s, const TFormatSettings& fs = DefaultFormatSettings);
 
+/// How a source writes its numbers, for TryReadDecimalInt64 and TryReadDecimalFloat.
+struct TDecimalText {
+    char32_t DecimalSeparator = U'.';
+    /// Removed wherever it stands; 0 when numbers have no grouping.
+    char32_t ThousandSeparator = 0;
+    /// Removed once, wherever it stands; empty for none.
+    std::string_view CurrencyString;
+};
+
+/// Reads a decimal number strictly: blanks around it, an optional sign, digits with at most one decimal
+/// separator (at least one digit), an optional exponent "E[+-]digits"; grouping and currency as `format`
+/// says. No hexadecimal, no other characters. A value that is a whole number is read exactly ("12.0",
+/// "1e3"); a fraction or a whole number beyond 64 bits is no integer.
+bool TryReadDecimalInt64(std::string_view s, int64_t& out, const TDecimalText& format);
+/// As TryReadDecimalInt64, for a floating-point value (an overflow is no number, an underflow is 0).
+bool TryReadDecimalFloat(std::string_view s, double& out, const TDecimalText& format);
+
 /// The shortest text of `value` with up to 15 significant digits: fixed notation while the integral part
 /// has at most 15 digits and the value is at least 0.00001, scientific ("1.5E20", "1E-7") otherwise.
 std::string FloatToStr(double value, const TFormatSettings& fs = DefaultFormatSettings);

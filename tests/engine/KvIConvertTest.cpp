@@ -3,7 +3,11 @@
 
 #include "EngineTestSupport.h"
 #include "engine/KvIMIME.h"
+#include "expression/ExpressionTestSupport.h"
 #include "platform/DateUtils.h"
+#include "platform/Format.h"
+#include "platform/Streams.h"
+#include "sources/KvI2TXT.h"
 
 namespace kv {
 namespace {
@@ -16,9 +20,10 @@ protected:
         imp.SetSourceDataset(&source);
         imp.SetDataSet(&dest);
         imp.OnErrorEvent = [this](TObject*, const std::exception& e, bool& abort) {
-            error = e.what();
+            if (error.empty()) error = e.what();
             abort = false;
         };
+        imp.OnGetCellParams = [this](TObject*, TField*, Variant& v) { converted = ValueText(v); };
         DataFormats().DateOrder = doDMY;
         DataFormats().DateSeparator = U'/';
         DataFormats().DecimalSeparator = U'.';
@@ -26,6 +31,15 @@ protected:
         DataFormats().CurrencyString = "$";
     }
     TKvIDataFormats& DataFormats() { return imp.DataFormats(); }
+    ~Convert() override {
+        while (lstKvIRegFunctions.Count() > 1) lstKvIRegFunctions.Remove(lstKvIRegFunctions.Count() - 1);
+    }
+
+    static std::string ValueText(const Variant& v) {
+        if (v.IsNull()) return "null";
+        if (v.VarType() == varDate) return "date:" + DateTimeToISO8601(v.AsDateTime());
+        return test::TypedText(v);
+    }
 
     std::string Import(TFieldType type, const std::string& text, const std::string& mapping = "V") {
         source.Close();
@@ -40,25 +54,39 @@ protected:
         imp.Mappings().Clear();
         imp.Mappings().Add("FIELD=" + mapping);
         error.clear();
+        converted.clear();
         imp.Execute();
         if (!error.empty()) return "error:" + error;
         if (dest.RowCount() != 1) return "no row";
         const Variant& v = dest.Row(0)[0];
         if (v.IsNull()) return "null";
-        if (v.VarType() == varDate) return "date:" + FormatDateTime("yyyy-mm-dd hh:nn:ss", v.AsDateTime());
+        if (v.VarType() == varDate) return "date:" + DateTimeToISO8601(v.AsDateTime());
         if (v.VarType() == varBytes) return "bytes:" + v.StringRef();
         return v.AsString();
     }
-    // Import, checked against the general name handler: a plain column takes a shorter way, which must
-    // end where the handler's steps end (an evaluation event makes the engine take them all).
-    std::string ImportBothWays(TFieldType type, const std::string& text) {
-        const std::string plain = Import(type, text);
+    // What the conversion made of the text ("kind:text"), whether or not the field can store it; the
+    // conversion's own error otherwise.
+    std::string Converted(TFieldType type, const std::string& text, const std::string& mapping = "V") {
+        const std::string stored = Import(type, text, mapping);
+        return converted.empty() ? stored : converted;
+    }
+    // Import (or Converted), checked against the general name handler: a plain column takes a shorter
+    // way, which must end where the handler's steps end (an evaluation event makes the engine take them
+    // all).
+    std::string ImportBothWays(TFieldType type, const std::string& text, bool conversion = false) {
+        const auto run = [&](const std::string& mapping) {
+            return conversion ? Converted(type, text, mapping) : Import(type, text, mapping);
+        };
+        const std::string plain = run("V");
         imp.OnParserEvaluate = [](TObject*, const std::string&, const std::vector<Variant>&, int, bool,
                                   Variant&, bool&) {};
-        EXPECT_EQ(Import(type, text), plain) << text << " through the general handler";
+        EXPECT_EQ(run("V"), plain) << text << " through the general handler";
         imp.OnParserEvaluate = nullptr;
-        EXPECT_EQ(Import(type, text, "[V]"), plain) << text << " by its bracketed name";
+        EXPECT_EQ(run("[V]"), plain) << text << " by its bracketed name";
         return plain;
+    }
+    std::string ConvertBothWays(TFieldType type, const std::string& text) {
+        return ImportBothWays(type, text, true);
     }
 
     test::ScopedFormatSettings settings_;
@@ -66,7 +94,7 @@ protected:
     TKvMemDataSet& source = *new TKvMemDataSet(&root);
     TKvMemDataSet& dest = *new TKvMemDataSet(&root);
     TKvImportFromDataSet& imp = *new TKvImportFromDataSet(&root);
-    std::string error;
+    std::string error, converted;
 };
 
 TEST_F(Convert, TextIntoTypedFields) {
@@ -85,28 +113,182 @@ TEST_F(Convert, TextIntoTypedFields) {
         {ftBoolean, "yes", "error:Could not convert variant of type (String) into type (Boolean)"},
         {ftInteger, "42", "42"},
         {ftInteger, " 42 ", "42"},
-        {ftInteger, "FIELD", "0"}, // a header row read as data
-        {ftInteger, "  ", "0"},
+        {ftInteger, "  ", "null"},
         {ftInteger, "1.5", "error:'1.5' is not a valid integer value"},
         {ftLargeint, "9000000000", "9000000000"},
         {ftFloat, "$1,234.50", "1234.5"},
         {ftFloat, ".5", "0.5"},
-        {ftFloat, "field", "0"},
         {ftFloat, "null", "null"},
         {ftFloat, "-2.5e3", "-2500"},
-        {ftFloat, "abc", "error:Could not convert variant of type (String) into type (Double)"},
+        {ftFloat, "abc", "error:'abc' is not a valid floating point value"},
         {ftDate, "07/03/2026", "date:2026-03-07 00:00:00"},
         {ftDateTime, "07/03/2026 14:05:09", "date:2026-03-07 14:05:09"},
         {ftDate, "/ /", "null"},
-        {ftDate, "FIELD", "null"},
-        {ftDate, "2026-03-07", "date:2026-03-07 00:00:00"}, // not by the mask: the field reads it
+        {ftDate, "2026-03-07", "date:2026-03-07 00:00:00"}, // not by the mask: ISO whatever the order
         {ftTime, "14:05:09", "date:1899-12-30 14:05:09"},
         {ftTime, "soon", "date:1899-12-30 00:00:00"}, // unreadable time text is midnight
+        {ftTime, " ", "null"},
         {ftString, "  kept  ", "  kept  "},
         {ftString, "[CDATA[inner]]", "inner"},
     };
     for (const Case& c : cases)
         EXPECT_EQ(ImportBothWays(c.type, c.text), c.stored) << c.text << " as " << FieldTypeName(c.type);
+}
+
+TEST_F(Convert, ValuesEqualToANameAreData) {
+    // A text equal to its field's name (a header row read as data) is converted like any other text.
+    for (const auto& [type, message] : {std::pair{ftInteger, "'%s' is not a valid integer value"},
+                                        std::pair{ftFloat, "'%s' is not a valid floating point value"},
+                                        std::pair{ftDate, "'%s' is not a valid date"}}) {
+        for (const char* text : {"FIELD", "field", "V"})
+            EXPECT_EQ(ConvertBothWays(type, text), "error:" + Format(message, text)) << text;
+    }
+    imp.SetKeepUnconvertedValues(true);
+    EXPECT_EQ(ConvertBothWays(ftInteger, "Field"), "string:Field");
+
+    // A file whose header holds numbers: the second column is named "2019" and holds 2019.
+    TKvMemDataSet table;
+    table.AddFieldDef("year", ftInteger);
+    table.AddFieldDef("2019", ftInteger);
+    table.AddFieldDef("when", ftDate);
+    TKvImportFromText text;
+    text.SetAnimatedStatus(false);
+    text.SetDataSet(&table);
+    text.SetFieldDelimiterCustom(U',');
+    text.SetRowFirst(2);
+    text.Mappings().Add("year=year");
+    text.Mappings().Add("2019=[2019]");
+    text.Mappings().Add("when=when");
+    text.DataFormats().DateOrder = doYMD;
+    text.DataFormats().DateSeparator = U'-';
+    TStringStream stream("year,2019,when\n2019,2019,2019-01-01\n2020,year,when\n");
+    std::vector<std::string> errors;
+    text.OnErrorEvent = [&](TObject*, const std::exception& e, bool& abort) {
+        errors.push_back(e.what());
+        abort = false;
+    };
+    text.LoadFromStream(stream);
+    ASSERT_EQ(table.RowCount(), 1);
+    EXPECT_EQ(table.Row(0)[1].AsString(), "2019");
+    EXPECT_EQ(errors, std::vector<std::string>{"'year' is not a valid integer value"});
+}
+
+TEST_F(Convert, DecimalNumbersOnly) {
+    struct Case {
+        TFieldType type;
+        const char* text;
+        const char* value; // nullptr: not a number of the field's type
+    };
+    const Case cases[] = {
+        {ftInteger, "x7", nullptr},
+        {ftInteger, "x10", nullptr},
+        {ftInteger, "0x10", nullptr},
+        {ftInteger, "$10", "integer:10"}, // the currency string
+        {ftInteger, "10h", nullptr},
+        {ftInteger, "--1", nullptr},
+        {ftInteger, "1 000", nullptr},
+        {ftInteger, "+7", "integer:7"},
+        {ftInteger, "-0", "integer:0"},
+        {ftInteger, "\t42 ", "integer:42"},
+        {ftInteger, "12.0", "integer:12"},
+        {ftInteger, "1e3", "integer:1000"},
+        {ftInteger, "1.5e1", "integer:15"},
+        {ftInteger, "120e-1", "integer:12"},
+        {ftInteger, "0.000", "integer:0"},
+        {ftInteger, "1,234", "integer:1234"},
+        {ftInteger, "1,234,567.00", "integer:1234567"},
+        {ftInteger, "3.5", nullptr},
+        {ftInteger, "1e-1", nullptr},
+        {ftInteger, ".", nullptr},
+        {ftInteger, "1e", nullptr},
+        {ftLargeint, "9223372036854775807", "int64:9223372036854775807"},
+        {ftLargeint, "-9223372036854775808", "int64:-9223372036854775808"},
+        {ftLargeint, "9223372036854775808", nullptr}, // beyond 64 bits, never rounded
+        {ftLargeint, "9223372036854775807.5", nullptr},
+        {ftLargeint, "18446744073709551616", nullptr},
+        {ftLargeint, "9007199254740993", "int64:9007199254740993"}, // no double holds it
+        {ftLargeint, "1e19", nullptr},
+        {ftLargeint, "0e999999999", "integer:0"},
+        {ftFloat, "0x10", nullptr},
+        {ftFloat, "x10", nullptr},
+        {ftFloat, "inf", nullptr},
+        {ftFloat, "1.2.3", nullptr},
+        {ftFloat, "1e400", nullptr},
+        {ftFloat, "$ 1,234.5", "double:1234.5"},
+        {ftFloat, "5.", "double:5"},
+        {ftFloat, "-.25", "double:-0.25"},
+        {ftFloat, "1E-3", "double:0.001"},
+        {ftFloat, "NULL", "null"},
+        {ftCurrency, "12abc", nullptr},
+    };
+    for (const bool keep : {false, true}) {
+        imp.SetKeepUnconvertedValues(keep);
+        for (const Case& c : cases) {
+            std::string expected = c.value ? c.value : "";
+            if (!c.value && keep)
+                expected = std::string("string:") + c.text; // left as it is, for the destination
+            else if (!c.value)
+                expected = "error:" + Format(c.type == ftFloat || c.type == ftCurrency
+                                                 ? "'%s' is not a valid floating point value"
+                                                 : "'%s' is not a valid integer value",
+                                             c.text);
+            EXPECT_EQ(ConvertBothWays(c.type, c.text), expected) << c.text << " as " << FieldTypeName(c.type);
+        }
+    }
+
+    // The data formats say what a number looks like: another currency, a decimal comma.
+    imp.SetKeepUnconvertedValues(false);
+    DataFormats().CurrencyString = "EUR";
+    DataFormats().DecimalSeparator = U',';
+    DataFormats().ThousandSeparator = U'.';
+    EXPECT_EQ(Converted(ftInteger, "$10"), "error:'$10' is not a valid integer value");
+    EXPECT_EQ(Converted(ftInteger, "1.234 EUR"), "integer:1234");
+    EXPECT_EQ(Converted(ftInteger, "1.234,00"), "integer:1234");
+    EXPECT_EQ(Converted(ftFloat, "1.234,5"), "double:1234.5");
+    DataFormats().ThousandSeparator = 0;
+    EXPECT_EQ(Converted(ftFloat, "1.5"), "error:'1.5' is not a valid floating point value");
+    DataFormats().ThousandSeparator = U'\u00A0'; // a grouping of more than one byte
+    EXPECT_EQ(Converted(ftInteger, "1\u00A0234\u00A0567"), "integer:1234567");
+}
+
+TEST_F(Convert, FractionsOfSecondsAndZones) {
+    struct Case {
+        TFieldType type;
+        const char* text;
+        const char* value;
+    };
+    const Case cases[] = {
+        {ftDateTime, "07/03/2026 14:05:09.250", "date:2026-03-07 14:05:09.250"},
+        {ftDateTime, "07/03/2026 14:05:09,5", "date:2026-03-07 14:05:09.500"},
+        {ftDateTime, "07/03/2026 14:05:09.0004", "date:2026-03-07 14:05:09"},
+        {ftDateTime, "07/03/2026 14:05:59.9996", "date:2026-03-07 14:06:00"},
+        {ftTime, "14:05:09.125", "date:1899-12-30 14:05:09.125"},
+        // ISO texts read whatever the date order, with their fraction
+        {ftDateTime, "2024-01-01 10:00:00.250", "date:2024-01-01 10:00:00.250"},
+        {ftDateTime, "2024-01-01T10:00", "date:2024-01-01 10:00:00"},
+        {ftDate, "2024-02-29", "date:2024-02-29 00:00:00"},
+        // a zone stays with the text, which goes on whole
+        {ftDateTime, "2024-01-01T10:00:00Z", "string:2024-01-01T10:00:00Z"},
+        {ftDateTime, "2024-01-01 10:00:00.250+02:00", "string:2024-01-01 10:00:00.250+02:00"},
+        {ftDateTime, "2024-01-01T10:00-0530", "string:2024-01-01T10:00-0530"},
+        {ftDate, "2024-01-01T10:00:00+02", "string:2024-01-01T10:00:00+02"},
+        {ftDateTime, "31/02/2026", nullptr},
+        {ftDateTime, "2024-02-30", nullptr},
+        {ftDateTime, "2024-01-01T10:00:00+25:00", nullptr},
+        {ftDate, "soon", nullptr},
+        {ftDate, "10:30", nullptr}, // a time is no date
+    };
+    for (const bool keep : {false, true}) {
+        imp.SetKeepUnconvertedValues(keep);
+        for (const Case& c : cases) {
+            const std::string expected = c.value ? c.value
+                                         : keep  ? std::string("string:") + c.text
+                                                 : "error:" + Format("'%s' is not a valid date", c.text);
+            EXPECT_EQ(ConvertBothWays(c.type, c.text), expected) << c.text << " as " << FieldTypeName(c.type);
+        }
+    }
+    // What a date-time field stores, milliseconds and all.
+    EXPECT_EQ(Import(ftDateTime, "07/03/2026 14:05:09.250"), "date:2026-03-07 14:05:09.250");
 }
 
 TEST_F(Convert, DataFormatsDecideTheReading) {
@@ -156,6 +338,41 @@ TEST_F(Convert, ChildNamesArriveUnconverted) {
     EXPECT_EQ(Import(ftFloat, "7", "V * 2"), "14");
     EXPECT_EQ(Import(ftString, "abc", "MISSINGCOLUMN"),
               "MISSINGCOLUMN"); // a missing column passes its name on
+}
+
+TEST_F(Convert, NumberLiteralsWhateverTheRegionalSettings) {
+    test::ScopedFormatSettings german(test::GermanSettings());
+    DataFormats().DecimalSeparator = U',';
+    DataFormats().ThousandSeparator = U'.';
+    EXPECT_EQ(Converted(ftFloat, "2", "V * 1.5"), "double:3");
+    EXPECT_EQ(Converted(ftFloat, "1,5"), "double:1,5"); // the source value by the data formats
+    EXPECT_EQ(Converted(ftFloat, "x", "1.5 * 2 + 0.25 * 4"), "double:4");
+}
+
+TEST_F(Convert, UserFunctionsWithoutArguments) {
+    lstKvIRegFunctions.AddFunction("RATE()=3");
+    lstKvIRegFunctions.AddFunction("PI()=3.14159"); // a later definition replaces the start-up one
+    for (const char* mapping : {"RATE", "rate", "[RATE]"}) {
+        EXPECT_EQ(Converted(ftFloat, "2", mapping), "double:3") << mapping;
+        imp.OnParserEvaluate = [](TObject*, const std::string&, const std::vector<Variant>&, int, bool,
+                                  Variant&, bool&) {};
+        EXPECT_EQ(Converted(ftFloat, "2", mapping), "double:3") << mapping << " through the general handler";
+        imp.OnParserEvaluate = nullptr;
+    }
+    EXPECT_EQ(Converted(ftFloat, "2", "V * RATE"), "double:6");
+    EXPECT_EQ(Converted(ftFloat, "2", "PI"), "double:3.14159");
+    // Its result is no source text to convert: an integer field takes it as the number it is.
+    EXPECT_EQ(Import(ftInteger, "2", "RATE"), "3");
+    lstKvIRegFunctions.AddFunction("TIMES(X)=X*RATE");
+    EXPECT_EQ(Import(ftInteger, "2", "TIMES(V)"), "6");
+
+    // A parameter of that name (names of parameters are case-sensitive) comes first.
+    TKvIParameter& p = imp.Parameters().Add();
+    p.SetName("RATE");
+    p.SetExpression("5");
+    p.SetParameterMode(ipmCalculate);
+    EXPECT_EQ(Converted(ftFloat, "2", "RATE"), "double:5");
+    EXPECT_EQ(Converted(ftFloat, "2", "V * RATE"), "double:10");
 }
 
 TEST_F(Convert, SubstituteParametersAndLookup) {

@@ -62,6 +62,23 @@ TEST_F(Mapping, ByPositionWhenNoFieldCanTakeALine) {
     EXPECT_EQ(Lines(), (std::vector<std::string>{"A=x", "B=[y y]"}));
 }
 
+TEST_F(Mapping, ColumnNamesThatWouldReadAsExpressionsGoInBrackets) {
+    // A column named "2019" is no number literal, nor "Qty-2" a subtraction: each is read as its column.
+    source.Close();
+    source.FieldDefs().clear();
+    source.AddFieldDef("2019", ftString, 10);
+    source.AddFieldDef("Qty-2", ftString, 10);
+    source.AddFieldDef("Qty", ftString, 10);
+    source.AddFieldDef("a.b", ftString, 10);
+    source.AppendRecord({"2020", "5", "9", "x"});
+    Destination({Def("2019"), Def("Qty-2"), Def("Qty"), Def("a.b")});
+    imp.DescribeColumns();
+    imp.Columns2Mapping();
+    EXPECT_EQ(Lines(), (std::vector<std::string>{"2019=[2019]", "Qty-2=[Qty-2]", "Qty=Qty", "a.b=a.b"}));
+    imp.Execute();
+    EXPECT_EQ(DestRows(), std::vector<std::string>{"2020|5|9|x"});
+}
+
 TEST_F(Mapping, TwoColumnsMayMatchOneField) {
     Destination({Def("NAME")});
     Columns({{"name", ""}, {"NAME", ""}});

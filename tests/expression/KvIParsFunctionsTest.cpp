@@ -163,6 +163,17 @@ TEST_F(UserFunctions, DefinitionsAndArguments) {
     EXPECT_NE(lstKvIRegFunctions.FunctionByName("hyp"), nullptr);
 }
 
+TEST_F(UserFunctions, ALaterDefinitionReplacesAnEarlierOne) {
+    lstKvIRegFunctions.AddFunction("PI()=3.14159");
+    EXPECT_EQ(Eval("PI"), "double:3.14159");
+    EXPECT_EQ(Eval("pi * 2"), "double:6.28318");
+    lstKvIRegFunctions.AddFunction("pi(X)=X");
+    EXPECT_EQ(Eval("PI(7)"), "double:7");
+    lstKvIRegFunctions.Remove(lstKvIRegFunctions.Count() - 1);
+    lstKvIRegFunctions.Remove(lstKvIRegFunctions.Count() - 1);
+    EXPECT_EQ(Eval("PI"), "double:3.14");
+}
+
 TEST_F(UserFunctions, InvalidDefinitions) {
     const std::pair<const char*, const char*> cases[] = {
         {"NOEQUALS", "Function \"NOEQUALS\" is not valid."},
@@ -216,6 +227,40 @@ TEST(Helpers, GetDTByMask) {
     const int century = DecodeDateTime(Now()).Year / 100 * 100;
     const int expected = century + 1 >= DecodeDateTime(Now()).Year - 50 ? century + 1 : century + 101;
     EXPECT_EQ(DecodeDateTime(GetDTByMask("1.2.01", "D.M.YY", U'.', U':')).Year, expected);
+}
+
+TEST(Helpers, GetDTByMaskReadsAFractionAfterTheSeconds) {
+    struct Case {
+        const char* value;
+        const char* mask;
+        char32_t dateSeparator;
+        const char* expected; // DateTimeToISO8601
+    };
+    const Case cases[] = {
+        {"07/03/2026 14:05:09.250", "DD/MM/YYYY HH:NN:SS", U'/', "2026-03-07 14:05:09.250"},
+        {"07/03/2026 14:05:09,5", "DD/MM/YYYY HH:NN:SS", U'/', "2026-03-07 14:05:09.500"},
+        {"07.03.2026 14:05:09.5", "DD.MM.YYYY HH:NN:SS", U'.', "2026-03-07 14:05:09.500"},
+        {"14:05:09.0125", "HH:NN:SS", U'/', "1899-12-30 14:05:09.013"},
+        {"14:05:59.9999", "HH:NN:SS", U'/', "1899-12-30 14:06:00"},
+        {"14:05:09.", "HH:NN:SS", U'/', "1899-12-30 14:05:09"},
+        {"14:05:09.x5", "HH:NN:SS", U'/', "1899-12-30 14:05:09"},
+        {"14:05:09.5", "HH:NN", U'/', "1899-12-30 14:05:00"}, // the mask has no seconds
+        {"14:05:09.5 01/02/2026", "HH:NN:SS DD/MM/YYYY", U'/', "1899-12-30 14:05:09"}, // nor are they last
+    };
+    for (const Case& c : cases)
+        EXPECT_EQ(DateTimeToISO8601(GetDTByMask(c.value, c.mask, c.dateSeparator, U':')), c.expected)
+            << c.value << " / " << c.mask;
+
+    // TryRead tells day 0 at midnight from nothing, and asks a date of a mask that has one.
+    const TKvDateMask date("DD/MM/YYYY HH:NN", U'/', U':'), time("HH:NN:SS", U'/', U':');
+    TDateTime v = -1;
+    EXPECT_TRUE(date.TryRead("30/12/1899", v));
+    EXPECT_EQ(v, 0);
+    EXPECT_FALSE(date.TryRead("32/12/1899 10:00", v));
+    EXPECT_FALSE(date.TryRead("soon", v));
+    EXPECT_TRUE(time.TryRead("00:00:00", v));
+    EXPECT_EQ(v, 0);
+    EXPECT_FALSE(time.TryRead("24:60", v));
 }
 
 TEST(Helpers, ReplaceStrFlagsAndNumericText) {

@@ -91,6 +91,22 @@ TEST(Tree, GroupingFollowsTheOperatorTable) {
     for (auto& [text, result] : cases) EXPECT_EQ(Eval(text), result) << text;
 }
 
+TEST(Tree, NumberLiteralsReadWithThePointWhateverTheSettings) {
+    // Under a decimal comma a computed number is still a number: nothing reads it back as text.
+    test::ScopedFormatSettings german(test::GermanSettings());
+    const std::pair<const char*, const char*> cases[] = {
+        {"1.5 * 2", "double:3"},
+        {"10 / 4 - 0.5", "double:2"},
+        {"0.5 + 0.25", "double:0,75"}, // written by the regional settings
+        {"1234.5 * 1", "double:1234,5"},
+        {"2.5 ^ 2", "double:6,25"},
+        {"3 * 1.5 - 0.5", "double:4"},
+        {"(1.5 > 1.25) AND (1.5 = 1.50)", "boolean:True"},
+        {"STRTOFLOAT('1,5') * 2", "double:3"}, // text by the regional settings, as before
+    };
+    for (auto& [text, result] : cases) EXPECT_EQ(Eval(text), result) << text;
+}
+
 TEST(Tree, ErrorMessages) {
     const std::pair<const char*, const char*> cases[] = {
         {"12ab", "Compile error: syntax fault."},

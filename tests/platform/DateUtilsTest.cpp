@@ -140,5 +140,78 @@ TEST(DateUtils, ReadsTimesAndDateTimes) {
     EXPECT_EQ(DateToISO8601(EncodeDate(33, 1, 2)), "0033-01-02");
 }
 
+TEST(DateUtils, ReadsIso8601WhateverTheSettings) {
+    test::ScopedFormatSettings us(test::UsSettings());
+    struct Case {
+        const char* text;
+        const char* read; // as DateTimeToISO8601 writes it back; nullptr: no ISO date-time
+    };
+    const Case cases[] = {
+        {"2024-01-31", "2024-01-31 00:00:00"},
+        {"2024-01-31T10:05", "2024-01-31 10:05:00"},
+        {"2024-01-31 10:05:09", "2024-01-31 10:05:09"},
+        {"2024-01-31t10:05:09.25", "2024-01-31 10:05:09.250"},
+        {"2024-01-31T10:05:09,125", "2024-01-31 10:05:09.125"},
+        {"2024-01-31T10:05:09.12349", "2024-01-31 10:05:09.123"},
+        {"2024-01-31T23:59:59.9995", "2024-02-01 00:00:00"}, // rounded up into the next day
+        {"1899-12-29T06:00:00", "1899-12-29 06:00:00"},      // before day 0 the time still counts on
+        {"2024-02-30", nullptr},
+        {"2024-1-31", nullptr},
+        {"2024-01-31T24:00", nullptr},
+        {"2024-01-31T10:05:09.", nullptr},
+        {"2024-01-31T10:05.5", nullptr}, // a fraction only after seconds
+        {"2024-01-31T10:05:09Z", nullptr},
+        {" 2024-01-31", nullptr},
+        {"2024-01-31T", nullptr},
+        {"31/01/2024", nullptr},
+    };
+    for (const Case& c : cases) {
+        TDateTime v = -12345;
+        const bool read = TryISO8601ToDateTime(c.text, v);
+        EXPECT_EQ(read ? DateTimeToISO8601(v) : std::string("-"), c.read ? c.read : "-") << c.text;
+        if (!read) {
+            EXPECT_EQ(v, -12345) << c.text << " left the output alone";
+        }
+    }
+}
+
+TEST(DateUtils, TellsIsoDateTimesWithAZone) {
+    const std::pair<const char*, bool> cases[] = {
+        {"2024-01-01T10:00:00Z", true},
+        {"2024-01-01T10:00:00z", true},
+        {"2024-01-01 10:00:00+02:00", true},
+        {"2024-01-01T10:00:00.250-0530", true},
+        {"2024-01-01T10:00+02", true},
+        {"  2024-01-01T10:00:00,5Z \t", true},
+        {"2024-01-01T10:00:00", false},
+        {"2024-01-01", false},
+        {"2024-01-01Z", false}, // a zone needs a time
+        {"2024-01-01T10:00:00 +02:00", false},
+        {"2024-01-01T10:00:00+2", false},
+        {"2024-01-01T10:00:00+0200Z", false},
+        {"2024-01-01T10:00:00+24:00", false},
+        {"2024-01-01T10:00:00+02:60", false},
+        {"2024-13-01T10:00:00Z", false},
+        {"2024-01-01T10:00:00UTC", false},
+        {"", false},
+    };
+    for (const auto& [text, zoned] : cases) EXPECT_EQ(IsIsoDateTimeWithZone(text), zoned) << text;
+}
+
+TEST(DateUtils, IsoTextsReadBackWhatWasWritten) {
+    for (const TDateTime v :
+         {EncodeDateTime(2026, 3, 7, 14, 5, 9, 0), EncodeDateTime(2026, 3, 7, 14, 5, 9, 1),
+          EncodeDateTime(2026, 3, 7, 0, 0, 0, 999), EncodeDateTime(2, 1, 1, 23, 59, 59, 500),
+          EncodeDateTime(1850, 6, 1, 12, 0, 0, 250)}) {
+        const std::string text = DateTimeToISO8601(v);
+        TDateTime back;
+        ASSERT_TRUE(TryISO8601ToDateTime(text, back)) << text;
+        EXPECT_EQ(DateTimeToISO8601(back), text);
+        EXPECT_NEAR(back, v, 0.5 / static_cast<double>(MSecsPerDay)) << text;
+    }
+    EXPECT_EQ(TimeToISO8601(EncodeTime(10, 0, 0, 0)), "10:00:00"); // no fraction when there is none
+    EXPECT_EQ(TimeToISO8601(EncodeTime(10, 0, 0, 50)), "10:00:00.050");
+}
+
 } // namespace
 } // namespace kv

@@ -62,11 +62,11 @@ TEST_F(TextSource, HeaderNamesMapByName) {
     EXPECT_EQ(text.Statistic().Result, irExecuted);
 }
 
-TEST_F(TextSource, TheHeaderRowReadAsDataGivesZerosAndNulls) {
+TEST_F(TextSource, TheHeaderRowReadAsDataIsARowError) {
     Fields({{"Qty", ftInteger}, {"When", ftDate}, {"Name", ftString}});
-    // RowFirst stays 1: the header is the first data row, and each value equals its field's name.
-    EXPECT_EQ(Import("Qty,When,Name\n7,2024-01-02,a\n"), "0|null|Name\n7|2024-01-02|a\n");
-    EXPECT_TRUE(errors.empty());
+    // RowFirst stays 1: the header is the first data row, and its texts are data like any other.
+    EXPECT_EQ(Import("Qty,When,Name\n7,2024-01-02,a\n"), "7|2024-01-02|a\n");
+    EXPECT_EQ(errors, std::vector<std::string>{"'Qty' is not a valid integer value"});
 }
 
 TEST_F(TextSource, FieldReferencesAndConstants) {
