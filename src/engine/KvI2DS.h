@@ -30,7 +30,7 @@ protected:
     int GetTotalCount() override { return sourceDataset_->RecordCount(); }
     Variant GetFieldValue(const Variant& value) override;
     /// Bracketed when the name is no plain identifier; strField + its number when brackets cannot hold it.
-    std::string GetColumnFieldName(int index) const override { return ColumnReference(index); }
+    std::string GetColumnFieldName(int index) const override { return ColumnReference(index, true); }
     void Notification(TComponent* component, TOperation operation) override;
 
 private:

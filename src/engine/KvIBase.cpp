@@ -62,11 +62,11 @@ void TKvImportBaseComponent::RegisterLookupTable(const std::string& name, TDataS
     lookupTables_.emplace_back(name, table);
 }
 
-std::string TKvImportBaseComponent::ColumnReference(int index) const {
+std::string TKvImportBaseComponent::ColumnReference(int index, bool byNumber) const {
     const std::string& name = columns_.Columns(index).FieldName;
-    // Letters, digits, "_" and "." (not starting with a digit) read as one name; anything else ("Qty-2",
-    // "Last Name", "2019") would be an expression or a number.
-    bool plain = !name.empty() && !(name[0] >= '0' && name[0] <= '9');
+    // A name of letters, digits, "_" and "." that starts with neither a digit nor "." reads as itself; any
+    // other ("2019", "Qty-2", "Last Name") would be read as a number or an expression.
+    bool plain = !name.empty() && !(name[0] >= '0' && name[0] <= '9') && name[0] != '.';
     bool bracketable = !name.empty();
     for (unsigned char c : name) {
         if (!(c >= 0x80 || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
@@ -75,7 +75,7 @@ std::string TKvImportBaseComponent::ColumnReference(int index) const {
         if (c == '"' || c == '\'' || c == ']') bracketable = false;
     }
     if (plain) return name;
-    if (bracketable) return "[" + name + "]";
+    if (bracketable || !byNumber) return "[" + name + "]";
     return strField + IntToStr(static_cast<int64_t>(index) + 1);
 }
 

@@ -262,9 +262,10 @@ protected:
     virtual void ProcessRowsForColumnTypes() {}
     /// Fills Columns; the base describes the destination's fields.
     virtual void DetectAutoMapping();
-    /// How column `index` can be named in a mapping line so that it reads back as that column: its name
-    /// when that is a plain identifier, else in brackets, else (a quote or "]" in it) strField + its number.
-    std::string ColumnReference(int index) const;
+    /// How column `index` is named in a mapping line so that it reads back as that column: its name when
+    /// that is a plain identifier, else in brackets; with `byNumber`, a name brackets cannot hold (a quote
+    /// or "]" in it) is strField + its number, for a source that resolves such references.
+    std::string ColumnReference(int index, bool byNumber) const;
     /// Adds a column describing `field` (the caption too when `withCaption`).
     void AddColumnFor(const TField& field, bool withCaption);
     void FillKey4Locate();

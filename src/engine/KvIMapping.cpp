@@ -8,16 +8,7 @@
 namespace kv {
 
 std::string TKvImportBaseComponent::GetColumnFieldName(int index) const {
-    const std::string& name = columns_.Columns(index).FieldName;
-    // A name of letters, digits, "_" and "." that starts with neither a digit nor "." reads as itself;
-    // any other ("2019", "Qty-2", "Last Name") would be read as a number or an expression.
-    bool plain = !name.empty() && !(name[0] >= '0' && name[0] <= '9') && name[0] != '.';
-    for (size_t i = 0; i < name.size() && plain; ++i) {
-        const unsigned char c = static_cast<unsigned char>(name[i]);
-        plain = c >= 0x80 || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                c == '_' || c == '.';
-    }
-    return plain ? name : "[" + name + "]";
+    return ColumnReference(index, false);
 }
 
 void TKvImportBaseComponent::DetectAutoMapping() {

@@ -405,21 +405,17 @@ void TKvImportBaseComponent::ApplyRow() {
 bool TKvImportBaseComponent::KeepsAsText(const TField& field, const Variant& value) const {
     // Text the conversion left as it stands goes in as text where the destination keeps any value.
     return value.IsString() && dataSet_->StoresAnyValue() && !IsTextType(field.DataType()) &&
-           keepUnconverted_;
+           (keepUnconverted_ ||
+            (IsDateTimeType(field.DataType()) && IsIsoDateTimeWithZone(value.StringRef())));
 }
 
 void TKvImportBaseComponent::StoreValue(TField& field, Variant& value) {
     if (value.IsNullOrEmpty()) {
         field.Clear();
     } else if (KeepsAsText(field, value)) {
-        // What converts, converts (an expression's "12" into a number); the rest is kept as written.
-        try {
-            field.SetValue(value);
-        } catch (const EVariantError&) {
-            field.SetValueAsItStands(std::move(value));
-        } catch (const EConvertError&) {
-            field.SetValueAsItStands(std::move(value));
-        }
+        // As written: the variant rules would round "3.5" into an integer field. A destination that keeps
+        // any value reads "12" into its integer column as the number by itself.
+        field.SetValueAsItStands(std::move(value));
     } else if (field.DataType() == ftLargeint) {
         field.SetValue(Variant::FromInt(value.AsInt64()));
     } else {

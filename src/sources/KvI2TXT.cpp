@@ -21,10 +21,7 @@ std::string TKvImportFromText::FillFileFilters() const {
 
 std::string TKvImportFromText::GetColumnFieldName(int index) const {
     // Fixed-width columns are ranges, never numbered fields: brackets are all they can have.
-    const std::string reference = ColumnReference(index);
-    if (Fixed() && reference.rfind(strField, 0) == 0 && reference != Columns().Columns(index).FieldName)
-        return "[" + Columns().Columns(index).FieldName + "]";
-    return reference;
+    return ColumnReference(index, !Fixed());
 }
 
 bool TKvImportFromText::NotDefined(std::string& propName) {
