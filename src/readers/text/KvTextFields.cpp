@@ -47,8 +47,8 @@ void WalkFields(const Ch* s, int64_t length, Ch delimiter, bool hasDelimiter, Ch
         int64_t end = i - 1;
         if (i == length) end = isDelimiter(i) ? i - 1 : i;
         int64_t first = start;
-        if (hasQualifier && start < end && isBlank(start)) {
-            // Cheap for ordinary fields: only one that starts with a blank is looked at further.
+        // One comparison passes an ordinary field: only one that starts with a blank is looked at further.
+        if (start < end && s[start - 1] <= Ch(' ') && hasQualifier && isBlank(start)) {
             int64_t q = start;
             while (q < end && isBlank(q)) ++q;
             if (isQualifier(q)) first = q;
@@ -56,7 +56,7 @@ void WalkFields(const Ch* s, int64_t length, Ch delimiter, bool hasDelimiter, Ch
         const bool qualified = isQualifier(first);
         if (qualified || isDelimiter(first)) ++first;
         int64_t last = end;
-        if (qualified && isBlank(end)) {
+        if (qualified && end >= first && s[end - 1] <= Ch(' ') && isBlank(end)) {
             int64_t q = end;
             while (q >= first && isBlank(q)) --q;
             if (q >= first && isQualifier(q)) last = q;
