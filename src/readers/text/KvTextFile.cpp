@@ -67,8 +67,8 @@ bool EncodeForScan(const std::string& text, bool utf8, std::string& out) {
 
 TKvTextScanConfig MakeScanConfig(const TKvTextFileSettings& s, bool utf8) {
     TKvTextScanConfig c;
-    // With the usual CR LF, files written with LF alone must load the same: LF ends the record and a CR
-    // just before it is dropped. A CR LF inside a qualified field stays part of the field.
+    // With the usual CR LF, files written with LF alone, or with CR alone, must load the same: any of the
+    // three ends a record. One inside a qualified field stays part of the field.
     c.LineBreaks = s.RecordSeparator == "\r\n";
     const std::string separator = c.LineBreaks ? std::string("\n") : s.RecordSeparator;
     if (!separator.empty() && !EncodeForScan(separator, utf8, c.Separator)) c.SeparatorNever = true;

@@ -24,8 +24,8 @@ struct TKvTextFileSettings {
     char32_t FieldDelimiter = U'\t';
     /// Text qualifier (0 = none); a record separator between two qualifiers belongs to the field.
     char32_t TextQualifier = U'"';
-    /// UTF-8 text between two records; may be several characters or empty. "\r\n" also ends a record at a
-    /// lone LF, and never leaves a CR at the end of a record.
+    /// UTF-8 text between two records; may be several characters or empty. "\r\n" stands for any line
+    /// end: CR LF, a lone LF or a lone CR.
     std::string RecordSeparator = "\r\n";
     /// Fields are cut by character positions rather than by the delimiter.
     bool FixedWidth = false;

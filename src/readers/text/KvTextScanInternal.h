@@ -34,10 +34,10 @@ private:
 struct TKvTextScanConfig {
     std::string Separator;       ///< empty = none
     bool SeparatorNever = false; ///< the separator cannot occur in this encoding
-    bool LineBreaks = false; ///< separator is CR LF: a lone LF ends a record too, a CR before it is dropped
-    std::string Qualifier;   ///< empty = none
-    int64_t FixedChars = 0;  ///< > 0 (and no separator): records of this many characters
-    bool Utf8Chars = true;   ///< characters are UTF-8 sequences (else one byte each)
+    bool LineBreaks = false;     ///< separator is "\n" standing for any line end: CR LF, LF or a lone CR
+    std::string Qualifier;       ///< empty = none
+    int64_t FixedChars = 0;      ///< > 0 (and no separator): records of this many characters
+    bool Utf8Chars = true;       ///< characters are UTF-8 sequences (else one byte each)
     int64_t RowFirst = 1;
     int64_t RowLast = 2147483647;
     int64_t HeaderRecord = 0; ///< 0 = none
@@ -82,7 +82,6 @@ private:
     int64_t recordStart_ = 0; ///< absolute offset where the open record starts
     bool inside_ = false;     ///< between an opening and a closing qualifier
     int64_t chars_ = 0;       ///< characters of the open record (fixed length)
-    char previous_ = 0;       ///< last byte of the previous Feed, for the CR before an LF at a block start
     bool blank_ = true;       ///< the open record holds only blanks so far (SkipEmpty)
 };
 
