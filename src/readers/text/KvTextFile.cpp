@@ -80,6 +80,7 @@ TKvTextScanConfig MakeScanConfig(const TKvTextFileSettings& s, bool utf8) {
     c.RowLast = s.RowLast;
     c.HeaderRecord = std::max(s.RowFieldNames, 0);
     c.SkipEmpty = s.SkipEmptyRows;
+    c.SkipBlank = s.SkipBlankLines;
     if (!s.FixedWidth && s.FieldDelimiter > 0 && s.FieldDelimiter < 0x80)
         c.BlankDelimiter = static_cast<char>(s.FieldDelimiter);
     return c;

@@ -40,6 +40,10 @@ struct TKvTextFileSettings {
     /// Leaves out data rows whose characters are all blanks (codes up to 32) or, unless FixedWidth, the
     /// field delimiter (when that is a one-byte character). Such records still count in the numbering.
     bool SkipEmptyRows = false;
+    /// Records that are empty or hold only spaces, tabs and CRs are not data rows, and a blank record at
+    /// RowFieldNames is no header. They still count in the numbering. Records of a fixed length are not
+    /// lines and are never skipped for this.
+    bool SkipBlankLines = true;
     /// Bytes per read while scanning and serving (0 = 1 MiB); tests make it tiny.
     size_t BlockSize = 0;
 };

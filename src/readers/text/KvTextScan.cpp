@@ -111,6 +111,9 @@ TKvTextScanner::TKvTextScanner(const TKvTextScanConfig& config, int64_t start)
     : config_(config), recordStart_(start) {
     if (config_.SeparatorNever) config_.Separator.clear();
     if (!config_.Separator.empty()) config_.FixedChars = 0;
+    if (config_.Separator.empty()) config_.SkipBlank = false; // records of a length are not lines
+    empty_ = config_.SkipEmpty;
+    blank_ = config_.SkipBlank;
     tail_ = std::max(config_.Separator.size(), config_.Qualifier.size());
     if (tail_) --tail_;
     if (config_.LineBreaks && !config_.Separator.empty()) tail_ = std::max<size_t>(tail_, 1); // CR, then LF?
@@ -128,7 +131,7 @@ size_t TKvTextScanner::Feed(const char* data, size_t size, int64_t base, bool fi
     else if (config_.FixedChars > 0)
         FeedFixed(data, size, base);
     if (done_) return size;
-    if (config_.SkipEmpty && blank_) CheckBlank(data, OpenRecordIndex(base), consumed);
+    if (empty_ || blank_) CheckBlank(data, OpenRecordIndex(base), consumed);
     if (final && recordStart_ < base + static_cast<int64_t>(size)) EndRecord(data, size, base);
     return consumed;
 }
@@ -223,31 +226,36 @@ void TKvTextScanner::FeedFixed(const char* d, size_t n, int64_t base) {
     }
 }
 
+// Narrows what the open record can still be, by its bytes d[from, to). Most records are ruled out by
+// their first byte.
 void TKvTextScanner::CheckBlank(const char* d, size_t from, size_t to) {
-    for (size_t i = from; i < to && blank_; ++i) {
-        const unsigned char c = static_cast<unsigned char>(d[i]);
-        blank_ = c <= ' ' || (config_.BlankDelimiter && d[i] == config_.BlankDelimiter);
+    for (size_t i = from; i < to && (empty_ || blank_); ++i) {
+        const char c = d[i];
+        blank_ = blank_ && (c == ' ' || c == '\t' || c == '\r');
+        empty_ = empty_ && (static_cast<unsigned char>(c) <= ' ' ||
+                            (config_.BlankDelimiter && c == config_.BlankDelimiter));
     }
 }
 
 void TKvTextScanner::EndRecord(const char* d, size_t endIndex, int64_t base) {
     const int64_t length = base + static_cast<int64_t>(endIndex) - recordStart_;
-    bool empty = length == 0;
-    if (config_.SkipEmpty && !empty) {
-        CheckBlank(d, OpenRecordIndex(base), endIndex);
-        empty = blank_;
-    }
-    blank_ = true;
-    Keep(recordStart_, length, empty);
+    if (empty_ || blank_) CheckBlank(d, OpenRecordIndex(base), endIndex);
+    // An empty record is blank whichever way it is asked.
+    Keep(recordStart_, length, length == 0 || empty_, length == 0 || blank_);
+    empty_ = config_.SkipEmpty;
+    blank_ = config_.SkipBlank;
 }
 
-void TKvTextScanner::Keep(int64_t offset, int64_t length, bool empty) {
+void TKvTextScanner::Keep(int64_t offset, int64_t length, bool empty, bool blank) {
     ++Records;
-    if (Records == config_.HeaderRecord) {
+    blank = blank && config_.SkipBlank;
+    // A blank line where the names should be names nothing: the columns are then numbered.
+    if (Records == config_.HeaderRecord && !blank) {
         HasHeader = true;
         Header = {offset, length};
     }
-    if (Records >= config_.RowFirst && Records <= config_.RowLast && !(config_.SkipEmpty && empty)) {
+    if (Records >= config_.RowFirst && Records <= config_.RowLast && !(config_.SkipEmpty && empty) &&
+        !blank) {
         const auto index = static_cast<int64_t>(Rows.Size());
         if (Numbering.empty() || Numbering.back().second - Numbering.back().first != Records - index)
             Numbering.emplace_back(index, Records);

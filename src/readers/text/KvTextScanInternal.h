@@ -43,6 +43,7 @@ struct TKvTextScanConfig {
     int64_t HeaderRecord = 0; ///< 0 = none
     bool SkipEmpty = false;
     char BlankDelimiter = 0; ///< a one-byte delimiter that counts as blank for SkipEmpty (0 = none)
+    bool SkipBlank = false;  ///< records of only spaces, tabs and CRs are neither rows nor the header
 };
 
 /// Cuts records and keeps the selected ones. Feed it consecutive bytes; it consumes all but a short tail
@@ -71,7 +72,7 @@ private:
     size_t FeedSeparated(const char* d, size_t n, size_t limit, int64_t base);
     void FeedFixed(const char* d, size_t n, int64_t base);
     void EndRecord(const char* d, size_t endIndex, int64_t base);
-    void Keep(int64_t offset, int64_t length, bool empty);
+    void Keep(int64_t offset, int64_t length, bool empty, bool blank);
     void CheckBlank(const char* d, size_t from, size_t to);
     size_t OpenRecordIndex(int64_t base) const;
 
@@ -82,7 +83,8 @@ private:
     int64_t recordStart_ = 0; ///< absolute offset where the open record starts
     bool inside_ = false;     ///< between an opening and a closing qualifier
     int64_t chars_ = 0;       ///< characters of the open record (fixed length)
-    bool blank_ = true;       ///< the open record holds only blanks so far (SkipEmpty)
+    bool empty_ = false;      ///< the open record may still be empty as SkipEmpty means it
+    bool blank_ = false;      ///< the open record may still be a blank line (SkipBlank)
 };
 
 } // namespace kv

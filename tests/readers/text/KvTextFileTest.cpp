@@ -82,6 +82,11 @@ TKvTextFileSettings FixedLength(int length) {
     return s;
 }
 
+TKvTextFileSettings KeepBlank(TKvTextFileSettings s) {
+    s.SkipBlankLines = false;
+    return s;
+}
+
 TKvTextFileSettings Upto(TKvTextFileSettings s, int rowLast) {
     s.RowLast = rowLast;
     return s;
@@ -94,11 +99,11 @@ TEST(TextFile, CutsRecords) {
         {"mixed line ends", "a\r\nb\nc\r\n", Plain(), {"a", "b", "c"}},
         {"a CR before the end of the text", "a\r\nb\r", Plain(), {"a", "b"}},
         {"no final line break", "a\r\nb", Plain(), {"a", "b"}},
-        {"blank lines are records", "a\r\n\r\n\nb", Plain(), {"a", "", "", "b"}},
+        {"blank lines kept", "a\r\n\r\n\nb", KeepBlank(Plain()), {"a", "", "", "b"}},
         {"a lone CR ends a record", "a\rb\r\nc", Plain(), {"a", "b", "c"}},
         {"CR lines (old Mac)", "id,name\r1,Ann\r2,Bo\r", Plain(), {"id,name", "1,Ann", "2,Bo"}},
-        {"CR CR LF is an empty record between", "a\r\r\nb", Plain(), {"a", "", "b"}},
-        {"LF CR is two line ends", "a\n\rb", Plain(), {"a", "", "b"}},
+        {"CR CR LF is an empty record between", "a\r\r\nb", KeepBlank(Plain()), {"a", "", "b"}},
+        {"LF CR is two line ends", "a\n\rb", KeepBlank(Plain()), {"a", "", "b"}},
         {"a CR inside qualifiers stays",
          "1,\"x\ry\"\r2,\"p\r\nq\"\r\n3",
          Plain(),
@@ -113,7 +118,7 @@ TEST(TextFile, CutsRecords) {
         {"separator inside qualifiers", "\"x||y\"||z", Plain("||"), {"\"x||y\"", "z"}},
         {"long separator", "a<EOR>b<EO<EOR>", Plain("<EOR>"), {"a", "b<EO"}},
         {"LF setting keeps the CR", "a\r\nb", Plain("\n"), {"a\r", "b"}},
-        {"one-character separator", "a;b;;c", Plain(";"), {"a", "b", "", "c"}},
+        {"one-character separator", "a;b;;c", KeepBlank(Plain(";")), {"a", "b", "", "c"}},
         {"non-ASCII separator",
          "a\xC2\xB6"
          "b\xC2\xB6",
@@ -141,7 +146,7 @@ TEST(TextFile, CutsRecords) {
         {"no separator: one record", "a\r\nb", Plain(""), {"a\r\nb"}},
         {"unterminated qualifier takes the rest", "a\r\n\"b\r\nc\r\nd", Plain(), {"a", "\"b\r\nc\r\nd"}},
         {"empty text", "", Plain(), {}},
-        {"one empty record", "\r\n", Plain(), {""}},
+        {"one empty record", "\r\n", KeepBlank(Plain()), {""}},
     };
     for (const RecordCase& c : cases) {
         SCOPED_TRACE(c.Name);
@@ -189,7 +194,7 @@ TEST(TextFile, SelectsRows) {
 
 TEST(TextFile, SkipsEmptyRowsButKeepsTheirNumbers) {
     const std::string text = "a\r\n\r\n  \r\n,,\r\nb\r\n\t";
-    TKvTextFileSettings s = Plain();
+    TKvTextFileSettings s = KeepBlank(Plain());
     EXPECT_EQ(LoadEverywhere(text, s).Rows, (std::vector<std::string>{"a", "", "  ", ",,", "b", "\t"}));
     s.SkipEmptyRows = true;
     Loaded r = LoadEverywhere(text, s);
@@ -202,6 +207,50 @@ TEST(TextFile, SkipsEmptyRowsButKeepsTheirNumbers) {
     s.FixedWidth = false;
     s.RowFirst = 2, s.RowLast = 5; // skipping does not move the range
     EXPECT_EQ(LoadEverywhere(text, s).Lines, (std::vector<int64_t>{5}));
+}
+
+TEST(TextFile, BlankLinesAreNotRows) {
+    struct Case {
+        const char* Name;
+        std::string Bytes;
+        const char* Header; // nullptr: none
+        std::vector<std::string> Rows;
+        std::vector<int64_t> Lines;
+        std::string Separator = "\r\n";
+    };
+    const Case cases[] = {
+        {"an export ending in blank lines",
+         "id,name\r\n1,Ann\r\n2,Bo\r\n\r\n\r\n",
+         "id,name",
+         {"1,Ann", "2,Bo"},
+         {2, 3}},
+        {"blank lines between records keep the numbering",
+         "id,name\n1,Ann\n\n \t \n2,Bo\n",
+         "id,name",
+         {"1,Ann", "2,Bo"},
+         {2, 5}},
+        {"a line of delimiters is a row: SkipEmptyRows decides", "h\n,,\n", "h", {",,"}, {2}},
+        {"a quoted blank is a value", "h\n\" \"\n", "h", {"\" \""}, {2}},
+        {"a blank record where the names should be",
+         "\r\nid,name\r\n1,Ann",
+         nullptr,
+         {"id,name", "1,Ann"},
+         {2, 3}},
+        {"blank records with another separator", "h;  ;\t\r;x", "h", {"x"}, {4}, ";"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.Name);
+        TKvTextFileSettings s = Plain(c.Separator);
+        s.RowFieldNames = 1;
+        s.RowFirst = 2;
+        const Loaded r = LoadEverywhere(c.Bytes, s);
+        EXPECT_EQ(r.HasHeader, c.Header != nullptr);
+        EXPECT_EQ(r.Header, c.Header ? c.Header : "");
+        EXPECT_EQ(r.Rows, c.Rows);
+        EXPECT_EQ(r.Lines, c.Lines);
+    }
+    // Records of a fixed length are not lines.
+    EXPECT_EQ(LoadEverywhere("ab  cd", FixedLength(2)).Rows, (std::vector<std::string>{"ab", "  ", "cd"}));
 }
 
 TEST(TextFile, DecodesEncodings) {
