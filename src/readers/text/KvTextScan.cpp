@@ -1,5 +1,7 @@
 #include "readers/text/KvTextScanInternal.h"
 
+#include "platform/Utf8.h"
+
 #include <algorithm>
 #include <cstring>
 #if defined(__SSE2__)
@@ -38,7 +40,7 @@ size_t FindLineBreak(const char* d, size_t from, size_t to) {
 void TKvUtf8Validator::Feed(const char* data, size_t size) {
     const auto* p = reinterpret_cast<const unsigned char*>(data);
     size_t i = 0;
-    while (i < size && valid_) {
+    while (i < size) {
         if (need_ == 0) {
             // Eight ASCII bytes at a time: most text is mostly ASCII.
             while (i + 8 <= size) {
@@ -62,18 +64,35 @@ void TKvUtf8Validator::Feed(const char* data, size_t size) {
                 if (c == 0xF0) lo_ = 0x90;
                 if (c == 0xF4) hi_ = 0x8F; // nothing above U+10FFFF
             } else {
-                valid_ = false;
+                Invalid(fed_ + static_cast<int64_t>(i) - 1, 1);
+                continue;
             }
+            start_ = fed_ + static_cast<int64_t>(i) - 1;
+            taken_ = 1;
         } else {
-            const unsigned char c = p[i++];
+            const unsigned char c = p[i];
             if (c < lo_ || c > hi_) {
-                valid_ = false;
-                break;
+                // The sequence so far starts nothing; this byte may start the next one.
+                Invalid(start_, taken_);
+                need_ = 0;
+                continue;
             }
+            ++i, ++taken_;
             lo_ = 0x80, hi_ = 0xBF;
-            --need_;
+            if (--need_ == 0) ++sequences_;
         }
     }
+    fed_ += static_cast<int64_t>(size);
+}
+
+void TKvUtf8Validator::Finish() {
+    if (need_) Invalid(start_, taken_);
+    need_ = 0;
+}
+
+void TKvUtf8Validator::Invalid(int64_t at, int count) {
+    if (firstInvalid_ < 0) firstInvalid_ = at;
+    invalid_ += count;
 }
 
 void TKvTextSpanList::Push(const TKvTextRecordSpan& span) {
@@ -117,6 +136,7 @@ TKvTextScanner::TKvTextScanner(const TKvTextScanConfig& config, int64_t start)
     tail_ = std::max(config_.Separator.size(), config_.Qualifier.size());
     if (tail_) --tail_;
     if (config_.LineBreaks && !config_.Separator.empty()) tail_ = std::max<size_t>(tail_, 1); // CR, then LF?
+    if (config_.FixedChars > 0 && config_.Utf8Chars) tail_ = 3; // a whole sequence, to judge it
     stopAt_ = std::max(config_.RowLast, config_.HeaderRecord);
     // Nothing wanted at all: no need to look at a byte.
     done_ = stopAt_ < 1 || (config_.RowFirst > config_.RowLast && config_.HeaderRecord < 1);
@@ -126,13 +146,18 @@ TKvTextScanner::TKvTextScanner(const TKvTextScanConfig& config, int64_t start)
 size_t TKvTextScanner::Feed(const char* data, size_t size, int64_t base, bool final) {
     if (done_) return size;
     size_t consumed = size;
+    const size_t limit = final ? size : (size > tail_ ? size - tail_ : 0);
     if (!config_.Separator.empty())
-        consumed = FeedSeparated(data, size, final ? size : (size > tail_ ? size - tail_ : 0), base);
+        consumed = FeedSeparated(data, size, limit, base);
     else if (config_.FixedChars > 0)
-        FeedFixed(data, size, base);
+        consumed = FeedFixed(data, size, limit, base);
     if (done_) return size;
     if (empty_ || blank_) CheckBlank(data, OpenRecordIndex(base), consumed);
-    if (final && recordStart_ < base + static_cast<int64_t>(size)) EndRecord(data, size, base);
+    if (final) {
+        End = base + static_cast<int64_t>(size);
+        if (inside_) Unclosed = recordStart_;
+        if (recordStart_ < End) EndRecord(data, size, base);
+    }
     return consumed;
 }
 
@@ -203,7 +228,7 @@ size_t TKvTextScanner::FeedSeparated(const char* d, size_t n, size_t limit, int6
     return p;
 }
 
-void TKvTextScanner::FeedFixed(const char* d, size_t n, int64_t base) {
+size_t TKvTextScanner::FeedFixed(const char* d, size_t n, size_t limit, int64_t base) {
     const int64_t width = config_.FixedChars;
     const int64_t end = base + static_cast<int64_t>(n);
     if (!config_.Utf8Chars) {
@@ -213,17 +238,25 @@ void TKvTextScanner::FeedFixed(const char* d, size_t n, int64_t base) {
             EndRecord(d, static_cast<size_t>(next - base), base);
             recordStart_ = next;
         }
-        return;
+        return n;
     }
-    for (size_t i = 0; i < n && !done_; ++i) {
-        if ((static_cast<unsigned char>(d[i]) & 0xC0) == 0x80) continue; // a continuation byte
+    // Characters as the rows are decoded: a valid sequence is one, and so is every byte that starts none
+    // (it becomes U+FFFD or a Windows-1252 character). Whole sequences lie before `limit`.
+    const std::string_view text(d, n);
+    size_t i = 0;
+    while (i < limit && !done_) {
         if (chars_ == width) {
             EndRecord(d, i, base);
             recordStart_ = base + static_cast<int64_t>(i);
             chars_ = 0;
         }
         ++chars_;
+        if (static_cast<unsigned char>(d[i]) < 0x80)
+            ++i;
+        else
+            Utf8Decode(text, i);
     }
+    return i;
 }
 
 // Narrows what the open record can still be, by its bytes d[from, to). Most records are ruled out by

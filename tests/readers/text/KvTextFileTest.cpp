@@ -17,6 +17,7 @@ struct Loaded {
     bool HasHeader = false;
     std::string Header;
     TTextEncoding Encoding = encUtf8;
+    std::vector<TKvTextWarning> Warnings;
     bool operator==(const Loaded&) const = default;
 };
 
@@ -29,6 +30,7 @@ Loaded Collect(TKvTextFile& file) {
     r.HasHeader = file.HasHeader();
     r.Header = file.HeaderLine();
     r.Encoding = file.Encoding();
+    r.Warnings = file.Warnings();
     return r;
 }
 
@@ -84,6 +86,17 @@ TKvTextFileSettings FixedLength(int length) {
 
 TKvTextFileSettings KeepBlank(TKvTextFileSettings s) {
     s.SkipBlankLines = false;
+    return s;
+}
+
+std::string Repeat(std::string_view text, int times) {
+    std::string out;
+    for (int i = 0; i < times; ++i) out += text;
+    return out;
+}
+
+TKvTextFileSettings Forced(TKvTextFileSettings s, TTextEncoding encoding) {
+    s.Encoding = encoding;
     return s;
 }
 
@@ -314,15 +327,93 @@ TEST(TextFile, DecodesEncodings) {
          encAnsi,
          {"a\xC2\xB6"
           "b"}},
+        // A BOM promises UTF-8: the few bytes that are not are Windows-1252 characters.
         {"malformed UTF-8 after a BOM",
          "\xEF\xBB\xBF"
          "a\xFF"
          "b\r\nc",
          Plain(),
-         encUtf8Bom,
-         {"a\xEF\xBF\xBD"
+         encUtf8Mixed,
+         {"a\xC3\xBF"
           "b",
           "c"}},
+        {"a UTF-8 export edited once in a Windows-1252 editor",
+         "name,city\r\nJos\xC3\xA9,Z\xC3\xBCrich\r\nM\xFCller,K\xC3\xB6ln",
+         Plain(),
+         encUtf8Mixed,
+         {"name,city", "Jos\xC3\xA9,Z\xC3\xBCrich", "M\xC3\xBCller,K\xC3\xB6ln"}},
+        // Eight stray bytes, each read alone, against nine valid sequences.
+        {"stray bytes of every kind",
+         Repeat("\xC3\xA9", 9) + " \x80 \xE2\x82 \xC0\xAF \xED\xA0\x80",
+         Plain(),
+         encUtf8Mixed,
+         {Repeat("\xC3\xA9", 9) +
+          " \xE2\x82\xAC \xC3\xA2\xE2\x80\x9A \xC3\x80\xC2\xAF \xC3\xAD\xC2\xA0\xE2\x82\xAC"}},
+        {"as many stray bytes as sequences",
+         Repeat("\xC3\xA9", 8) + " \x80 \xE2\x82 \xC0\xAF \xED\xA0\x80",
+         Plain(),
+         encAnsi,
+         {Repeat("\xC3\x83\xC2\xA9", 8) +
+          " \xE2\x82\xAC \xC3\xA2\xE2\x80\x9A \xC3\x80\xC2\xAF \xC3\xAD\xC2\xA0\xE2\x82\xAC"}},
+        // As many stray bytes as valid sequences: Windows-1252 whose letters happen to pair up.
+        {"mostly Windows-1252",
+         "caf\xE9\r\n\xC3\xA9t\xE9",
+         Plain(),
+         encAnsi,
+         {"caf\xC3\xA9", "\xC3\x83\xC2\xA9t\xC3\xA9"}},
+        // Characters of fixed-length records are those the rows decode to.
+        {"mixed fixed length",
+         "\xC3\xA9\xC3\xA9\x80y\xC3\xBC",
+         FixedLength(2),
+         encUtf8Mixed,
+         {"\xC3\xA9\xC3\xA9", "\xE2\x82\xACy", "\xC3\xBC"}},
+        {"UTF-8 by the setting",
+         "\xEF\xBB\xBF"
+         "a\xE9\r\n\xE9",
+         Forced(Plain(), encUtf8),
+         encUtf8Bom,
+         {"a\xEF\xBF\xBD", "\xEF\xBF\xBD"}},
+        {"UTF-8 by the setting, fixed length",
+         "a\x80\xC3\xA9"
+         "bc",
+         Forced(FixedLength(2), encUtf8),
+         encUtf8,
+         {"a\xEF\xBF\xBD",
+          "\xC3\xA9"
+          "b",
+          "c"}},
+        {"Windows-1252 by the setting",
+         "\xEF\xBB\xBF\xC3\xA9",
+         Forced(Plain(), encAnsi),
+         encAnsi,
+         {"\xC3\xAF\xC2\xBB\xC2\xBF\xC3\x83\xC2\xA9"}},
+        {"Windows-1252 by the setting, fixed length",
+         "\xC3\xA9x",
+         Forced(FixedLength(2), encAnsi),
+         encAnsi,
+         {"\xC3\x83\xC2\xA9", "x"}},
+        {"mixed by the setting",
+         "caf\xE9\r\n\xC3\xA9t\xE9",
+         Forced(Plain(), encUtf8Mixed),
+         encUtf8Mixed,
+         {"caf\xC3\xA9", "\xC3\xA9t\xC3\xA9"}},
+        {"mixed by the setting, all UTF-8", "\xC3\xA9", Forced(Plain(), encUtf8Mixed), encUtf8, {"\xC3\xA9"}},
+        {"UTF-16 LE by the setting",
+         std::string("a\0\r\0\r\0\n\0\xE9\0", 10),
+         Forced(Plain(), encUtf16LE),
+         encUtf16LE,
+         {"a", "\xC3\xA9"}},
+        {"UTF-16 BE by the setting, with its BOM",
+         std::string("\xFE\xFF\0a\0\n\x20\xAC", 8),
+         Forced(Plain(), encUtf16BE),
+         encUtf16BE,
+         {"a", "\xE2\x82\xAC"}},
+        {"UTF-16 the other way round than its BOM",
+         std::string("\xFF\xFE\0a", 4),
+         Forced(Plain(), encUtf16BE),
+         encUtf16BE,
+         {"\xEF\xBF\xBE"
+          "a"}},
         // Only the bytes up to the last wanted record are judged.
         {"UTF-8 up to RowLast", "\xC3\xA9\r\n\xFF", Upto(Plain(), 1), encUtf8, {"\xC3\xA9"}},
         {"a sequence cut by RowLast", "a\xE2\x82x", Upto(FixedLength(1), 2), encAnsi, {"a", "\xC3\xA2"}},
@@ -338,6 +429,85 @@ TEST(TextFile, DecodesEncodings) {
         EXPECT_EQ(r.Encoding, c.Encoding);
         EXPECT_EQ(r.Rows, c.Rows);
     }
+}
+
+TEST(TextFile, WarnsWithTheLineAUserSees) {
+    const std::string notUtf8 = "bytes that are not UTF-8 were read as Windows-1252 characters";
+    const auto unclosed = [](const char* lines) {
+        return std::string("the quoted field that starts on this line is never closed: it takes in the ") +
+               lines + " after it, to the end of the file";
+    };
+    struct Case {
+        const char* Name;
+        std::string Bytes;
+        TKvTextFileSettings Settings;
+        std::vector<TKvTextWarning> Warnings;
+    };
+    const Case cases[] = {
+        {"a clean file", "id,note\r\n1,\"a\r\nb\"\r\n", Plain(), {}},
+        {"an unclosed quote takes in the rest",
+         "id,note\r\n1,\"fine\"\r\n2,\"broken\r\n3,x\r\n4,y\r\n",
+         Plain(),
+         {{3, unclosed("2 lines"), true}}},
+        {"lines, not records: a field over two lines comes before",
+         "id,note\r\n1,\"a\r\nb\"\r\n2,\"open\r\nx",
+         Plain(),
+         {{4, unclosed("1 line"), true}}},
+        {"a doubled qualifier goes on with its field",
+         "h\n\"x\n\"\"y\nz\n",
+         Plain(),
+         {{2, unclosed("2 lines"), true}}},
+        {"open on the last line", "h\n1,\"x", Plain(), {{2, unclosed("0 lines"), true}}},
+        {"lines ended by CR alone", "h\r1,\"x\r2\r3", Plain("\n"), {{2, unclosed("2 lines"), true}}},
+        {"the scan stops before it", "h\r\n1\r\n\"open\r\n2", Upto(Plain(), 2), {}},
+        {"a header that never closes", "\"id,name\r\n1,a\r\n2,b", Plain(), {{1, unclosed("2 lines"), true}}},
+        {"a stray byte after a field over two lines",
+         "id,note\n1,\"Z\xC3\xBCrich\nZ\xC3\xBCrich\"\n2,M\xFCller\n",
+         Plain(),
+         {{4, notUtf8, false}}},
+        {"after a BOM", "\xEF\xBB\xBFh\r\n\xE9", Plain(), {{2, notUtf8, false}}},
+        {"both, by line",
+         "h\n\xC3\xA9\xC3\xA9\n\"open\n\xE9\n",
+         Plain(),
+         {{3, unclosed("1 line"), true}, {4, notUtf8, false}}},
+        {"UTF-8 by the setting says nothing", "h\n\xE9", Forced(Plain(), encUtf8), {}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.Name);
+        EXPECT_EQ(LoadEverywhere(c.Bytes, c.Settings).Warnings, c.Warnings);
+    }
+
+    // Lines count from where the stream stood, and in the decoded text of UTF-16.
+    TKvTextFile file;
+    file.Settings() = Plain();
+    TMemoryStream memory("skipped\nh\n\"x");
+    memory.SetPosition(8);
+    file.OpenStream(memory);
+    EXPECT_EQ(file.Warnings(), (std::vector<TKvTextWarning>{{2, unclosed("0 lines"), true}}));
+    file.OpenText(std::string("\xFF\xFEh\0\r\0\n\0\"\0x\0\n\0y\0", 16));
+    EXPECT_EQ(file.Warnings(), (std::vector<TKvTextWarning>{{2, unclosed("1 line"), true}}));
+    // Every open starts afresh.
+    file.OpenText("a\nb");
+    EXPECT_TRUE(file.Warnings().empty());
+    file.OpenText("\"");
+    EXPECT_EQ(file.Warnings().size(), 1u);
+    file.Close();
+    EXPECT_TRUE(file.Warnings().empty());
+}
+
+// A real export with an unclosed quote early on: the loss is large and must not be silent.
+TEST(TextFile, AnUnclosedQuoteIsNotSilent) {
+    std::string text = "id,name,amount\r\n1,\"Smith, J\",10\r\n2,\"Doe, A,20\r\n";
+    for (int i = 3; i <= 1000; ++i) text += std::to_string(i) + ",\"Name " + std::to_string(i) + "\",5\r\n";
+    TKvTextFile file;
+    file.Settings().FieldDelimiter = U',';
+    file.Settings().RowFirst = 2;
+    file.OpenText(text);
+    EXPECT_EQ(file.RowCount(), 2);
+    ASSERT_EQ(file.Warnings().size(), 1u);
+    EXPECT_EQ(file.Warnings()[0].Line, 3);
+    EXPECT_TRUE(file.Warnings()[0].Problem);
+    EXPECT_NE(file.Warnings()[0].Message.find("takes in the 998 lines after it"), std::string::npos);
 }
 
 TEST(TextFile, BlockBoundariesFallInsidePatterns) {
