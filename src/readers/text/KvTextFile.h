@@ -94,7 +94,7 @@ private:
 /// A loaded text: the header line and the selected data rows, served as UTF-8.
 ///
 /// Records are numbered from 1. A separator at the very end of the text does not open one more (empty)
-/// record; a qualifier that is never closed makes the rest of the text one record.
+/// record; a qualifier that is never closed makes the rest of the text one record (and a warning).
 class TKvTextFile {
 public:
     TKvTextFile();
