@@ -1,8 +1,8 @@
 // Fuzz target: any bytes as a text file, under settings taken from the first four bytes. The text is
-// loaded from memory and through a stream in tiny blocks, and both must give the same rows; every row must
-// be UTF-8; the fields of the byte walk must sit where the character walk puts them; reading ahead on a
-// second thread must serve the same records and values; values by reference, column names and type
-// guesses must come out without error.
+// loaded from memory and through a stream in tiny blocks, and both must give the same rows, encoding and
+// warnings (at lines within the text); every row must be UTF-8; the fields of the byte walk must sit where
+// the character walk puts them; reading ahead on a second thread must serve the same records and values;
+// values by reference, column names and type guesses must come out without error.
 
 #include "platform/Exceptions.h"
 #include "platform/Streams.h"
@@ -62,9 +62,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     settings.FixedWidth = data[1] & 1;
     settings.FixedLineLength = (data[1] >> 1) & 7;
     settings.SkipEmptyRows = data[1] & 0x10;
+    settings.SkipBlankLines = !(data[1] & 0x20);
     settings.RowFirst = data[2] & 7;
     settings.RowLast = (data[2] >> 3) & 7 ? (data[2] >> 3) & 7 : 2147483647;
     settings.RowFieldNames = data[2] >> 6;
+    // Mostly found, sometimes set.
+    static const kv::TTextEncoding encodings[] = {kv::encUtf8, kv::encAnsi, kv::encUtf16LE, kv::encUtf16BE,
+                                                  kv::encUtf8Mixed};
+    if ((data[3] >> 4) < 5) settings.Encoding = encodings[data[3] >> 4];
     const std::string text(reinterpret_cast<const char*>(data) + 4, size - 4);
 
     kv::TKvTextFile memory, blocks;
@@ -77,6 +82,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     Check(memory.RowCount() == blocks.RowCount());
     Check(memory.Encoding() == blocks.Encoding());
+    Check(memory.Warnings() == blocks.Warnings());
+    const int64_t lines = 1 + static_cast<int64_t>(std::count(text.begin(), text.end(), '\n') +
+                                                   std::count(text.begin(), text.end(), '\r'));
+    for (const kv::TKvTextWarning& warning : memory.Warnings())
+        Check(warning.Line >= 1 && warning.Line <= lines); // UTF-16 has a 0x0A or 0x0D byte for each
     Check(memory.HasHeader() == blocks.HasHeader() && memory.HeaderLine() == blocks.HeaderLine());
     Check(kv::IsValidUtf8(memory.HeaderLine()));
 

@@ -84,6 +84,11 @@ std::string DecodeText(std::string_view bytes) {
         return Utf8Sanitize(bytes.substr(3)); // a BOM promises UTF-8: bad bytes become U+FFFD
     case encUtf8:
         return std::string(bytes);
+    case encUtf8Mixed: {
+        std::string out;
+        AppendUtf8OrWindows1252(out, bytes);
+        return out;
+    }
     case encAnsi:
         break;
     }
@@ -105,6 +110,23 @@ std::string CodePageToUtf8(std::string_view bytes, TCodePage codePage) {
             out += table.chars[b];
     }
     return out;
+}
+
+void AppendUtf8OrWindows1252(std::string& out, std::string_view bytes) {
+    const CodePageTable& table = Table(cpWindows1252);
+    size_t i = 0;
+    while (i < bytes.size()) {
+        size_t run = i;
+        while (run < bytes.size() && static_cast<unsigned char>(bytes[run]) < 0x80) ++run;
+        out.append(bytes.data() + i, run - i);
+        if (run == bytes.size()) break;
+        i = run;
+        Utf8Decode(bytes, i); // a byte that starts no sequence is taken alone
+        if (i - run > 1)
+            out.append(bytes.data() + run, i - run);
+        else
+            out += table.chars[static_cast<unsigned char>(bytes[run])];
+    }
 }
 
 std::string Utf8ToCodePage(std::string_view text, TCodePage codePage) {

@@ -16,7 +16,14 @@ enum TCodePage : uint8_t {
 };
 
 /// How a text file's bytes were found to be encoded.
-enum TTextEncoding : uint8_t { encUtf8, encUtf8Bom, encUtf16LE, encUtf16BE, encAnsi };
+enum TTextEncoding : uint8_t {
+    encUtf8,
+    encUtf8Bom,
+    encUtf16LE,
+    encUtf16BE,
+    encAnsi,     ///< Windows-1252
+    encUtf8Mixed ///< UTF-8 with stray bytes of Windows-1252 (see AppendUtf8OrWindows1252)
+};
 
 /// Looks at the first bytes (and, for 8-bit text, at the whole sample): a UTF-16 BOM selects UTF-16, a
 /// UTF-8 BOM or valid UTF-8 is UTF-8, anything else is Windows-1252.
@@ -27,6 +34,9 @@ std::string DecodeText(std::string_view bytes);
 std::string CodePageToUtf8(std::string_view bytes, TCodePage codePage);
 /// The UTF-8 text of byte `b` in `codePage`.
 const std::string& CodePageChar(unsigned char b, TCodePage codePage);
+/// Appends `bytes` as UTF-8: valid UTF-8 sequences as they are, and every byte that starts none as its
+/// Windows-1252 character. A UTF-8 file edited once with a Windows-1252 tool reads right everywhere.
+void AppendUtf8OrWindows1252(std::string& out, std::string_view bytes);
 /// UTF-8 back to a single-byte code page; characters it lacks become "?".
 std::string Utf8ToCodePage(std::string_view text, TCodePage codePage);
 

@@ -208,5 +208,23 @@ TEST(Encoding, CodePagesAndDetection) {
               "ab");
 }
 
+TEST(Encoding, Utf8WithStrayWindows1252Bytes) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"Z\xC3\xBCrich", "Z\xC3\xBCrich"},                                   // valid sequences stay
+        {"M\xFCller", "M\xC3\xBCller"},                                       // a lead byte before ASCII
+        {"\x80\x9F", "\xE2\x82\xAC\xC5\xB8"},                                 // continuation bytes alone
+        {"\xE2\x82", "\xC3\xA2\xE2\x80\x9A"},                                 // a sequence cut short
+        {"\xC0\xAF", "\xC3\x80\xC2\xAF"},                                     // overlong
+        {"\xED\xA0\x80", "\xC3\xAD\xC2\xA0\xE2\x82\xAC"},                     // a surrogate
+        {"\xE9\xC3\xA9\xF0\x9F\x98\x80", "\xC3\xA9\xC3\xA9\xF0\x9F\x98\x80"}, // a stray byte, then valid
+        {"", ""},
+    };
+    for (const auto& [bytes, text] : cases) {
+        std::string out = "x";
+        AppendUtf8OrWindows1252(out, bytes);
+        EXPECT_EQ(out, std::string("x") + text) << bytes;
+    }
+}
+
 } // namespace
 } // namespace kv

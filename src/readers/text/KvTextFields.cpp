@@ -28,6 +28,11 @@ void WalkFields(const Ch* s, int64_t length, Ch delimiter, bool hasDelimiter, Ch
     const auto isQualifier = [&](int64_t i) {
         return hasQualifier && i >= 1 && i <= length && s[i - 1] == qualifier;
     };
+    // Blanks around a qualified value ("a, "b, c" ,d") are layout, not data; the delimiter may be a blank.
+    const auto isBlank = [&](int64_t i) {
+        return i >= 1 && i <= length && (s[i - 1] == Ch(' ') || s[i - 1] == Ch('\t')) &&
+               !(hasDelimiter && s[i - 1] == delimiter);
+    };
     int64_t start = 1;
     bool inside = false;
     for (int64_t i = 1; i <= length; ++i) {
@@ -42,9 +47,21 @@ void WalkFields(const Ch* s, int64_t length, Ch delimiter, bool hasDelimiter, Ch
         int64_t end = i - 1;
         if (i == length) end = isDelimiter(i) ? i - 1 : i;
         int64_t first = start;
-        const bool qualified = isQualifier(start);
-        if (qualified || isDelimiter(start)) first = start + 1;
-        emit(first, isQualifier(end) ? end - 1 : end, qualified);
+        // One comparison passes an ordinary field: only one that starts with a blank is looked at further.
+        if (start < end && s[start - 1] <= Ch(' ') && hasQualifier && isBlank(start)) {
+            int64_t q = start;
+            while (q < end && isBlank(q)) ++q;
+            if (isQualifier(q)) first = q;
+        }
+        const bool qualified = isQualifier(first);
+        if (qualified || isDelimiter(first)) ++first;
+        int64_t last = end;
+        if (qualified && end >= first && s[end - 1] <= Ch(' ') && isBlank(end)) {
+            int64_t q = end;
+            while (q >= first && isBlank(q)) --q;
+            if (q >= first && isQualifier(q)) last = q;
+        }
+        emit(first, isQualifier(last) ? last - 1 : last, qualified);
         start = isDelimiter(end + 1) ? end + 2 : end + 1;
     }
     if (isDelimiter(length)) emit(length + 1, length, false); // a trailing delimiter opens one more field

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <optional>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -67,8 +68,8 @@ bool EncodeForScan(const std::string& text, bool utf8, std::string& out) {
 
 TKvTextScanConfig MakeScanConfig(const TKvTextFileSettings& s, bool utf8) {
     TKvTextScanConfig c;
-    // With the usual CR LF, files written with LF alone must load the same: LF ends the record and a CR
-    // just before it is dropped. A CR LF inside a qualified field stays part of the field.
+    // With the usual CR LF, files written with LF alone, or with CR alone, must load the same: any of the
+    // three ends a record. One inside a qualified field stays part of the field.
     c.LineBreaks = s.RecordSeparator == "\r\n";
     const std::string separator = c.LineBreaks ? std::string("\n") : s.RecordSeparator;
     if (!separator.empty() && !EncodeForScan(separator, utf8, c.Separator)) c.SeparatorNever = true;
@@ -80,6 +81,7 @@ TKvTextScanConfig MakeScanConfig(const TKvTextFileSettings& s, bool utf8) {
     c.RowLast = s.RowLast;
     c.HeaderRecord = std::max(s.RowFieldNames, 0);
     c.SkipEmpty = s.SkipEmptyRows;
+    c.SkipBlank = s.SkipBlankLines;
     if (!s.FixedWidth && s.FieldDelimiter > 0 && s.FieldDelimiter < 0x80)
         c.BlankDelimiter = static_cast<char>(s.FieldDelimiter);
     return c;
@@ -95,6 +97,44 @@ bool StartsWith(std::string_view bytes, const char* prefix, size_t n) {
     return bytes.size() >= n && std::memcmp(bytes.data(), prefix, n) == 0;
 }
 
+// How reading starts, by the first bytes and the setting.
+struct TStartPlan {
+    TTextEncoding Encoding = encUtf8; ///< so far; a UTF-16 one is decoded as a whole first
+    size_t Skip = 0;                  ///< BOM bytes
+    bool Judge = false;               ///< check the bytes as UTF-8 while scanning and decide after
+};
+
+TStartPlan PlanStart(std::string_view head, const std::optional<TTextEncoding>& forced) {
+    const bool le = StartsWith(head, "\xFF\xFE", 2), be = StartsWith(head, "\xFE\xFF", 2);
+    const bool utf8Bom = StartsWith(head, "\xEF\xBB\xBF", 3);
+    const TStartPlan utf8{utf8Bom ? encUtf8Bom : encUtf8, utf8Bom ? size_t(3) : size_t(0), true};
+    if (!forced) {
+        if (le || be) return {le ? encUtf16LE : encUtf16BE, 2, false};
+        return utf8;
+    }
+    switch (*forced) {
+    case encUtf16LE:
+        return {encUtf16LE, le ? size_t(2) : size_t(0), false};
+    case encUtf16BE:
+        return {encUtf16BE, be ? size_t(2) : size_t(0), false};
+    case encAnsi:
+        return {encAnsi, 0, false};
+    case encUtf8:
+    case encUtf8Bom:
+    case encUtf8Mixed:
+        break;
+    }
+    return utf8;
+}
+
+bool IsUtf16(TTextEncoding e) {
+    return e == encUtf16LE || e == encUtf16BE;
+}
+
+std::string LinesAfter(int64_t n) {
+    return IntToStr(n) + (n == 1 ? " line" : " lines");
+}
+
 } // namespace
 
 TKvTextFile::TKvTextFile() = default;
@@ -104,6 +144,9 @@ void TKvTextFile::Close() {
     active_ = false;
     encoding_ = encUtf8;
     sanitize_ = false;
+    notUtf8At_ = -1;
+    warnings_.clear();
+    inputStart_ = 0;
     records_ = 0;
     stream_ = nullptr;
     ownedStream_.reset();
@@ -179,38 +222,29 @@ void TKvTextFile::OpenText(std::string bytes) {
 
 void TKvTextFile::OpenMemory(std::string_view bytes) {
     inMemory_ = true;
-    size_t start = 0;
-    bool validate = true;
-    if (StartsWith(bytes, "\xFF\xFE", 2) || StartsWith(bytes, "\xFE\xFF", 2)) {
-        const bool bigEndian = bytes[0] == '\xFE';
-        encoding_ = bigEndian ? encUtf16BE : encUtf16LE;
-        std::string decoded = Utf16ToUtf8(bytes.substr(2), bigEndian);
+    inputStart_ = 0;
+    const TStartPlan plan = PlanStart(bytes, settings_.Encoding);
+    encoding_ = plan.Encoding;
+    size_t start = plan.Skip;
+    if (IsUtf16(encoding_)) {
+        std::string decoded =
+            Utf16ToUtf8(bytes.substr(std::min(start, bytes.size())), encoding_ == encUtf16BE);
         ownedBytes_ = std::move(decoded); // may replace the bytes just read
         bytes = ownedBytes_;
-        validate = false;
-    } else if (StartsWith(bytes, "\xEF\xBB\xBF", 3)) {
-        encoding_ = encUtf8Bom;
-        start = 3;
+        start = 0;
     }
     memory_ = bytes;
     const auto begin = static_cast<int64_t>(start);
-    for (bool utf8 = true;; utf8 = false) {
+    for (bool utf8 = encoding_ != encAnsi;; utf8 = false) {
         TKvTextScanner scanner(MakeScanConfig(settings_, utf8), begin);
         scanner.Feed(bytes.data() + start, bytes.size() - start, begin, true);
-        if (utf8 && validate) {
+        if (utf8 && plan.Judge) {
             // Judged by the bytes up to the last wanted record, as a scan of the file in blocks does.
             TKvUtf8Validator validator;
             const size_t end = scanner.Done() ? static_cast<size_t>(scanner.StopOffset) : bytes.size();
             validator.Feed(bytes.data() + start, std::max(end, start) - start);
             validator.Finish(); // a sequence cut by the stop is malformed too
-            if (!validator.Valid()) {
-                if (encoding_ == encUtf8Bom) {
-                    sanitize_ = true;
-                } else {
-                    encoding_ = encAnsi;
-                    if (BoundariesDependOnEncoding(settings_)) continue;
-                }
-            }
+            if (Judge(validator, begin)) continue;
         }
         Finish(scanner);
         return;
@@ -221,8 +255,8 @@ void TKvTextFile::OpenSeekable(TStream& stream, int64_t start) {
     char head[3];
     if (stream.Seek(start, soBeginning) != start) throw EReadError("Stream read error");
     const size_t headLength = ReadFully(stream, head, sizeof head);
-    const std::string_view headView(head, headLength);
-    if (StartsWith(headView, "\xFF\xFE", 2) || StartsWith(headView, "\xFE\xFF", 2)) {
+    const TStartPlan plan = PlanStart(std::string_view(head, headLength), settings_.Encoding);
+    if (IsUtf16(plan.Encoding)) {
         // UTF-16 is decoded as a whole and served from memory.
         stream.Seek(start, soBeginning);
         ownedBytes_ = stream.ReadAll();
@@ -230,18 +264,18 @@ void TKvTextFile::OpenSeekable(TStream& stream, int64_t start) {
         OpenMemory(ownedBytes_);
         return;
     }
-    const bool bom = StartsWith(headView, "\xEF\xBB\xBF", 3);
-    encoding_ = bom ? encUtf8Bom : encUtf8;
-    const int64_t scanStart = start + (bom ? 3 : 0);
+    encoding_ = plan.Encoding;
+    inputStart_ = start;
+    const int64_t scanStart = start + static_cast<int64_t>(plan.Skip);
     std::vector<char> buffer;
 
     // One pass reads every block once. The bytes up to the last wanted record are checked as UTF-8 as they
-    // go by; text that turns out not to be UTF-8 is Windows-1252, which needs a second pass only when the
-    // record boundaries depend on the encoding.
-    for (bool utf8 = true;; utf8 = false) {
+    // go by; text that turns out to be Windows-1252 needs a second pass only when the record boundaries
+    // depend on the encoding.
+    for (bool utf8 = encoding_ != encAnsi;; utf8 = false) {
         TKvTextScanner scanner(MakeScanConfig(settings_, utf8), scanStart);
         TKvUtf8Validator validator;
-        bool validating = utf8, restart = false;
+        const bool validating = utf8 && plan.Judge;
         buffer.resize(blockSize_ + scanner.Tail());
         if (stream.Seek(scanStart, soBeginning) != scanStart) throw EReadError("Stream read error");
         size_t keep = 0;
@@ -252,34 +286,42 @@ void TKvTextFile::OpenSeekable(TStream& stream, int64_t start) {
             const size_t size = keep + got;
             const size_t consumed = scanner.Feed(buffer.data(), size, base, last);
             if (validating) {
-                // Everything before `base` has been checked. A CR dropped before an LF at the start of the
-                // buffer may put the stop just before it.
+                // Everything before `base` has been checked.
                 const int64_t end =
                     scanner.Done() ? scanner.StopOffset : base + static_cast<int64_t>(consumed);
                 validator.Feed(buffer.data(), static_cast<size_t>(std::max<int64_t>(end - base, 0)));
-                if (last || scanner.Done()) validator.Finish();
-                if (!validator.Valid()) {
-                    validating = false;
-                    if (bom) {
-                        sanitize_ = true;
-                    } else {
-                        encoding_ = encAnsi;
-                        if (BoundariesDependOnEncoding(settings_)) {
-                            restart = true;
-                            break;
-                        }
-                    }
-                }
             }
             if (last) break;
             keep = size - consumed;
             std::memmove(buffer.data(), buffer.data() + consumed, keep);
             base += static_cast<int64_t>(consumed);
         }
-        if (restart) continue;
+        if (validating) {
+            validator.Finish();
+            if (Judge(validator, scanStart)) continue;
+        }
         Finish(scanner);
         return;
     }
+}
+
+// Decides the encoding by what the UTF-8 check met; true when the records must be cut again, by bytes.
+bool TKvTextFile::Judge(const TKvUtf8Validator& validator, int64_t start) {
+    if (validator.Valid()) return false;
+    const std::optional<TTextEncoding>& forced = settings_.Encoding;
+    if (forced && *forced != encUtf8Mixed) {
+        sanitize_ = true; // UTF-8 was asked for: no guessing
+        return false;
+    }
+    // A BOM promises UTF-8, and so do valid sequences that outnumber the stray bytes: a file saved once by
+    // a Windows-1252 tool should not turn every accented letter of its other lines into two.
+    if (forced || encoding_ == encUtf8Bom || validator.Sequences() > validator.InvalidBytes()) {
+        encoding_ = encUtf8Mixed;
+        notUtf8At_ = start + validator.FirstInvalid();
+        return false;
+    }
+    encoding_ = encAnsi;
+    return BoundariesDependOnEncoding(settings_);
 }
 
 void TKvTextFile::Finish(TKvTextScanner& scanner) {
@@ -289,6 +331,96 @@ void TKvTextFile::Finish(TKvTextScanner& scanner) {
     hasHeader_ = scanner.HasHeader;
     active_ = true;
     if (hasHeader_) Decode(Fetch(scanner.Header), headerLine_);
+    if (notUtf8At_ >= 0)
+        Warn(notUtf8At_, "bytes that are not UTF-8 were read as Windows-1252 characters", false);
+    if (scanner.Unclosed >= 0) {
+        const int64_t field = UnclosedField(scanner.Config(), scanner.Unclosed, scanner.End);
+        const auto [ends, endsWithLine] = CountLineEnds(field, scanner.End);
+        Warn(field,
+             "the quoted field that starts on this line is never closed: it takes in the " +
+                 LinesAfter(ends - (endsWithLine ? 1 : 0)) + " after it, to the end of the file",
+             true);
+    }
+    std::stable_sort(warnings_.begin(), warnings_.end(),
+                     [](const TKvTextWarning& a, const TKvTextWarning& b) { return a.Line < b.Line; });
+}
+
+void TKvTextFile::Warn(int64_t offset, std::string message, bool problem) {
+    warnings_.push_back({1 + CountLineEnds(inputStart_, offset).first, std::move(message), problem});
+}
+
+// Hands the input's bytes [from, to) to `visit(data, count, available, offset)` block by block: `count`
+// bytes at `offset`, and up to `overlap` more after them where the range goes on, so that a pattern
+// starting in the block can be compared whole. Stops when `visit` returns false. Only warnings read the
+// input again like this; the scan itself keeps nothing for them.
+void TKvTextFile::ReadRange(int64_t from, int64_t to, size_t overlap,
+                            const std::function<bool(const char*, size_t, size_t, int64_t)>& visit) {
+    if (to <= from) return;
+    if (inMemory_) {
+        const auto n = static_cast<size_t>(to - from);
+        visit(memory_.data() + from, n, n, from);
+        return;
+    }
+    std::vector<char> buffer(blockSize_ + overlap);
+    for (int64_t at = from; at < to; at += static_cast<int64_t>(blockSize_)) {
+        const auto want =
+            static_cast<size_t>(std::min<int64_t>(to - at, static_cast<int64_t>(buffer.size())));
+        if (stream_->Seek(at, soBeginning) != at) throw EReadError("Stream read error");
+        const size_t got = ReadFully(*stream_, buffer.data(), want);
+        if (got < want) throw EReadError("Stream read error"); // the file has shrunk since it was scanned
+        if (!visit(buffer.data(), std::min(got, blockSize_), got, at)) return;
+    }
+}
+
+// A CR LF counts once, at its CR. Also tells whether the last byte ends a line.
+std::pair<int64_t, bool> TKvTextFile::CountLineEnds(int64_t from, int64_t to) {
+    int64_t ends = 0;
+    char previous = 0;
+    // The byte before `from` tells whether an LF there ends a line of its own.
+    const int64_t first = std::max(from - 1, inputStart_);
+    ReadRange(first, to, 0, [&](const char* d, size_t n, size_t, int64_t at) {
+        for (size_t i = 0; i < n; ++i) {
+            const char c = d[i];
+            if (at + static_cast<int64_t>(i) >= from && (c == '\r' || (c == '\n' && previous != '\r')))
+                ++ends;
+            previous = c;
+        }
+        return true;
+    });
+    return {ends, previous == '\r' || previous == '\n'};
+}
+
+// The record from `from` to the end of the input was kept open by a qualifier. The field to blame is the
+// first of its quoted sections that takes in a record separator (after it every qualifier toggles the
+// wrong way), else the section still open at the end. Returns where its opening qualifier lies.
+int64_t TKvTextFile::UnclosedField(const TKvTextScanConfig& config, int64_t from, int64_t to) {
+    const std::string& qualifier = config.Qualifier;
+    const std::string& separator = config.Separator;
+    bool inside = false;
+    int64_t opened = from, spanning = -1;
+    size_t carry = 0; // bytes of a qualifier that reach into the next block
+    ReadRange(from, to, std::max(qualifier.size(), separator.size()),
+              [&](const char* d, size_t n, size_t available, int64_t at) {
+                  const auto matches = [&](size_t i, const std::string& pattern) {
+                      return !pattern.empty() && i + pattern.size() <= available &&
+                             std::memcmp(d + i, pattern.data(), pattern.size()) == 0;
+                  };
+                  size_t i = carry;
+                  for (; i < n; ++i) {
+                      if (matches(i, qualifier)) {
+                          if (!inside) opened = at + static_cast<int64_t>(i);
+                          inside = !inside;
+                          i += qualifier.size() - 1;
+                      } else if (inside &&
+                                 (config.LineBreaks ? d[i] == '\r' || d[i] == '\n' : matches(i, separator))) {
+                          spanning = opened;
+                          return false;
+                      }
+                  }
+                  carry = i - n;
+                  return true;
+              });
+    return spanning >= 0 ? spanning : opened;
 }
 
 std::string_view TKvTextFile::Fetch(const TKvTextRecordSpan& span) {
@@ -320,6 +452,9 @@ void TKvTextFile::Decode(std::string_view bytes, std::string& out) const {
                 out += CodePageChar(static_cast<unsigned char>(bytes[run++]), cpWindows1252);
             i = run;
         }
+    } else if (encoding_ == encUtf8Mixed) {
+        out.clear();
+        AppendUtf8OrWindows1252(out, bytes);
     } else if (sanitize_) {
         out.clear();
         for (size_t pos = 0; pos < bytes.size();) Utf8Append(out, Utf8Decode(bytes, pos));

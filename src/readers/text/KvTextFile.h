@@ -8,7 +8,9 @@
 #include "platform/Streams.h"
 
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -17,6 +19,8 @@
 namespace kv {
 
 class TKvTextScanner;
+struct TKvTextScanConfig;
+class TKvUtf8Validator;
 
 /// How the text is cut into records and which records are kept.
 struct TKvTextFileSettings {
@@ -24,8 +28,8 @@ struct TKvTextFileSettings {
     char32_t FieldDelimiter = U'\t';
     /// Text qualifier (0 = none); a record separator between two qualifiers belongs to the field.
     char32_t TextQualifier = U'"';
-    /// UTF-8 text between two records; may be several characters or empty. "\r\n" also ends a record at a
-    /// lone LF, and never leaves a CR at the end of a record.
+    /// UTF-8 text between two records; may be several characters or empty. "\r\n" stands for any line
+    /// end: CR LF, a lone LF or a lone CR.
     std::string RecordSeparator = "\r\n";
     /// Fields are cut by character positions rather than by the delimiter.
     bool FixedWidth = false;
@@ -40,8 +44,24 @@ struct TKvTextFileSettings {
     /// Leaves out data rows whose characters are all blanks (codes up to 32) or, unless FixedWidth, the
     /// field delimiter (when that is a one-byte character). Such records still count in the numbering.
     bool SkipEmptyRows = false;
+    /// Records that are empty or hold only spaces, tabs and CRs are not data rows, and a blank record at
+    /// RowFieldNames is no header. They still count in the numbering. Records of a fixed length are not
+    /// lines and are never skipped for this.
+    bool SkipBlankLines = true;
+    /// The input's encoding; unset, it is found as TKvTextFile::Encoding tells. UTF-8 then takes bytes
+    /// that are not UTF-8 as U+FFFD, Windows-1252 (encAnsi) every byte as one character, UTF-16 drops its
+    /// BOM when there is one, and encUtf8Mixed reads stray bytes as Windows-1252 whatever their number.
+    std::optional<TTextEncoding> Encoding;
     /// Bytes per read while scanning and serving (0 = 1 MiB); tests make it tiny.
     size_t BlockSize = 0;
+};
+
+/// Something the reader noticed while loading that a user should hear of.
+struct TKvTextWarning {
+    int64_t Line = 0;     ///< physical line (1-based) of the file where it is
+    std::string Message;  ///< the reader's own text, without the line
+    bool Problem = false; ///< data may be lost or changed: the run did not go as a user expects
+    bool operator==(const TKvTextWarning&) const = default;
 };
 
 /// Byte offset and length of one record in the input (or in the decoded text for UTF-16 input).
@@ -74,7 +94,7 @@ private:
 /// A loaded text: the header line and the selected data rows, served as UTF-8.
 ///
 /// Records are numbered from 1. A separator at the very end of the text does not open one more (empty)
-/// record; a qualifier that is never closed makes the rest of the text one record.
+/// record; a qualifier that is never closed makes the rest of the text one record (and a warning).
 class TKvTextFile {
 public:
     TKvTextFile();
@@ -98,10 +118,14 @@ public:
     void Close();
     bool Active() const { return active_; }
 
-    /// How the input was decoded: a UTF-16 BOM selects UTF-16; otherwise a UTF-8 BOM, or bytes that are
-    /// UTF-8 up to the end of the last wanted record, are UTF-8; anything else is Windows-1252, decoded
-    /// record by record as rows are read.
+    /// How the input was decoded. Unless the setting says: a UTF-16 BOM selects UTF-16; otherwise the bytes
+    /// up to the end of the last wanted record decide. All UTF-8 (after a BOM or not) is UTF-8. Mostly
+    /// UTF-8 (after a BOM, or more valid multi-byte sequences than stray bytes) is encUtf8Mixed, with a
+    /// warning at the first stray byte. Anything else is Windows-1252, decoded record by record as rows
+    /// are read.
     TTextEncoding Encoding() const { return encoding_; }
+    /// What the last Open noticed, by line.
+    const std::vector<TKvTextWarning>& Warnings() const { return warnings_; }
     /// Records met while scanning (the scan stops once the last wanted record is reached).
     int64_t RecordCount() const { return records_; }
 
@@ -124,7 +148,13 @@ private:
     void OpenMemory(std::string_view bytes);
     void OpenOwned(std::unique_ptr<TStream> stream);
     void OpenSeekable(TStream& stream, int64_t start);
+    bool Judge(const TKvUtf8Validator& validator, int64_t start);
     void Finish(TKvTextScanner& scanner);
+    void Warn(int64_t offset, std::string message, bool problem);
+    std::pair<int64_t, bool> CountLineEnds(int64_t from, int64_t to);
+    int64_t UnclosedField(const TKvTextScanConfig& config, int64_t from, int64_t to);
+    void ReadRange(int64_t from, int64_t to, size_t overlap,
+                   const std::function<bool(const char*, size_t, size_t, int64_t)>& visit);
     std::string_view Fetch(const TKvTextRecordSpan& span);
     void Decode(std::string_view bytes, std::string& out) const;
 
@@ -132,8 +162,10 @@ private:
     size_t blockSize_ = 0; ///< of the open input
     bool active_ = false;
     TTextEncoding encoding_ = encUtf8;
-    bool sanitize_ = false; ///< UTF-8 after a BOM that turned out malformed: bad bytes become U+FFFD
+    bool sanitize_ = false;  ///< UTF-8 by the setting that turned out malformed: bad bytes become U+FFFD
+    int64_t notUtf8At_ = -1; ///< the first stray byte of encUtf8Mixed
     int64_t records_ = 0;
+    std::vector<TKvTextWarning> warnings_;
 
     // Where the bytes come from: a view of memory (owned or borrowed), or a seekable stream.
     std::unique_ptr<TStream> ownedStream_;
@@ -141,6 +173,7 @@ private:
     std::string ownedBytes_;
     std::string_view memory_;
     bool inMemory_ = false;
+    int64_t inputStart_ = 0; ///< where line 1 starts
 
     // The window rows are read through (stream input only).
     std::vector<char> window_;

@@ -1,14 +1,46 @@
 #include "readers/text/KvTextScanInternal.h"
 
+#include "platform/Utf8.h"
+
 #include <algorithm>
 #include <cstring>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 namespace kv {
+
+namespace {
+
+// The first CR or LF in d[from, to), else `to`. One pass finds either, so a file of CR LF lines costs no
+// more than one search a line, as a single memchr did for LF alone.
+size_t FindLineBreak(const char* d, size_t from, size_t to) {
+    size_t i = from;
+#if defined(__SSE2__)
+    const __m128i cr = _mm_set1_epi8('\r'), lf = _mm_set1_epi8('\n');
+    for (; i + 16 <= to; i += 16) {
+        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(d + i));
+        const int mask = _mm_movemask_epi8(_mm_or_si128(_mm_cmpeq_epi8(v, cr), _mm_cmpeq_epi8(v, lf)));
+        if (mask) return i + static_cast<size_t>(__builtin_ctz(static_cast<unsigned>(mask)));
+    }
+#else
+    if (const void* lf = std::memchr(d + i, '\n', to - i))
+        to = static_cast<size_t>(static_cast<const char*>(lf) - d);
+    if (const void* cr = std::memchr(d + i, '\r', to - i))
+        return static_cast<size_t>(static_cast<const char*>(cr) - d);
+    return to;
+#endif
+    for (; i < to; ++i)
+        if (d[i] == '\r' || d[i] == '\n') return i;
+    return to;
+}
+
+} // namespace
 
 void TKvUtf8Validator::Feed(const char* data, size_t size) {
     const auto* p = reinterpret_cast<const unsigned char*>(data);
     size_t i = 0;
-    while (i < size && valid_) {
+    while (i < size) {
         if (need_ == 0) {
             // Eight ASCII bytes at a time: most text is mostly ASCII.
             while (i + 8 <= size) {
@@ -32,18 +64,35 @@ void TKvUtf8Validator::Feed(const char* data, size_t size) {
                 if (c == 0xF0) lo_ = 0x90;
                 if (c == 0xF4) hi_ = 0x8F; // nothing above U+10FFFF
             } else {
-                valid_ = false;
+                Invalid(fed_ + static_cast<int64_t>(i) - 1, 1);
+                continue;
             }
+            start_ = fed_ + static_cast<int64_t>(i) - 1;
+            taken_ = 1;
         } else {
-            const unsigned char c = p[i++];
+            const unsigned char c = p[i];
             if (c < lo_ || c > hi_) {
-                valid_ = false;
-                break;
+                // The sequence so far starts nothing; this byte may start the next one.
+                Invalid(start_, taken_);
+                need_ = 0;
+                continue;
             }
+            ++i, ++taken_;
             lo_ = 0x80, hi_ = 0xBF;
-            --need_;
+            if (--need_ == 0) ++sequences_;
         }
     }
+    fed_ += static_cast<int64_t>(size);
+}
+
+void TKvUtf8Validator::Finish() {
+    if (need_) Invalid(start_, taken_);
+    need_ = 0;
+}
+
+void TKvUtf8Validator::Invalid(int64_t at, int count) {
+    if (firstInvalid_ < 0) firstInvalid_ = at;
+    invalid_ += count;
 }
 
 void TKvTextSpanList::Push(const TKvTextRecordSpan& span) {
@@ -81,8 +130,13 @@ TKvTextScanner::TKvTextScanner(const TKvTextScanConfig& config, int64_t start)
     : config_(config), recordStart_(start) {
     if (config_.SeparatorNever) config_.Separator.clear();
     if (!config_.Separator.empty()) config_.FixedChars = 0;
+    if (config_.Separator.empty()) config_.SkipBlank = false; // records of a length are not lines
+    empty_ = config_.SkipEmpty;
+    blank_ = config_.SkipBlank;
     tail_ = std::max(config_.Separator.size(), config_.Qualifier.size());
     if (tail_) --tail_;
+    if (config_.LineBreaks && !config_.Separator.empty()) tail_ = std::max<size_t>(tail_, 1); // CR, then LF?
+    if (config_.FixedChars > 0 && config_.Utf8Chars) tail_ = 3; // a whole sequence, to judge it
     stopAt_ = std::max(config_.RowLast, config_.HeaderRecord);
     // Nothing wanted at all: no need to look at a byte.
     done_ = stopAt_ < 1 || (config_.RowFirst > config_.RowLast && config_.HeaderRecord < 1);
@@ -92,14 +146,18 @@ TKvTextScanner::TKvTextScanner(const TKvTextScanConfig& config, int64_t start)
 size_t TKvTextScanner::Feed(const char* data, size_t size, int64_t base, bool final) {
     if (done_) return size;
     size_t consumed = size;
+    const size_t limit = final ? size : (size > tail_ ? size - tail_ : 0);
     if (!config_.Separator.empty())
-        consumed = FeedSeparated(data, size, final ? size : (size > tail_ ? size - tail_ : 0), base);
+        consumed = FeedSeparated(data, size, limit, base);
     else if (config_.FixedChars > 0)
-        FeedFixed(data, size, base);
+        consumed = FeedFixed(data, size, limit, base);
     if (done_) return size;
-    if (config_.SkipEmpty && blank_) CheckBlank(data, OpenRecordIndex(base), consumed);
-    if (final && recordStart_ < base + static_cast<int64_t>(size)) EndRecord(data, size, base);
-    if (consumed) previous_ = data[consumed - 1];
+    if (empty_ || blank_) CheckBlank(data, OpenRecordIndex(base), consumed);
+    if (final) {
+        End = base + static_cast<int64_t>(size);
+        if (inside_) Unclosed = recordStart_;
+        if (recordStart_ < End) EndRecord(data, size, base);
+    }
     return consumed;
 }
 
@@ -109,11 +167,13 @@ size_t TKvTextScanner::OpenRecordIndex(int64_t base) const {
 
 // Outside a qualified section the next event is the nearer of the next separator and the next qualifier;
 // inside one it is the next qualifier. Both positions come from memchr and are kept until passed, so the
-// buffer is searched about once per pattern whatever the mix.
+// buffer is searched about once per pattern whatever the mix. With line breaks the separator is any of
+// CR LF, LF and CR; the tail keeps a CR from being judged before the byte after it is there.
 size_t TKvTextScanner::FeedSeparated(const char* d, size_t n, size_t limit, int64_t base) {
     const std::string& sep = config_.Separator;
     const std::string& qual = config_.Qualifier;
     const bool hasQualifier = !qual.empty();
+    const bool lineBreaks = config_.LineBreaks;
     const auto find = [&](char c, size_t from) -> size_t {
         const void* hit = std::memchr(d + from, c, limit - from);
         return hit ? static_cast<size_t>(static_cast<const char*>(hit) - d) : limit;
@@ -140,7 +200,7 @@ size_t TKvTextScanner::FeedSeparated(const char* d, size_t n, size_t limit, int6
             continue;
         }
         if (!sepKnown || nextSep < p) {
-            nextSep = find(sep[0], p);
+            nextSep = lineBreaks ? FindLineBreak(d, p, limit) : find(sep[0], p);
             sepKnown = true;
         }
         if (nextQual < nextSep) {
@@ -153,7 +213,11 @@ size_t TKvTextScanner::FeedSeparated(const char* d, size_t n, size_t limit, int6
             continue;
         }
         if (nextSep >= limit) return limit;
-        if (matches(nextSep, sep)) {
+        if (lineBreaks) {
+            EndRecord(d, nextSep, base);
+            p = nextSep + (d[nextSep] == '\r' && nextSep + 1 < n && d[nextSep + 1] == '\n' ? 2 : 1);
+            recordStart_ = base + static_cast<int64_t>(p);
+        } else if (matches(nextSep, sep)) {
             EndRecord(d, nextSep, base);
             p = nextSep + sep.size();
             recordStart_ = base + static_cast<int64_t>(p);
@@ -164,7 +228,7 @@ size_t TKvTextScanner::FeedSeparated(const char* d, size_t n, size_t limit, int6
     return p;
 }
 
-void TKvTextScanner::FeedFixed(const char* d, size_t n, int64_t base) {
+size_t TKvTextScanner::FeedFixed(const char* d, size_t n, size_t limit, int64_t base) {
     const int64_t width = config_.FixedChars;
     const int64_t end = base + static_cast<int64_t>(n);
     if (!config_.Utf8Chars) {
@@ -174,45 +238,57 @@ void TKvTextScanner::FeedFixed(const char* d, size_t n, int64_t base) {
             EndRecord(d, static_cast<size_t>(next - base), base);
             recordStart_ = next;
         }
-        return;
+        return n;
     }
-    for (size_t i = 0; i < n && !done_; ++i) {
-        if ((static_cast<unsigned char>(d[i]) & 0xC0) == 0x80) continue; // a continuation byte
+    // Characters as the rows are decoded: a valid sequence is one, and so is every byte that starts none
+    // (it becomes U+FFFD or a Windows-1252 character). Whole sequences lie before `limit`.
+    const std::string_view text(d, n);
+    size_t i = 0;
+    while (i < limit && !done_) {
         if (chars_ == width) {
             EndRecord(d, i, base);
             recordStart_ = base + static_cast<int64_t>(i);
             chars_ = 0;
         }
         ++chars_;
+        if (static_cast<unsigned char>(d[i]) < 0x80)
+            ++i;
+        else
+            Utf8Decode(text, i);
     }
+    return i;
 }
 
+// Narrows what the open record can still be, by its bytes d[from, to). Most records are ruled out by
+// their first byte.
 void TKvTextScanner::CheckBlank(const char* d, size_t from, size_t to) {
-    for (size_t i = from; i < to && blank_; ++i) {
-        const unsigned char c = static_cast<unsigned char>(d[i]);
-        blank_ = c <= ' ' || (config_.BlankDelimiter && d[i] == config_.BlankDelimiter);
+    for (size_t i = from; i < to && (empty_ || blank_); ++i) {
+        const char c = d[i];
+        blank_ = blank_ && (c == ' ' || c == '\t' || c == '\r');
+        empty_ = empty_ && (static_cast<unsigned char>(c) <= ' ' ||
+                            (config_.BlankDelimiter && c == config_.BlankDelimiter));
     }
 }
 
 void TKvTextScanner::EndRecord(const char* d, size_t endIndex, int64_t base) {
-    int64_t length = base + static_cast<int64_t>(endIndex) - recordStart_;
-    if (config_.LineBreaks && length > 0 && (endIndex ? d[endIndex - 1] : previous_) == '\r') --length;
-    bool empty = length == 0;
-    if (config_.SkipEmpty && !empty) {
-        CheckBlank(d, OpenRecordIndex(base), endIndex);
-        empty = blank_;
-    }
-    blank_ = true;
-    Keep(recordStart_, length, empty);
+    const int64_t length = base + static_cast<int64_t>(endIndex) - recordStart_;
+    if (empty_ || blank_) CheckBlank(d, OpenRecordIndex(base), endIndex);
+    // An empty record is blank whichever way it is asked.
+    Keep(recordStart_, length, length == 0 || empty_, length == 0 || blank_);
+    empty_ = config_.SkipEmpty;
+    blank_ = config_.SkipBlank;
 }
 
-void TKvTextScanner::Keep(int64_t offset, int64_t length, bool empty) {
+void TKvTextScanner::Keep(int64_t offset, int64_t length, bool empty, bool blank) {
     ++Records;
-    if (Records == config_.HeaderRecord) {
+    blank = blank && config_.SkipBlank;
+    // A blank line where the names should be names nothing: the columns are then numbered.
+    if (Records == config_.HeaderRecord && !blank) {
         HasHeader = true;
         Header = {offset, length};
     }
-    if (Records >= config_.RowFirst && Records <= config_.RowLast && !(config_.SkipEmpty && empty)) {
+    if (Records >= config_.RowFirst && Records <= config_.RowLast && !(config_.SkipEmpty && empty) &&
+        !blank) {
         const auto index = static_cast<int64_t>(Rows.Size());
         if (Numbering.empty() || Numbering.back().second - Numbering.back().first != Records - index)
             Numbering.emplace_back(index, Records);

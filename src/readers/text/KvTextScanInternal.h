@@ -13,36 +13,48 @@
 
 namespace kv {
 
-/// Checks UTF-8 well-formedness over consecutive chunks (a sequence may straddle two chunks).
+/// Checks UTF-8 well-formedness over consecutive chunks (a sequence may straddle two chunks), and counts
+/// what it meets: valid sequences of several bytes, and bytes that start none, as a decoder that takes
+/// each such byte alone sees them.
 class TKvUtf8Validator {
 public:
     void Feed(const char* data, size_t size);
-    /// The input has ended: a sequence left open makes it malformed.
-    void Finish() {
-        if (need_) valid_ = false;
-    }
-    bool Valid() const { return valid_; }
+    /// The input has ended: a sequence left open is malformed too.
+    void Finish();
+    bool Valid() const { return invalid_ == 0; }
+    int64_t Sequences() const { return sequences_; }
+    int64_t InvalidBytes() const { return invalid_; }
+    /// Where the first invalid byte lies, counted from the first byte fed; -1 = none.
+    int64_t FirstInvalid() const { return firstInvalid_; }
 
 private:
+    void Invalid(int64_t at, int count);
+
     int need_ = 0;            ///< continuation bytes still expected
     unsigned char lo_ = 0x80; ///< range of the next continuation byte (narrower after E0, ED, F0, F4)
     unsigned char hi_ = 0xBF;
-    bool valid_ = true;
+    int64_t start_ = 0; ///< where the open sequence starts
+    int taken_ = 0;     ///< and its bytes so far
+    int64_t fed_ = 0;   ///< bytes of the chunks before
+    int64_t sequences_ = 0;
+    int64_t invalid_ = 0;
+    int64_t firstInvalid_ = -1;
 };
 
 /// What the scan looks for, in the bytes of the input's encoding.
 struct TKvTextScanConfig {
     std::string Separator;       ///< empty = none
     bool SeparatorNever = false; ///< the separator cannot occur in this encoding
-    bool LineBreaks = false; ///< separator is CR LF: a lone LF ends a record too, a CR before it is dropped
-    std::string Qualifier;   ///< empty = none
-    int64_t FixedChars = 0;  ///< > 0 (and no separator): records of this many characters
-    bool Utf8Chars = true;   ///< characters are UTF-8 sequences (else one byte each)
+    bool LineBreaks = false;     ///< separator is "\n" standing for any line end: CR LF, LF or a lone CR
+    std::string Qualifier;       ///< empty = none
+    int64_t FixedChars = 0;      ///< > 0 (and no separator): records of this many characters
+    bool Utf8Chars = true;       ///< characters are UTF-8 sequences or stray bytes (else one byte each)
     int64_t RowFirst = 1;
     int64_t RowLast = 2147483647;
     int64_t HeaderRecord = 0; ///< 0 = none
     bool SkipEmpty = false;
     char BlankDelimiter = 0; ///< a one-byte delimiter that counts as blank for SkipEmpty (0 = none)
+    bool SkipBlank = false;  ///< records of only spaces, tabs and CRs are neither rows nor the header
 };
 
 /// Cuts records and keeps the selected ones. Feed it consecutive bytes; it consumes all but a short tail
@@ -58,10 +70,15 @@ public:
     bool Done() const { return done_; }
     /// Bytes that must stay unconsumed at the end of a block so a pattern is never cut in two.
     size_t Tail() const { return tail_; }
+    const TKvTextScanConfig& Config() const { return config_; }
 
     int64_t Records = 0;
     /// Once Done: where the last wanted record ends. The encoding is judged by the bytes before it.
     int64_t StopOffset = -1;
+    /// Once the input has ended: its end, and where the record a qualifier left open to it starts (-1 =
+    /// none).
+    int64_t End = -1;
+    int64_t Unclosed = -1;
     bool HasHeader = false;
     TKvTextRecordSpan Header;
     TKvTextSpanList Rows;
@@ -69,9 +86,9 @@ public:
 
 private:
     size_t FeedSeparated(const char* d, size_t n, size_t limit, int64_t base);
-    void FeedFixed(const char* d, size_t n, int64_t base);
+    size_t FeedFixed(const char* d, size_t n, size_t limit, int64_t base);
     void EndRecord(const char* d, size_t endIndex, int64_t base);
-    void Keep(int64_t offset, int64_t length, bool empty);
+    void Keep(int64_t offset, int64_t length, bool empty, bool blank);
     void CheckBlank(const char* d, size_t from, size_t to);
     size_t OpenRecordIndex(int64_t base) const;
 
@@ -82,8 +99,8 @@ private:
     int64_t recordStart_ = 0; ///< absolute offset where the open record starts
     bool inside_ = false;     ///< between an opening and a closing qualifier
     int64_t chars_ = 0;       ///< characters of the open record (fixed length)
-    char previous_ = 0;       ///< last byte of the previous Feed, for the CR before an LF at a block start
-    bool blank_ = true;       ///< the open record holds only blanks so far (SkipEmpty)
+    bool empty_ = false;      ///< the open record may still be empty as SkipEmpty means it
+    bool blank_ = false;      ///< the open record may still be a blank line (SkipBlank)
 };
 
 } // namespace kv

@@ -29,6 +29,38 @@ size_t Digits(std::string_view s, size_t& i, size_t maxDigits, int& value) {
     return n;
 }
 
+// Digits a double holds exactly, whatever they are.
+constexpr size_t kExactDigits = 15;
+
+// A value written the way identifiers, postal codes and phone numbers are: a leading "+", or a zero
+// followed by another digit. As a number it would lose its zeros or its plus.
+bool LooksLikeCode(std::string_view s) {
+    if (!s.empty() && s[0] == '+') return true;
+    if (!s.empty() && s[0] == '-') s.remove_prefix(1);
+    return s.size() >= 2 && s[0] == '0' && IsDigit(s[1]);
+}
+
+// Optional sign and digits only.
+bool IsDigitString(std::string_view s) {
+    if (!s.empty() && (s[0] == '+' || s[0] == '-')) s.remove_prefix(1);
+    return !s.empty() && std::all_of(s.begin(), s.end(), IsDigit);
+}
+
+// Digits from the first non-zero one to the last of the mantissa (before any exponent).
+size_t SignificantDigits(std::string_view s) {
+    size_t first = std::string_view::npos, last = 0, index = 0;
+    for (char c : s) {
+        if (c == 'e' || c == 'E') break;
+        if (!IsDigit(c)) continue;
+        if (c != '0') {
+            if (first == std::string_view::npos) first = index;
+            last = index;
+        }
+        ++index;
+    }
+    return first == std::string_view::npos ? 0 : last - first + 1;
+}
+
 } // namespace
 
 TKvTextDateOrder TextDateOrderOf(std::string_view pattern) {
@@ -148,7 +180,7 @@ bool TKvTextTypeGuesser::IsDateTime(std::string_view value) const {
     return IsTime(TrimView(s.substr(i + 1)));
 }
 
-// h:nn[:ss[.zzz]] with an optional AM/PM and an optional "Z".
+// h:nn[:ss[.zzz]] with an optional AM/PM, or with a zone: "Z", +hh, +hhmm or +hh:mm (or "-").
 bool TKvTextTypeGuesser::IsTime(std::string_view s) const {
     size_t i = 0;
     int hour, minute, second = 0, unused;
@@ -168,6 +200,14 @@ bool TKvTextTypeGuesser::IsTime(std::string_view s) const {
         i = s.size();
     } else if (rest == "Z") {
         i = s.size();
+    } else if (!rest.empty() && (rest[0] == '+' || rest[0] == '-')) {
+        int zoneHour, zoneMinute = 0;
+        ++i;
+        if (Digits(s, i, 2, zoneHour) != 2 || zoneHour > 14) return false;
+        if (i < s.size()) {
+            Take(s, i, ":");
+            if (Digits(s, i, 2, zoneMinute) != 2 || zoneMinute > 59) return false;
+        }
     }
     if (i != s.size()) return false;
     if (twelveHour ? (hour < 1 || hour > 12) : hour > 23) return false;
@@ -181,8 +221,13 @@ void TKvTextTypeGuesser::Add(size_t column, std::string_view value, bool groupin
     const std::string_view s = TrimView(value);
     if (s.empty()) return;
     ++c.Type.Values;
+    if (LooksLikeCode(s)) c.CanInteger = c.CanFloat = false;
     const bool integer = (c.CanInteger || c.CanFloat) && IsInteger(s);
     c.CanInteger = c.CanInteger && integer;
+    // A number the destination could only round is kept as the text it is: an integer beyond 64 bits, or
+    // more digits than a double holds (a float column would round the long integers of the column too).
+    if (c.CanFloat && ((!integer && IsDigitString(s)) || SignificantDigits(s) > kExactDigits))
+        c.CanFloat = false;
     c.CanFloat = c.CanFloat && (integer || IsFloat(s, groupingAllowed));
     c.CanBoolean = c.CanBoolean && IsBoolean(s);
     c.CanDate = c.CanDate && IsDateTime(s);

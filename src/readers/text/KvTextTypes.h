@@ -14,10 +14,11 @@ namespace kv {
 
 /// What a column's values look like.
 enum TKvTextColumnKind : uint8_t {
-    tckString,   ///< anything else, or no value at all
+    tckString,   ///< anything else, or no value at all; also numbers with a leading "+" or leading zeros
+                 ///< (codes), and numbers a 64-bit integer or a double cannot hold exactly
     tckInteger,  ///< optional sign and digits, within 64 bits
-    tckFloat,    ///< decimals, grouping or exponent (integers mixed with floats too)
-    tckDateTime, ///< dates by the given order and separators, with an optional time
+    tckFloat,    ///< decimals, grouping or exponent (integers mixed with floats too), up to 15 digits
+    tckDateTime, ///< dates by the given order and separators, with an optional time and zone
     tckBoolean   ///< the true/false texts, true/false, yes/no
 };
 

@@ -55,6 +55,21 @@ TEST(TextFields, SplitsByTheWalk) {
          {"a,b", "c"},
          {{2, 4}, {7, 7}}},
         {"a\xC2\xA7", U'\u00A7', 0, {"a", ""}, {{1, 1}, {3, 2}}},
+        // Blanks before an opening and after a closing qualifier are layout.
+        {"a, \"b, c\",d", U',', U'"', {"a", "b, c", "d"}, {{1, 1}, {5, 8}, {11, 11}}},
+        {"a,\t \"b\"  \t,d", U',', U'"', {"a", "b", "d"}, {{1, 1}, {6, 6}, {12, 12}}},
+        {"1, \"\", 2", U',', U'"', {"1", "", " 2"}, {{1, 1}, {5, 4}, {7, 8}}},
+        {"a, b ,c", U',', U'"', {"a", " b ", "c"}, {{1, 1}, {3, 5}, {7, 7}}},     // no qualifier: kept
+        {"a, \" b \" ", U',', U'"', {"a", " b "}, {{1, 1}, {5, 7}}},              // inside: kept
+        {"a, \"b  ", U',', U'"', {"a", "b  "}, {{1, 1}, {5, 7}}},                 // unterminated: kept
+        {"x \"y\" z", U',', U'"', {"x \"y\" z"}, {{1, 7}}},                       // not at the start
+        {"a \"b c\" d", U' ', U'"', {"a", "b c", "d"}, {{1, 1}, {4, 6}, {9, 9}}}, // blank delimiter
+        {"a;  \xC2\xAB"
+         "b;c\xC2\xAB ;d",
+         U';',
+         U'\u00AB',
+         {"a", "b;c", "d"},
+         {{1, 1}, {6, 8}, {12, 12}}},
     };
     for (const SplitCase& c : cases) {
         SCOPED_TRACE(c.Line);
@@ -176,6 +191,8 @@ TEST(TextFields, PostProcessing) {
 TEST(TextFields, ColumnNames) {
     EXPECT_EQ(TextColumnNames("id, Name ,,name,\"Last Name\",Field3", U',', U'"'),
               (std::vector<std::string>{"id", "Name", "Field3", "name_2", "Last Name", "Field3_2"}));
+    EXPECT_EQ(TextColumnNames("id, \"Last, First\" , \"Zip\"", U',', U'"'),
+              (std::vector<std::string>{"id", "Last, First", "Zip"}));
     EXPECT_EQ(TextColumnNames("a;a;A;a_2", U';', U'"', "Feld"),
               (std::vector<std::string>{"a", "a_2", "A_3", "a_2_2"}));
     EXPECT_EQ(TextColumnNames(";", U';', U'"', "Feld"), (std::vector<std::string>{"Feld1", "Feld2"}));

@@ -17,6 +17,7 @@ struct Loaded {
     bool HasHeader = false;
     std::string Header;
     TTextEncoding Encoding = encUtf8;
+    std::vector<TKvTextWarning> Warnings;
     bool operator==(const Loaded&) const = default;
 };
 
@@ -29,6 +30,7 @@ Loaded Collect(TKvTextFile& file) {
     r.HasHeader = file.HasHeader();
     r.Header = file.HeaderLine();
     r.Encoding = file.Encoding();
+    r.Warnings = file.Warnings();
     return r;
 }
 
@@ -82,6 +84,22 @@ TKvTextFileSettings FixedLength(int length) {
     return s;
 }
 
+TKvTextFileSettings KeepBlank(TKvTextFileSettings s) {
+    s.SkipBlankLines = false;
+    return s;
+}
+
+std::string Repeat(std::string_view text, int times) {
+    std::string out;
+    for (int i = 0; i < times; ++i) out += text;
+    return out;
+}
+
+TKvTextFileSettings Forced(TKvTextFileSettings s, TTextEncoding encoding) {
+    s.Encoding = encoding;
+    return s;
+}
+
 TKvTextFileSettings Upto(TKvTextFileSettings s, int rowLast) {
     s.RowLast = rowLast;
     return s;
@@ -94,10 +112,22 @@ TEST(TextFile, CutsRecords) {
         {"mixed line ends", "a\r\nb\nc\r\n", Plain(), {"a", "b", "c"}},
         {"a CR before the end of the text", "a\r\nb\r", Plain(), {"a", "b"}},
         {"no final line break", "a\r\nb", Plain(), {"a", "b"}},
-        {"blank lines are records", "a\r\n\r\n\nb", Plain(), {"a", "", "", "b"}},
-        {"a lone CR is text", "a\rb\r\nc", Plain(), {"a\rb", "c"}},
+        {"blank lines kept", "a\r\n\r\n\nb", KeepBlank(Plain()), {"a", "", "", "b"}},
+        {"a lone CR ends a record", "a\rb\r\nc", Plain(), {"a", "b", "c"}},
+        {"CR lines (old Mac)", "id,name\r1,Ann\r2,Bo\r", Plain(), {"id,name", "1,Ann", "2,Bo"}},
+        {"CR CR LF is an empty record between", "a\r\r\nb", KeepBlank(Plain()), {"a", "", "b"}},
+        {"LF CR is two line ends", "a\n\rb", KeepBlank(Plain()), {"a", "", "b"}},
+        {"a CR inside qualifiers stays",
+         "1,\"x\ry\"\r2,\"p\r\nq\"\r\n3",
+         Plain(),
+         {"1,\"x\ry\"", "2,\"p\r\nq\"", "3"}},
+        {"CR with another separator is text", "a\rb;c", Plain(";"), {"a\rb", "c"}},
         {"qualified field across lines", "1,\"x\r\ny\"\r\n2,z", Plain(), {"1,\"x\r\ny\"", "2,z"}},
         {"qualified field across LF lines", "1,\"x\ny\"\n2", Plain(), {"1,\"x\ny\"", "2"}},
+        {"blanks before a qualified field across lines",
+         "1, \"x\r\ny\" ,2\r\n3",
+         Plain(),
+         {"1, \"x\r\ny\" ,2", "3"}},
         {"doubled qualifiers keep the state", "\"a\"\"\r\nb\"\r\nc", Plain(), {"\"a\"\"\r\nb\"", "c"}},
         {"without qualifier", "\"a\r\nb\"", Plain("\r\n", 0), {"\"a", "b\""}},
         {"another qualifier", "'a\r\nb',\"c\r\nd", Plain("\r\n", U'\''), {"'a\r\nb',\"c", "d"}},
@@ -105,7 +135,7 @@ TEST(TextFile, CutsRecords) {
         {"separator inside qualifiers", "\"x||y\"||z", Plain("||"), {"\"x||y\"", "z"}},
         {"long separator", "a<EOR>b<EO<EOR>", Plain("<EOR>"), {"a", "b<EO"}},
         {"LF setting keeps the CR", "a\r\nb", Plain("\n"), {"a\r", "b"}},
-        {"one-character separator", "a;b;;c", Plain(";"), {"a", "b", "", "c"}},
+        {"one-character separator", "a;b;;c", KeepBlank(Plain(";")), {"a", "b", "", "c"}},
         {"non-ASCII separator",
          "a\xC2\xB6"
          "b\xC2\xB6",
@@ -133,7 +163,7 @@ TEST(TextFile, CutsRecords) {
         {"no separator: one record", "a\r\nb", Plain(""), {"a\r\nb"}},
         {"unterminated qualifier takes the rest", "a\r\n\"b\r\nc\r\nd", Plain(), {"a", "\"b\r\nc\r\nd"}},
         {"empty text", "", Plain(), {}},
-        {"one empty record", "\r\n", Plain(), {""}},
+        {"one empty record", "\r\n", KeepBlank(Plain()), {""}},
     };
     for (const RecordCase& c : cases) {
         SCOPED_TRACE(c.Name);
@@ -181,7 +211,7 @@ TEST(TextFile, SelectsRows) {
 
 TEST(TextFile, SkipsEmptyRowsButKeepsTheirNumbers) {
     const std::string text = "a\r\n\r\n  \r\n,,\r\nb\r\n\t";
-    TKvTextFileSettings s = Plain();
+    TKvTextFileSettings s = KeepBlank(Plain());
     EXPECT_EQ(LoadEverywhere(text, s).Rows, (std::vector<std::string>{"a", "", "  ", ",,", "b", "\t"}));
     s.SkipEmptyRows = true;
     Loaded r = LoadEverywhere(text, s);
@@ -194,6 +224,50 @@ TEST(TextFile, SkipsEmptyRowsButKeepsTheirNumbers) {
     s.FixedWidth = false;
     s.RowFirst = 2, s.RowLast = 5; // skipping does not move the range
     EXPECT_EQ(LoadEverywhere(text, s).Lines, (std::vector<int64_t>{5}));
+}
+
+TEST(TextFile, BlankLinesAreNotRows) {
+    struct Case {
+        const char* Name;
+        std::string Bytes;
+        const char* Header; // nullptr: none
+        std::vector<std::string> Rows;
+        std::vector<int64_t> Lines;
+        std::string Separator = "\r\n";
+    };
+    const Case cases[] = {
+        {"an export ending in blank lines",
+         "id,name\r\n1,Ann\r\n2,Bo\r\n\r\n\r\n",
+         "id,name",
+         {"1,Ann", "2,Bo"},
+         {2, 3}},
+        {"blank lines between records keep the numbering",
+         "id,name\n1,Ann\n\n \t \n2,Bo\n",
+         "id,name",
+         {"1,Ann", "2,Bo"},
+         {2, 5}},
+        {"a line of delimiters is a row: SkipEmptyRows decides", "h\n,,\n", "h", {",,"}, {2}},
+        {"a quoted blank is a value", "h\n\" \"\n", "h", {"\" \""}, {2}},
+        {"a blank record where the names should be",
+         "\r\nid,name\r\n1,Ann",
+         nullptr,
+         {"id,name", "1,Ann"},
+         {2, 3}},
+        {"blank records with another separator", "h;  ;\t\r;x", "h", {"x"}, {4}, ";"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.Name);
+        TKvTextFileSettings s = Plain(c.Separator);
+        s.RowFieldNames = 1;
+        s.RowFirst = 2;
+        const Loaded r = LoadEverywhere(c.Bytes, s);
+        EXPECT_EQ(r.HasHeader, c.Header != nullptr);
+        EXPECT_EQ(r.Header, c.Header ? c.Header : "");
+        EXPECT_EQ(r.Rows, c.Rows);
+        EXPECT_EQ(r.Lines, c.Lines);
+    }
+    // Records of a fixed length are not lines.
+    EXPECT_EQ(LoadEverywhere("ab  cd", FixedLength(2)).Rows, (std::vector<std::string>{"ab", "  ", "cd"}));
 }
 
 TEST(TextFile, DecodesEncodings) {
@@ -257,15 +331,93 @@ TEST(TextFile, DecodesEncodings) {
          encAnsi,
          {"a\xC2\xB6"
           "b"}},
+        // A BOM promises UTF-8: the few bytes that are not are Windows-1252 characters.
         {"malformed UTF-8 after a BOM",
          "\xEF\xBB\xBF"
          "a\xFF"
          "b\r\nc",
          Plain(),
-         encUtf8Bom,
-         {"a\xEF\xBF\xBD"
+         encUtf8Mixed,
+         {"a\xC3\xBF"
           "b",
           "c"}},
+        {"a UTF-8 export edited once in a Windows-1252 editor",
+         "name,city\r\nJos\xC3\xA9,Z\xC3\xBCrich\r\nM\xFCller,K\xC3\xB6ln",
+         Plain(),
+         encUtf8Mixed,
+         {"name,city", "Jos\xC3\xA9,Z\xC3\xBCrich", "M\xC3\xBCller,K\xC3\xB6ln"}},
+        // Eight stray bytes, each read alone, against nine valid sequences.
+        {"stray bytes of every kind",
+         Repeat("\xC3\xA9", 9) + " \x80 \xE2\x82 \xC0\xAF \xED\xA0\x80",
+         Plain(),
+         encUtf8Mixed,
+         {Repeat("\xC3\xA9", 9) +
+          " \xE2\x82\xAC \xC3\xA2\xE2\x80\x9A \xC3\x80\xC2\xAF \xC3\xAD\xC2\xA0\xE2\x82\xAC"}},
+        {"as many stray bytes as sequences",
+         Repeat("\xC3\xA9", 8) + " \x80 \xE2\x82 \xC0\xAF \xED\xA0\x80",
+         Plain(),
+         encAnsi,
+         {Repeat("\xC3\x83\xC2\xA9", 8) +
+          " \xE2\x82\xAC \xC3\xA2\xE2\x80\x9A \xC3\x80\xC2\xAF \xC3\xAD\xC2\xA0\xE2\x82\xAC"}},
+        // As many stray bytes as valid sequences: Windows-1252 whose letters happen to pair up.
+        {"mostly Windows-1252",
+         "caf\xE9\r\n\xC3\xA9t\xE9",
+         Plain(),
+         encAnsi,
+         {"caf\xC3\xA9", "\xC3\x83\xC2\xA9t\xC3\xA9"}},
+        // Characters of fixed-length records are those the rows decode to.
+        {"mixed fixed length",
+         "\xC3\xA9\xC3\xA9\x80y\xC3\xBC",
+         FixedLength(2),
+         encUtf8Mixed,
+         {"\xC3\xA9\xC3\xA9", "\xE2\x82\xACy", "\xC3\xBC"}},
+        {"UTF-8 by the setting",
+         "\xEF\xBB\xBF"
+         "a\xE9\r\n\xE9",
+         Forced(Plain(), encUtf8),
+         encUtf8Bom,
+         {"a\xEF\xBF\xBD", "\xEF\xBF\xBD"}},
+        {"UTF-8 by the setting, fixed length",
+         "a\x80\xC3\xA9"
+         "bc",
+         Forced(FixedLength(2), encUtf8),
+         encUtf8,
+         {"a\xEF\xBF\xBD",
+          "\xC3\xA9"
+          "b",
+          "c"}},
+        {"Windows-1252 by the setting",
+         "\xEF\xBB\xBF\xC3\xA9",
+         Forced(Plain(), encAnsi),
+         encAnsi,
+         {"\xC3\xAF\xC2\xBB\xC2\xBF\xC3\x83\xC2\xA9"}},
+        {"Windows-1252 by the setting, fixed length",
+         "\xC3\xA9x",
+         Forced(FixedLength(2), encAnsi),
+         encAnsi,
+         {"\xC3\x83\xC2\xA9", "x"}},
+        {"mixed by the setting",
+         "caf\xE9\r\n\xC3\xA9t\xE9",
+         Forced(Plain(), encUtf8Mixed),
+         encUtf8Mixed,
+         {"caf\xC3\xA9", "\xC3\xA9t\xC3\xA9"}},
+        {"mixed by the setting, all UTF-8", "\xC3\xA9", Forced(Plain(), encUtf8Mixed), encUtf8, {"\xC3\xA9"}},
+        {"UTF-16 LE by the setting",
+         std::string("a\0\r\0\r\0\n\0\xE9\0", 10),
+         Forced(Plain(), encUtf16LE),
+         encUtf16LE,
+         {"a", "\xC3\xA9"}},
+        {"UTF-16 BE by the setting, with its BOM",
+         std::string("\xFE\xFF\0a\0\n\x20\xAC", 8),
+         Forced(Plain(), encUtf16BE),
+         encUtf16BE,
+         {"a", "\xE2\x82\xAC"}},
+        {"UTF-16 the other way round than its BOM",
+         std::string("\xFF\xFE\0a", 4),
+         Forced(Plain(), encUtf16BE),
+         encUtf16BE,
+         {"\xEF\xBF\xBE"
+          "a"}},
         // Only the bytes up to the last wanted record are judged.
         {"UTF-8 up to RowLast", "\xC3\xA9\r\n\xFF", Upto(Plain(), 1), encUtf8, {"\xC3\xA9"}},
         {"a sequence cut by RowLast", "a\xE2\x82x", Upto(FixedLength(1), 2), encAnsi, {"a", "\xC3\xA2"}},
@@ -281,6 +433,85 @@ TEST(TextFile, DecodesEncodings) {
         EXPECT_EQ(r.Encoding, c.Encoding);
         EXPECT_EQ(r.Rows, c.Rows);
     }
+}
+
+TEST(TextFile, WarnsWithTheLineAUserSees) {
+    const std::string notUtf8 = "bytes that are not UTF-8 were read as Windows-1252 characters";
+    const auto unclosed = [](const char* lines) {
+        return std::string("the quoted field that starts on this line is never closed: it takes in the ") +
+               lines + " after it, to the end of the file";
+    };
+    struct Case {
+        const char* Name;
+        std::string Bytes;
+        TKvTextFileSettings Settings;
+        std::vector<TKvTextWarning> Warnings;
+    };
+    const Case cases[] = {
+        {"a clean file", "id,note\r\n1,\"a\r\nb\"\r\n", Plain(), {}},
+        {"an unclosed quote takes in the rest",
+         "id,note\r\n1,\"fine\"\r\n2,\"broken\r\n3,x\r\n4,y\r\n",
+         Plain(),
+         {{3, unclosed("2 lines"), true}}},
+        {"lines, not records: a field over two lines comes before",
+         "id,note\r\n1,\"a\r\nb\"\r\n2,\"open\r\nx",
+         Plain(),
+         {{4, unclosed("1 line"), true}}},
+        {"a doubled qualifier goes on with its field",
+         "h\n\"x\n\"\"y\nz\n",
+         Plain(),
+         {{2, unclosed("2 lines"), true}}},
+        {"open on the last line", "h\n1,\"x", Plain(), {{2, unclosed("0 lines"), true}}},
+        {"lines ended by CR alone", "h\r1,\"x\r2\r3", Plain("\n"), {{2, unclosed("2 lines"), true}}},
+        {"the scan stops before it", "h\r\n1\r\n\"open\r\n2", Upto(Plain(), 2), {}},
+        {"a header that never closes", "\"id,name\r\n1,a\r\n2,b", Plain(), {{1, unclosed("2 lines"), true}}},
+        {"a stray byte after a field over two lines",
+         "id,note\n1,\"Z\xC3\xBCrich\nZ\xC3\xBCrich\"\n2,M\xFCller\n",
+         Plain(),
+         {{4, notUtf8, false}}},
+        {"after a BOM", "\xEF\xBB\xBFh\r\n\xE9", Plain(), {{2, notUtf8, false}}},
+        {"both, by line",
+         "h\n\xC3\xA9\xC3\xA9\n\"open\n\xE9\n",
+         Plain(),
+         {{3, unclosed("1 line"), true}, {4, notUtf8, false}}},
+        {"UTF-8 by the setting says nothing", "h\n\xE9", Forced(Plain(), encUtf8), {}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.Name);
+        EXPECT_EQ(LoadEverywhere(c.Bytes, c.Settings).Warnings, c.Warnings);
+    }
+
+    // Lines count from where the stream stood, and in the decoded text of UTF-16.
+    TKvTextFile file;
+    file.Settings() = Plain();
+    TMemoryStream memory("skipped\nh\n\"x");
+    memory.SetPosition(8);
+    file.OpenStream(memory);
+    EXPECT_EQ(file.Warnings(), (std::vector<TKvTextWarning>{{2, unclosed("0 lines"), true}}));
+    file.OpenText(std::string("\xFF\xFEh\0\r\0\n\0\"\0x\0\n\0y\0", 16));
+    EXPECT_EQ(file.Warnings(), (std::vector<TKvTextWarning>{{2, unclosed("1 line"), true}}));
+    // Every open starts afresh.
+    file.OpenText("a\nb");
+    EXPECT_TRUE(file.Warnings().empty());
+    file.OpenText("\"");
+    EXPECT_EQ(file.Warnings().size(), 1u);
+    file.Close();
+    EXPECT_TRUE(file.Warnings().empty());
+}
+
+// A real export with an unclosed quote early on: the loss is large and must not be silent.
+TEST(TextFile, AnUnclosedQuoteIsNotSilent) {
+    std::string text = "id,name,amount\r\n1,\"Smith, J\",10\r\n2,\"Doe, A,20\r\n";
+    for (int i = 3; i <= 1000; ++i) text += std::to_string(i) + ",\"Name " + std::to_string(i) + "\",5\r\n";
+    TKvTextFile file;
+    file.Settings().FieldDelimiter = U',';
+    file.Settings().RowFirst = 2;
+    file.OpenText(text);
+    EXPECT_EQ(file.RowCount(), 2);
+    ASSERT_EQ(file.Warnings().size(), 1u);
+    EXPECT_EQ(file.Warnings()[0].Line, 3);
+    EXPECT_TRUE(file.Warnings()[0].Problem);
+    EXPECT_NE(file.Warnings()[0].Message.find("takes in the 998 lines after it"), std::string::npos);
 }
 
 TEST(TextFile, BlockBoundariesFallInsidePatterns) {

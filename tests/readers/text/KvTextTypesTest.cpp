@@ -21,9 +21,9 @@ TKvTextColumnKind Guess(const std::vector<std::string>& values, const TKvTextTyp
 
 TEST(TextTypes, VotesPerColumn) {
     const KindCase cases[] = {
-        {{"1", "-2", "+3", " 4 "}, tckInteger},
+        {{"1", "-2", "0", " 4 "}, tckInteger},
         {{"9223372036854775807", "-9223372036854775808"}, tckInteger},
-        {{"9223372036854775808"}, tckFloat}, // beyond 64 bits
+        {{"9007199254740993", "1"}, tckInteger}, // more than a double holds, but 64 bits
         {{"1", "2.5"}, tckFloat},
         {{"1e5", "-.5", "5.", "2.5E-3"}, tckFloat},
         {{"1e"}, tckString},
@@ -33,6 +33,14 @@ TEST(TextTypes, VotesPerColumn) {
         {{"1,23"}, tckString},
         {{"1234,567"}, tckString},
         {{"2024-01-31", "2023-12-01 10:20:30", "2023-12-01T10:20:30.125Z"}, tckDateTime},
+        {{"2024-01-01 10:00:00.250", "2024-01-01T10:00:00,5"}, tckDateTime},
+        {{"2024-01-01T10:00:00Z", "2024-01-01 10:00:00+02:00", "2024-01-01 10:00-0530", "2024-01-01T10:00+02",
+          "2024-01-01 10:00:00.1 +01:00"},
+         tckDateTime},
+        {{"2024-01-01 10:00+2"}, tckString},
+        {{"2024-01-01 10:00+15:00"}, tckString},
+        {{"2024-01-01 10:00+02:60"}, tckString},
+        {{"2024-01-01 10:00+02:00x"}, tckString},
         {{"2024-02-30"}, tckString},
         {{"2024-01-31 25:00"}, tckString},
         {{"2024-01-31 12:00 PM", "2024/1/5"}, tckDateTime},
@@ -52,6 +60,38 @@ TEST(TextTypes, VotesPerColumn) {
         SCOPED_TRACE(c.Values.front());
         EXPECT_EQ(Guess(c.Values, options, c.Grouping), c.Kind);
     }
+}
+
+// Values a number column would change: codes lose their zeros or plus, long numbers get rounded.
+TEST(TextTypes, KeepsWhatANumberWouldChange) {
+    const KindCase cases[] = {
+        {{"1", "01234"}, tckString},              // a postal code
+        {{"000009102615"}, tckString},            // an id
+        {{"+318855443322"}, tckString},           // a phone number
+        {{"-012"}, tckString},                    // a zero after the sign
+        {{"+1.5"}, tckString},                    // the plus goes for decimals too
+        {{"00.5"}, tckString},                    // "0" then a digit
+        {{"-0.5", "0", "0.25", "0e3"}, tckFloat}, // zero alone and zero point something are numbers
+        {{"0", "-0", "10"}, tckInteger},
+        {{"12345678901234567890"}, tckString}, // beyond 64 bits, not a float
+        {{"1", "-99999999999999999999"}, tckString},
+        {{"9223372036854775808", "1.5"}, tckString},
+        {{"9007199254740993", "1.5"}, tckString}, // a float column would round the integer
+        {{"0.1234567890123456"}, tckString},      // 16 significant digits
+        {{"123456789012.345"}, tckFloat},         // 15
+        {{"0.000000000000000012345"}, tckFloat},  // leading zeros are not significant
+        {{"1.50000000000000000000"}, tckFloat},   // nor trailing ones
+        {{"1.2345678901234567e10"}, tckString},
+        {{"1,234,567,890,123,456.5"}, tckString},
+    };
+    const TKvTextTypeOptions options;
+    for (const KindCase& c : cases) {
+        SCOPED_TRACE(c.Values.back());
+        EXPECT_EQ(Guess(c.Values, options, c.Grouping), c.Kind);
+    }
+    TKvTextTypeOptions dmy;
+    dmy.DateOrder = tdoDMY;
+    EXPECT_EQ(Guess({"01.02.2024", "01.03.2024 08:05"}, dmy), tckDateTime); // dates keep their zeros anyway
 }
 
 TEST(TextTypes, FollowsTheCallersFormats) {
@@ -128,7 +168,7 @@ TEST(TextTypes, GuessesFromTheFirstRows) {
     format.SetFixedWidth(true);
     columns = GuessTextColumnTypes(file, format, {}, {"Text1-3", "Text4-13", "Text"});
     ASSERT_EQ(columns.size(), 3u);
-    EXPECT_EQ(columns[0].Kind, tckInteger);
+    EXPECT_EQ(columns[0].Kind, tckString); // "001" keeps its zeros
     EXPECT_EQ(columns[1].Kind, tckDateTime);
     EXPECT_EQ(columns[2].Kind, tckString);
     EXPECT_EQ(columns[2].MaxLength, 13);
