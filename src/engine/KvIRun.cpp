@@ -414,7 +414,15 @@ void TKvImportBaseComponent::StoreValue(TField& field, Variant& value) {
         field.Clear();
     } else if (KeepsAsText(field, value)) {
         // As written: the variant rules would round "3.5" into an integer field. A destination that keeps
-        // any value reads "12" into its integer column as the number by itself.
+        // any value reads "12" into its integer column as the number by itself. Booleans are the
+        // exception: the dataset reads "true" and "yes" in any case, which the conversion leaves to it.
+        if (field.DataType() == ftBoolean) {
+            try {
+                field.SetValue(value);
+                return;
+            } catch (const EVariantError&) {
+            }
+        }
         field.SetValueAsItStands(std::move(value));
     } else if (field.DataType() == ftLargeint) {
         field.SetValue(Variant::FromInt(value.AsInt64()));

@@ -43,6 +43,8 @@ void TKvImportFromText::BeforeImport() {
     s.RowLast = RowLast();
     s.RowFieldNames = RowFieldNames();
     s.SkipEmptyRows = Options().Contains(soSkipEmptyRow);
+    s.SkipBlankLines = !keepEmptyRows_;
+    s.Encoding = encoding_;
     reader_.Stop();
     if (TStream* stream = SourceStream())
         file_.OpenStream(*stream);
@@ -52,6 +54,7 @@ void TKvImportFromText::BeforeImport() {
         file_.OpenStdin();
     else
         file_.Open(SourceFileName());
+    for (const TKvTextWarning& w : file_.Warnings()) AddWarning({w.Line, w.Message, w.Problem});
     fields_.SetDelimiter(FieldDelimiterChar());
     fields_.SetQualifier(TextQualifierChar());
     fields_.SetFixedWidth(Fixed());

@@ -23,6 +23,12 @@ public:
     /// Rows are read and split on a second thread while the rows before them are imported (default on).
     bool ReadAhead() const { return readAhead_; }
     void SetReadAhead(bool v) { readAhead_ = v; }
+    /// Blank lines (empty, or blanks only) are rows too; by default they are not.
+    bool KeepEmptyRows() const { return keepEmptyRows_; }
+    void SetKeepEmptyRows(bool v) { keepEmptyRows_ = v; }
+    /// The encoding the text is read in; none (the default) recognises it by its BOM and its bytes.
+    const std::optional<TTextEncoding>& Encoding() const { return encoding_; }
+    void SetEncoding(std::optional<TTextEncoding> v) { encoding_ = v; }
     /// Text to import instead of the file (for text already in memory, such as standard input's).
     const std::optional<std::string>& SourceText() const { return sourceText_; }
     void SetSourceText(std::optional<std::string> text) { sourceText_ = std::move(text); }
@@ -61,6 +67,8 @@ private:
 
     int fixedLineLength_ = 0;
     bool readAhead_ = true;
+    bool keepEmptyRows_ = false;
+    std::optional<TTextEncoding> encoding_;
     std::optional<std::string> sourceText_;
     TKvTextFile file_;
     TKvTextFields fields_;

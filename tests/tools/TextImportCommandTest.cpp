@@ -97,7 +97,8 @@ TEST_F(TextImport, BadInputGivesAClearResult) {
     std::string binary;
     for (int i = 0; i < 5000; ++i) binary += static_cast<char>((i * 7919) % 256);
     r = RunCli({"import", Write("bin.csv", binary), "--db", db, "--quiet"});
-    EXPECT_EQ(r.Status, 0) << r.Err; // read as Windows-1252 text, its NULs kept out of the column names
+    // Read as Windows-1252 text, its NULs kept out of the column names; its stray quotes leave data in doubt.
+    EXPECT_EQ(r.Status, 4) << r.Err;
     EXPECT_NE(SqliteQuery(db, "SELECT count(*) FROM bin"), "0");
 
     r = RunCli({"import", Write("empty.csv", ""), "--db", db});
@@ -105,7 +106,7 @@ TEST_F(TextImport, BadInputGivesAClearResult) {
     EXPECT_NE(r.Err.find("no columns"), std::string::npos) << r.Err;
 
     r = RunCli({"import", Write("open.csv", "a,b\n1,\"never closed\n2,x\n"), "--db", db, "--quiet"});
-    EXPECT_EQ(r.Status, 0) << r.Err;
+    EXPECT_EQ(r.Status, 4) << r.Err;
     EXPECT_EQ(SqliteQuery(db, "SELECT count(*) FROM open"), "1"); // the rest of the file is one record
 }
 

@@ -68,6 +68,12 @@ public:
         component_->SetRowFieldNames(1);
         component_->SetRowFirst(2);
         if (o.LineLength) component_->SetFixedLineLength(*o.LineLength);
+        if (o.KeepEmptyRows) component_->SetKeepEmptyRows(true);
+        if (o.Encoding && *o.Encoding != "auto")
+            component_->SetEncoding(*o.Encoding == "utf-8"          ? encUtf8
+                                    : *o.Encoding == "windows-1252" ? encAnsi
+                                    : *o.Encoding == "utf-16le"     ? encUtf16LE
+                                                                    : encUtf16BE);
     }
     TKvImportBaseComponent& Component() override { return *component_; }
     std::vector<std::string> SpecificationLines() const override { return {"SourceKind=Text"}; }

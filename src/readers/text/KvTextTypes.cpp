@@ -135,9 +135,9 @@ bool TKvTextTypeGuesser::IsFloat(std::string_view value, bool groupingAllowed) c
 
 bool TKvTextTypeGuesser::IsBoolean(std::string_view value) const {
     const std::string_view s = TrimView(value);
-    for (std::string_view word :
-         {std::string_view(options_.TrueText), std::string_view(options_.FalseText), std::string_view("true"),
-          std::string_view("false"), std::string_view("yes"), std::string_view("no")})
+    // Only what an import reads as a boolean: "yes" in a boolean column would stay the text it is.
+    for (std::string_view word : {std::string_view(options_.TrueText), std::string_view(options_.FalseText),
+                                  std::string_view("true"), std::string_view("false")})
         if (!word.empty() && SameText(s, word)) return true;
     return false;
 }

@@ -19,7 +19,7 @@ enum TKvTextColumnKind : uint8_t {
     tckInteger,  ///< optional sign and digits, within 64 bits
     tckFloat,    ///< decimals, grouping or exponent (integers mixed with floats too), up to 15 digits
     tckDateTime, ///< dates by the given order and separators, with an optional time and zone
-    tckBoolean   ///< the true/false texts, true/false, yes/no
+    tckBoolean   ///< the true/false texts, or true/false in any case
 };
 
 /// Order of day, month and year in a date.
@@ -46,7 +46,7 @@ struct TKvTextTypeOptions {
     std::string DateSeparators = "-/.";
     /// Besides ":".
     char32_t TimeSeparator = U':';
-    /// Besides true/false and yes/no (any case).
+    /// Besides true/false (any case).
     std::string TrueText = "True";
     std::string FalseText = "False";
 };

@@ -47,7 +47,8 @@ TEST(TextTypes, VotesPerColumn) {
         {{"2024-01-31", "2024/01/31"}, tckDateTime},
         {{"2024-01/31"}, tckString}, // two different separators
         {{"24-01-31"}, tckDateTime},
-        {{"true", "No", "YES", "False"}, tckBoolean},
+        {{"true", "FALSE", "True", "False"}, tckBoolean},
+        {{"true", "No", "YES", "False"}, tckString}, // yes and no would be kept as text
         {{"0", "1"}, tckInteger},
         {{"true", "1"}, tckString},
         {{"", " ", ""}, tckString},
@@ -145,9 +146,9 @@ TEST(TextTypes, GuessesFromTheFirstRows) {
     file.Settings().FieldDelimiter = U',';
     // The header is record 1 and, with RowFirst 1, also a data row: it does not vote.
     file.OpenText("id,amount,day,name,flag,extra\r\n"
-                  "1,\"1,234.50\",2024-01-02,\"Smith, J\",yes\r\n"
-                  "2,7,2024-01-03,Ann,no\r\n"
-                  "x,8,2024-01-04,Bo,yes\r\n");
+                  "1,\"1,234.50\",2024-01-02,\"Smith, J\",true\r\n"
+                  "2,7,2024-01-03,Ann,FALSE\r\n"
+                  "x,8,2024-01-04,Bo,True\r\n");
     TKvTextFields format;
     format.SetDelimiter(U',');
     TKvTextTypeOptions options;
