@@ -180,14 +180,14 @@ Variant TField::Value() const {
 }
 
 void TField::SetValue(Variant value) {
-    Store(std::move(value), true);
+    Store(value, true);
 }
 
 void TField::SetValueAsItStands(Variant value) {
-    Store(std::move(value), !dataSet_->StoresAnyValue());
+    Store(value, !dataSet_->StoresAnyValue());
 }
 
-void TField::Store(Variant value, bool convert) {
+void TField::Store(Variant& value, bool convert) {
     TDataSet& ds = *dataSet_;
     if (ds.state_ != dsEdit && ds.state_ != dsInsert)
         throw EDatabaseError(ds.Name().empty() ? "Dataset not in edit or insert mode"

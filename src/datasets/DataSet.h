@@ -154,7 +154,7 @@ public:
     void LoadFromStream(TStream& stream);
 
 private:
-    void Store(Variant value, bool convert);
+    void Store(Variant& value, bool convert);
 
     TDataSet* dataSet_;
     TFieldDef def_;

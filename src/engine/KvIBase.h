@@ -395,6 +395,7 @@ private:
     std::vector<std::string> sqlPrologue_;
     std::vector<TKvIWarning> warnings_;
     TKvIErrorPlace errorPlace_;
+    const TField* applyingField_ = nullptr; ///< the field ApplyRow is filling, for the error's place
     std::vector<std::pair<std::string, TDataSet*>> lookupTables_;
 };
 

@@ -274,7 +274,7 @@ void TKvImportBaseComponent::ConvertForField(TField& field, Variant& value, bool
             return;
         }
         // A zone is no part of a date-time value: the text goes on whole, to be stored as it is.
-        if (IsIsoDateTimeWithZone(trimmed)) return;
+        if (trimmed.size() > 10 && IsIsoDateTimeWithZone(trimmed)) return; // a date alone has no zone
         if (dateMask_.empty()) dateMask_ = BuildDTFormat();
         TDateTime dt;
         if (MaskReader(dateReader_, dateMask_, dataFormats_.DateSeparator, dataFormats_.TimeSeparator)

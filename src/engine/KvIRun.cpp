@@ -230,9 +230,11 @@ void TKvImportBaseComponent::RunRows() {
                     statistic_.LastAction = exist ? iaUnknown : iaAdd;
                     break;
                 }
+                applyingField_ = nullptr;
                 try {
                     ApplyRow();
                 } catch (const std::exception& e) {
+                    if (applyingField_) errorPlace_.Field = applyingField_->FieldName();
                     if (actionKind_ == akDatasetApply &&
                         (dataSet_->State() == dsEdit || dataSet_->State() == dsInsert))
                         dataSet_->Cancel();
@@ -357,7 +359,7 @@ void TKvImportBaseComponent::ApplyRow() {
                             field->DataType() != ftFmtMemo);
             if (OnBeforeFieldUpdate) OnBeforeFieldUpdate(this, field, value, accept);
             if (!accept) continue;
-            errorPlace_.Field = field->FieldName();
+            applyingField_ = field;
             if (apply) {
                 StoreValue(*field, value);
             } else if (action == iaAdd || action == iaUpdate) {
@@ -370,7 +372,7 @@ void TKvImportBaseComponent::ApplyRow() {
             }
         }
     }
-    errorPlace_.Field.clear();
+    applyingField_ = nullptr;
     if (apply) {
         if (dataSet_->State() == dsEdit || dataSet_->State() == dsInsert) dataSet_->Post();
         return;
@@ -404,9 +406,11 @@ void TKvImportBaseComponent::ApplyRow() {
 
 bool TKvImportBaseComponent::KeepsAsText(const TField& field, const Variant& value) const {
     // Text the conversion left as it stands goes in as text where the destination keeps any value.
-    return value.IsString() && dataSet_->StoresAnyValue() && !IsTextType(field.DataType()) &&
-           (keepUnconverted_ ||
-            (IsDateTimeType(field.DataType()) && IsIsoDateTimeWithZone(value.StringRef())));
+    if (!value.IsString()) return false;
+    const TFieldType type = field.DataType();
+    return !IsTextType(type) &&
+           (keepUnconverted_ || (IsDateTimeType(type) && IsIsoDateTimeWithZone(value.StringRef()))) &&
+           dataSet_->StoresAnyValue();
 }
 
 void TKvImportBaseComponent::StoreValue(TField& field, Variant& value) {

@@ -242,8 +242,9 @@ constexpr double kPowersOfTen[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7
                                    1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
 
 // The common case read directly: optional blanks and sign, at most 15 digits with an ASCII decimal
-// separator, no exponent. False when the text needs the general reading.
-bool TryPlainDecimal(std::string_view s, char decimal, double& out) {
+// separator, no exponent; a `thousand` separator (when not 0) between the digits before the decimal is
+// skipped. False when the text needs the general reading.
+bool TryPlainDecimal(std::string_view s, char decimal, double& out, char thousand = 0) {
     size_t i = 0, n = s.size();
     while (i < n && s[i] == ' ') ++i;
     while (n > i && s[n - 1] == ' ') --n;
@@ -260,6 +261,8 @@ bool TryPlainDecimal(std::string_view s, char decimal, double& out) {
             if (point) ++decimals;
         } else if (c == decimal && !point) {
             point = true;
+        } else if (thousand && c == thousand && !point && digits > 0) {
+            continue;
         } else {
             return false;
         }
@@ -401,7 +404,28 @@ private:
 
 } // namespace
 
+namespace {
+
+// Blanks, an optional sign and up to 18 digits: most integer texts, read without rewriting them.
+bool TryPlainInt64(std::string_view s, int64_t& out) {
+    s = TrimView(s);
+    size_t i = 0;
+    const bool negative = !s.empty() && s[0] == '-';
+    if (negative || (!s.empty() && s[0] == '+')) ++i;
+    if (i == s.size() || s.size() - i > 18) return false;
+    int64_t value = 0;
+    for (; i < s.size(); ++i) {
+        if (s[i] < '0' || s[i] > '9') return false;
+        value = value * 10 + (s[i] - '0');
+    }
+    out = negative ? -value : value;
+    return true;
+}
+
+} // namespace
+
 bool TryReadDecimalInt64(std::string_view s, int64_t& out, const TDecimalText& format) {
+    if (TryPlainInt64(s, out)) return true;
     DecimalBuffer buffer(s.size());
     DecimalNumber number;
     if (!SplitDecimal(s, format, buffer.Data(), number)) return false;
@@ -437,6 +461,11 @@ bool TryReadDecimalInt64(std::string_view s, int64_t& out, const TDecimalText& f
 
 bool TryReadDecimalFloat(std::string_view s, double& out, const TDecimalText& format) {
     static const TFormatSettings invariant = InvariantFormatSettings();
+    // Digits and the decimal separator alone, the usual case, need no rewriting.
+    if (format.DecimalSeparator > 0 && format.DecimalSeparator < 0x80 && format.ThousandSeparator < 0x80 &&
+        TryPlainDecimal(TrimView(s), static_cast<char>(format.DecimalSeparator), out,
+                        static_cast<char>(format.ThousandSeparator)))
+        return true;
     DecimalBuffer buffer(s.size());
     DecimalNumber number;
     return SplitDecimal(s, format, buffer.Data(), number) && TryStrToFloat(number.Plain, out, invariant);
