@@ -75,18 +75,11 @@ void CoerceToFieldTypeInPlace(Variant& value, TFieldType type, const std::string
         value = Variant::Null();
         return;
     }
-    switch (type) {
-    case ftString:
-    case ftFixedChar:
-    case ftWideString:
-    case ftFixedWideChar:
-    case ftMemo:
-    case ftFmtMemo:
-    case ftWideMemo:
-    case ftOraClob:
-    case ftGuid:
+    if (IsTextType(type)) {
         if (!value.IsString()) value = Variant(value.AsString());
         return;
+    }
+    switch (type) {
     case ftSmallint:
         value = CheckedInteger(value, fieldName, -32768, 32767);
         return;

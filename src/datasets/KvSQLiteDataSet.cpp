@@ -157,52 +157,9 @@ TDeclaredType MapDeclaredType(std::string_view declared) {
 
 // ---- ISO-8601 text of dates and times ----
 
-bool ReadDigits(std::string_view s, size_t pos, size_t count, int& out) {
-    if (pos + count > s.size()) return false;
-    out = 0;
-    for (size_t i = pos; i < pos + count; ++i) {
-        if (s[i] < '0' || s[i] > '9') return false;
-        out = out * 10 + (s[i] - '0');
-    }
-    return true;
-}
-
-// "hh:nn[:ss[.fff...]]" with an optional "Z"; digits past milliseconds are ignored.
-bool ParseISOTime(std::string_view s, TDateTime& out) {
-    int hour, minute, second = 0, msec = 0;
-    if (!ReadDigits(s, 0, 2, hour) || s.size() < 5 || s[2] != ':' || !ReadDigits(s, 3, 2, minute))
-        return false;
-    size_t pos = 5;
-    if (pos < s.size() && s[pos] == ':') {
-        if (!ReadDigits(s, pos + 1, 2, second)) return false;
-        pos += 3;
-        if (pos < s.size() && s[pos] == '.') {
-            const size_t start = ++pos;
-            int scale = 100;
-            for (; pos < s.size() && s[pos] >= '0' && s[pos] <= '9'; ++pos) {
-                msec += (s[pos] - '0') * scale;
-                scale /= 10;
-            }
-            if (pos == start) return false;
-        }
-    }
-    if (pos < s.size() && s[pos] == 'Z') ++pos;
-    return pos == s.size() && TryEncodeTime(hour, minute, second, msec, out);
-}
-
-// "yyyy-mm-dd", "yyyy-mm-dd hh:nn[:ss[.zzz]]" (or with "T"), or a time alone.
+// A stored date-time, date or time of day; text with a zone stays text (a TDateTime holds no zone).
 bool ParseISODateTime(std::string_view s, TDateTime& out) {
-    int year, month, day;
-    if (s.size() >= 10 && ReadDigits(s, 0, 4, year) && s[4] == '-' && ReadDigits(s, 5, 2, month) &&
-        s[7] == '-' && ReadDigits(s, 8, 2, day)) {
-        TDateTime date, time = 0;
-        if (!TryEncodeDate(year, month, day, date)) return false;
-        if (s.size() > 10 && ((s[10] != ' ' && s[10] != 'T') || !ParseISOTime(s.substr(11), time)))
-            return false;
-        out = date >= 0 ? date + time : date - time;
-        return true;
-    }
-    return ParseISOTime(s, out);
+    return TryISO8601ToDateTime(s, out) || TryISO8601ToTime(s, out);
 }
 
 Variant ColumnValue(sqlite3_stmt* statement, int column, TFieldType type) {

@@ -607,6 +607,27 @@ bool IsoDigits(std::string_view s, size_t pos, size_t width, int& out) {
 }
 
 // "yyyy-mm-dd[(T| )hh:nn[:ss[(.|,)f...]]]" from the start of `s`; `pos` is left after what was read.
+// "hh:nn[:ss[.fff]]" at `pos`: false when no time stands there, or a part is out of range.
+bool ScanIsoTime(std::string_view s, size_t& pos, TDateTime& out) {
+    int hour, minute, second = 0;
+    if (!IsoDigits(s, pos, 2, hour) || pos + 2 >= s.size() || s[pos + 2] != ':' ||
+        !IsoDigits(s, pos + 3, 2, minute))
+        return false;
+    size_t at = pos + 5;
+    int64_t msec = 0;
+    if (at < s.size() && s[at] == ':') {
+        if (!IsoDigits(s, at + 1, 2, second)) return false;
+        at += 3;
+        if (at + 1 < s.size() && (s[at] == '.' || s[at] == ',') && s[at + 1] >= '0' && s[at + 1] <= '9')
+            msec = ReadFractionMSecs(s, ++at);
+    }
+    if (hour > 23 || minute > 59 || second > 59) return false;
+    const int64_t ms = ((hour * 60LL + minute) * 60 + second) * 1000 + msec;
+    out = static_cast<double>(ms) / static_cast<double>(MSecsPerDay);
+    pos = at;
+    return true;
+}
+
 bool ScanIsoDateTime(std::string_view s, size_t& pos, TDateTime& out, bool& hasTime) {
     int year, month, day;
     if (!IsoDigits(s, 0, 4, year) || s.size() < 10 || s[4] != '-' || !IsoDigits(s, 5, 2, month) ||
@@ -618,21 +639,14 @@ bool ScanIsoDateTime(std::string_view s, size_t& pos, TDateTime& out, bool& hasT
     hasTime = false;
     out = date;
     if (pos == s.size() || (s[pos] != 'T' && s[pos] != 't' && s[pos] != ' ')) return true;
-    int hour, minute, second = 0;
-    if (!IsoDigits(s, pos + 1, 2, hour) || pos + 3 >= s.size() || s[pos + 3] != ':' ||
-        !IsoDigits(s, pos + 4, 2, minute))
+    size_t at = pos + 1;
+    int hour, minute;
+    if (!IsoDigits(s, at, 2, hour) || at + 2 >= s.size() || s[at + 2] != ':' ||
+        !IsoDigits(s, at + 3, 2, minute))
         return true; // the date alone; what follows is for the caller to judge
-    pos += 6;
-    int64_t msec = 0;
-    if (pos < s.size() && s[pos] == ':') {
-        if (!IsoDigits(s, pos + 1, 2, second)) return false;
-        pos += 3;
-        if (pos + 1 < s.size() && (s[pos] == '.' || s[pos] == ',') && s[pos + 1] >= '0' && s[pos + 1] <= '9')
-            msec = ReadFractionMSecs(s, ++pos);
-    }
-    if (hour > 23 || minute > 59 || second > 59) return false;
-    const int64_t ms = ((hour * 60LL + minute) * 60 + second) * 1000 + msec;
-    const TDateTime time = static_cast<double>(ms) / static_cast<double>(MSecsPerDay);
+    TDateTime time;
+    if (!ScanIsoTime(s, at, time)) return false;
+    pos = at;
     out = date >= 0 ? date + time : date - time;
     hasTime = true;
     return true;
@@ -645,6 +659,14 @@ bool TryISO8601ToDateTime(std::string_view text, TDateTime& out) {
     bool hasTime;
     TDateTime value;
     if (!ScanIsoDateTime(text, pos, value, hasTime) || pos != text.size()) return false;
+    out = value;
+    return true;
+}
+
+bool TryISO8601ToTime(std::string_view text, TDateTime& out) {
+    size_t pos = 0;
+    TDateTime value;
+    if (!ScanIsoTime(text, pos, value) || pos != text.size()) return false;
     out = value;
     return true;
 }

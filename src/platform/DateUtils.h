@@ -94,6 +94,8 @@ bool TryISO8601ToDateTime(std::string_view text, TDateTime& out);
 /// "+hh", "+hhmm" or "+hh:mm" (or with "-"). Such a text names an instant that a TDateTime, which has no
 /// zone, cannot hold.
 bool IsIsoDateTimeWithZone(std::string_view text);
+/// "hh:nn", "hh:nn:ss" or "hh:nn:ss.fff" (or with ","): a time of day alone, no zone.
+bool TryISO8601ToTime(std::string_view text, TDateTime& out);
 
 /// "yyyy-mm-dd", "hh:nn:ss[.zzz]" or "yyyy-mm-dd hh:nn:ss[.zzz]" (the kinds SQL databases read); the
 /// milliseconds are written only when they are not 0.

@@ -20,6 +20,17 @@ char AsciiUpper(char c) {
 char AsciiLower(char c) {
     return (c >= 'A' && c <= 'Z') ? static_cast<char>(c + 32) : c;
 }
+// A magnitude and its sign as a 64-bit integer; false beyond its range.
+bool SignedMagnitude(uint64_t magnitude, bool negative, int64_t& out) {
+    if (negative) {
+        if (magnitude > 9223372036854775808ull) return false;
+        out = magnitude == 9223372036854775808ull ? INT64_MIN : -static_cast<int64_t>(magnitude);
+    } else {
+        if (magnitude > 9223372036854775807ull) return false;
+        out = static_cast<int64_t>(magnitude);
+    }
+    return true;
+}
 } // namespace
 
 std::string_view TrimView(std::string_view s) {
@@ -151,14 +162,7 @@ bool TryStrToInt64(std::string_view s, int64_t& out) {
         out = negative ? -static_cast<int64_t>(magnitude) : static_cast<int64_t>(magnitude);
         return true;
     }
-    if (negative) {
-        if (magnitude > 9223372036854775808ull) return false;
-        out = magnitude == 9223372036854775808ull ? INT64_MIN : -static_cast<int64_t>(magnitude);
-    } else {
-        if (magnitude > 9223372036854775807ull) return false;
-        out = static_cast<int64_t>(magnitude);
-    }
-    return true;
+    return SignedMagnitude(magnitude, negative, out);
 }
 
 bool TryStrToInt(std::string_view s, int& out) {
@@ -449,14 +453,7 @@ bool TryReadDecimalInt64(std::string_view s, int64_t& out, const TDecimalText& f
         for (char c : part) magnitude = magnitude * 10 + static_cast<uint64_t>(c - '0');
     for (int64_t k = 0; k < scale; ++k)
         if (__builtin_mul_overflow(magnitude, uint64_t{10}, &magnitude)) return false;
-    if (number.Negative) {
-        if (magnitude > 9223372036854775808ull) return false;
-        out = magnitude == 9223372036854775808ull ? INT64_MIN : -static_cast<int64_t>(magnitude);
-    } else {
-        if (magnitude > 9223372036854775807ull) return false;
-        out = static_cast<int64_t>(magnitude);
-    }
-    return true;
+    return SignedMagnitude(magnitude, number.Negative, out);
 }
 
 bool TryReadDecimalFloat(std::string_view s, double& out, const TDecimalText& format) {
