@@ -39,7 +39,15 @@ void TKvImportFromDataSet::BeforeImport() {
 }
 
 Variant TKvImportFromDataSet::GetFieldValue(const Variant& value) {
-    const std::string name = value.AsString();
+    TField* field = SourceField(value.AsString());
+    return field ? field->Value() : TKvImportBaseComponent::GetFieldValue(value);
+}
+
+bool TKvImportFromDataSet::HasSourceColumn(const std::string& name) {
+    return sourceDataset_ && SourceField(name);
+}
+
+TField* TKvImportFromDataSet::SourceField(const std::string& name) {
     auto it = fieldsByName_.find(name);
     if (it == fieldsByName_.end()) {
         TField* field = sourceDataset_->FindField(name);
@@ -53,8 +61,7 @@ Variant TKvImportFromDataSet::GetFieldValue(const Variant& value) {
         }
         it = fieldsByName_.emplace(name, field).first;
     }
-    if (it->second) return it->second->Value();
-    return TKvImportBaseComponent::GetFieldValue(value);
+    return it->second;
 }
 
 } // namespace kv

@@ -29,11 +29,15 @@ protected:
     bool NeedMore() override { return !sourceDataset_->Eof(); }
     int GetTotalCount() override { return sourceDataset_->RecordCount(); }
     Variant GetFieldValue(const Variant& value) override;
+    bool HasSourceColumn(const std::string& name) override;
     /// Bracketed when the name is no plain identifier; strField + its number when brackets cannot hold it.
     std::string GetColumnFieldName(int index) const override { return ColumnReference(index, true); }
     void Notification(TComponent* component, TOperation operation) override;
 
 private:
+    /// The source's field a mapping names ("Field3" the third), null when none.
+    TField* SourceField(const std::string& name);
+
     TDataSet* sourceDataset_ = nullptr;
     // Fields by the names mappings use, found once per run rather than once per value.
     std::unordered_map<std::string, TField*> fieldsByName_;

@@ -252,6 +252,12 @@ protected:
     }
     /// The value of the source column a name refers to; the base gives the name itself.
     virtual Variant GetFieldValue(const Variant& value) { return value; }
+    /// True when `name` refers to a column of the source (a column wins over a user function of the same
+    /// name: its values are the data); the base knows no columns.
+    virtual bool HasSourceColumn(const std::string& name) {
+        (void)name;
+        return false;
+    }
     /// The value of a mapping's source side for the current row (`index` >= 0: mapping entry `index`;
     /// -1: a condition).
     virtual Variant GetParsedValue(const Variant& value, int index);

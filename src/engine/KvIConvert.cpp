@@ -136,7 +136,7 @@ void TKvImportBaseComponent::ParserEvaluate(TObject* sender, const std::string& 
     if (!own) {
         if (const TKvIParameter* parameter = parameters_.ParamByName(eval)) {
             value = parameter->Value;
-        } else if (lstKvIRegFunctions.FunctionByName(eval)) {
+        } else if (lstKvIRegFunctions.FunctionByName(eval) && !HasSourceColumn(eval)) {
             // The parser computes a user function once the handler leaves the name to it.
             userFunction = true;
             done = false;

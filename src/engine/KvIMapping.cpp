@@ -148,9 +148,11 @@ void TKvImportBaseComponent::BuildArrayIntersection() {
         if (entry.HostName) {
             entry.NameValue = Variant(entry.Name);
             UnquoteName(entry.NameValue);
-            // A user function's name is computed by the function, not read from the source.
+            // A user function's name is computed by the function, not read from the source, unless the
+            // source has a column of that name.
             entry.PlainColumn =
-                !StatisticCounter(entry.Name) && !lstKvIRegFunctions.FunctionByName(entry.Name);
+                !StatisticCounter(entry.Name) &&
+                (!lstKvIRegFunctions.FunctionByName(entry.Name) || HasSourceColumn(entry.Name));
         }
         if (!fieldNames_.empty()) fieldNames_ += ';';
         fieldNames_ += entry.FieldName;

@@ -125,6 +125,12 @@ Variant TKvImportFromText::GetFieldValue(const Variant& value) {
     return ValueOf(it->second);
 }
 
+bool TKvImportFromText::HasSourceColumn(const std::string& name) {
+    for (const std::string& header : headerNames_)
+        if (SameText(header, name)) return true;
+    return fields_.ParseReference(name).Kind != trkConstant;
+}
+
 Variant TKvImportFromText::ValueOf(const TKvTextRef& ref) const {
     if (const std::string* prepared = fields_.PreparedValue(ref)) return Variant(*prepared);
     std::string text;

@@ -54,6 +54,7 @@ protected:
     int GetTotalCount() override;
     bool LoadRecord() override;
     Variant GetFieldValue(const Variant& value) override;
+    bool HasSourceColumn(const std::string& name) override;
     void DetectAutoMapping() override;
 
     /// The text to read when it is not a file (the clipboard's, for the clipboard source).

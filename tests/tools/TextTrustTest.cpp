@@ -53,6 +53,7 @@ TEST_P(TextTrust, ImportsWithoutSilentChanges) {
 const TrustCase kCases[] = {
     {"ValueEqualToItsColumnsName", "years.csv", "year,2019\n2019,2019\n2020,5\n", "", {}, 0,
      "SELECT \"2019\" FROM t", "2019\n5", ""},
+    {"AColumnNamedLikeAFunction", "pi.csv", "PI,x\n7,1\n", "", {}, 0, "SELECT PI FROM t", "7", ""},
     {"NoHexadecimalByAccident", "codes.csv", "n\n10\nx10\n$10\n0x10\n", "CREATE TABLE t(n INTEGER)", {}, 4,
      "SELECT group_concat(n) FROM t", "10,10", // "$" is the currency
      "Row 3, column n: 'x10' is not a valid integer value\nRow 5, column n: '0x10' is not a valid integer value\n"},
