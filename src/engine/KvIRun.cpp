@@ -50,9 +50,12 @@ void TKvImportBaseComponent::Execute() {
     warnings_.clear();
     errorPlace_ = {};
     if (!AskParameters()) {
-        // Nothing ran; a prompt nobody could answer is said, so that the caller is not left guessing.
-        statistic_.Result = irCanceled;
-        lastMessage_ = HasFrontEnd() ? strImportCanceled : strNoParameterPrompt;
+        // A user who canceled the prompt knows; a prompt nobody could answer is said, so that the caller
+        // is not left guessing.
+        if (!HasFrontEnd()) {
+            statistic_.Result = irCanceled;
+            lastMessage_ = strNoParameterPrompt;
+        }
         return;
     }
 

@@ -144,6 +144,8 @@ int Run(const ImportOptions& o, CommandKind kind) {
     } else {
         destination.Commit();
     }
+    if (result == irUnknown) // the parameter prompt was left: nothing ran
+        std::cerr << "Nothing was imported: the parameters were not given (--param NAME=VALUE gives one).\n";
     if (!o.Quiet && result != irUnknown) PrintSummary(c, errors);
     switch (result) {
     case irExecuted:
