@@ -252,6 +252,14 @@ protected:
     }
     /// The value of the source column a name refers to; the base gives the name itself.
     virtual Variant GetFieldValue(const Variant& value) { return value; }
+    /// True when a mapping's source side is a reference the source resolves as one name, never parsed as
+    /// an expression (a text source's "Text1-10", where the minus is no subtraction); the base has none.
+    virtual bool IsWholeReference(std::string_view source) const {
+        (void)source;
+        return false;
+    }
+    /// True when the source's date-times put a "T" between date and time (XML); the base's do not.
+    virtual bool DateTimeHasT() const { return false; }
     /// True when `name` refers to a column of the source (a column wins over a user function of the same
     /// name: its values are the data); the base knows no columns.
     virtual bool HasSourceColumn(const std::string& name) {
@@ -301,7 +309,7 @@ protected:
         std::exception_ptr ParseError;      ///< raised again for every row when the text does not parse
         Variant SourceValue;                ///< Source as the value handed to GetParsedValue
         bool HostName = false;              ///< the source side is one name the handler resolves
-        bool TextReference = false;         ///< a text source's "Text..." reference, resolved as one name
+        bool WholeReference = false;        ///< a text source's "Text..." reference, resolved as one name
         std::string Name;                   ///< that name
         Variant NameValue;                  ///< the name as the handler hands it to GetFieldValue
         bool PlainColumn = false;           ///< a host name that is no counter: a source column or parameter

@@ -57,7 +57,7 @@ std::string TKvImportBaseComponent::BuildDTFormat() const {
         if (i) date += sep;
         date += part == "Y" ? y : part;
     }
-    return date + " " + BuildTimeFormat(tableType_ == teXML);
+    return date + " " + BuildTimeFormat(DateTimeHasT());
 }
 
 TDataSet* TKvImportBaseComponent::FindLookupDataSet(const std::string& name) const {

@@ -141,8 +141,7 @@ void TKvImportBaseComponent::BuildArrayIntersection() {
             entry.FieldIndex = field->Index();
         entry.Parser = MakeParser(entry.Source, entry.ParseError);
         entry.SourceValue = Variant(entry.Source);
-        entry.TextReference = (tableType_ == teText || tableType_ == teClipboard) &&
-                              entry.Source.rfind(strTextFieldName, 0) == 0;
+        entry.WholeReference = IsWholeReference(entry.Source);
         if (!entry.ParseError && entry.Parser->Tree())
             entry.HostName = entry.Parser->Tree()->IsHostName(entry.Name);
         if (entry.HostName) {
@@ -171,10 +170,9 @@ Variant TKvImportBaseComponent::GetParsedValue(const Variant& value, int index) 
     const bool ownText =
         index >= 0 && static_cast<size_t>(index) < intersection_.size() &&
         text.data() == intersection_[static_cast<size_t>(index)].SourceValue.StringRef().data();
-    const bool textReference =
-        ownText ? intersection_[static_cast<size_t>(index)].TextReference
-                : (tableType_ == teText || tableType_ == teClipboard) && text.rfind(strTextFieldName, 0) == 0;
-    if (textReference) {
+    const bool wholeReference =
+        ownText ? intersection_[static_cast<size_t>(index)].WholeReference : IsWholeReference(text);
+    if (wholeReference) {
         // "Text1-10" is a column reference, not a subtraction: resolve it as one name.
         Variant v(text);
         bool done = false;

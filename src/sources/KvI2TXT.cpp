@@ -125,6 +125,10 @@ Variant TKvImportFromText::GetFieldValue(const Variant& value) {
     return ValueOf(it->second);
 }
 
+bool TKvImportFromText::IsWholeReference(std::string_view source) const {
+    return source.rfind(strTextFieldName, 0) == 0;
+}
+
 bool TKvImportFromText::HasSourceColumn(const std::string& name) {
     for (const std::string& header : headerNames_)
         if (SameText(header, name)) return true;

@@ -55,6 +55,8 @@ protected:
     bool LoadRecord() override;
     Variant GetFieldValue(const Variant& value) override;
     bool HasSourceColumn(const std::string& name) override;
+    /// "Text", "Text1-10": read as one reference, never as a subtraction.
+    bool IsWholeReference(std::string_view source) const override;
     void DetectAutoMapping() override;
 
     /// The text to read when it is not a file (the clipboard's, for the clipboard source).

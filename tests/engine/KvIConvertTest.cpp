@@ -318,9 +318,11 @@ TEST_F(Convert, BuildsTheDateMasks) {
     DataFormats().TimeSeparator = U':';
     DataFormats().FourDigitYear = true;
     EXPECT_EQ(imp.BuildDTFormat(), "DD/MM/YYYY HH:NN:SS");
-    imp.SetTableType(teXML);
-    EXPECT_EQ(imp.BuildDTFormat(), "DD/MM/YYYY THH:NN:SS");
-    imp.SetTableType(teText);
+    struct WithT : TKvImportFromDataSet { // as a source whose date-times carry a "T" (XML) says
+        bool DateTimeHasT() const override { return true; }
+    } withT;
+    withT.SetDataFormats(DataFormats());
+    EXPECT_EQ(withT.BuildDTFormat(), "DD/MM/YYYY THH:NN:SS");
     DataFormats().DateOrder = doYDM;
     DataFormats().FourDigitYear = false;
     DataFormats().DateSeparator = 0;
