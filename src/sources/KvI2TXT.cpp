@@ -194,6 +194,30 @@ void TKvImportFromText::DetectAutoMapping() {
     }
 }
 
+TKvTextDialect TKvImportFromText::DetectFormat(char32_t delimiter) {
+    std::string sample;
+    if (sourceText_) {
+        sample = sourceText_->substr(0, KvTextSniffBytes);
+    } else if (!SourceFileName().empty() && SourceFileName() != "-") {
+        TFileStream stream(SourceFileName(), fmOpenRead | fmShareDenyNone);
+        sample = stream.ReadString(KvTextSniffBytes);
+    }
+    const size_t dot = SourceFileName().find_last_of("./");
+    const std::string extension =
+        dot != std::string::npos && SourceFileName()[dot] == '.' ? SourceFileName().substr(dot) : "";
+    const char32_t byName = TextDelimiterForExtension(extension);
+    const char32_t fixed = delimiter ? delimiter : byName == U'\t' ? byName : 0;
+    // A UTF-16 sample is read as text first; 8-bit text is sniffed by its bytes.
+    const bool utf16 = sample.rfind("\xFF\xFE", 0) == 0 || sample.rfind("\xFE\xFF", 0) == 0;
+    const TKvTextDialect dialect =
+        SniffTextDialect(utf16 ? DecodeText(sample) : sample, byName ? byName : U'\t', fixed);
+    SetFieldDelimiterCustom(dialect.Delimiter);
+    SetTextQualifierCustom(dialect.Qualifier);
+    SetRowFieldNames(dialect.HasHeader ? 1 : 0);
+    SetRowFirst(dialect.HasHeader ? 2 : 1);
+    return dialect;
+}
+
 std::vector<std::vector<std::string>> TKvImportFromText::PreviewRows(int count) {
     std::vector<std::vector<std::string>> rows;
     BeforeImport();

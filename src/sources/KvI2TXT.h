@@ -7,6 +7,7 @@
 #include "readers/text/KvTextFields.h"
 #include "readers/text/KvTextFile.h"
 #include "readers/text/KvTextReadAhead.h"
+#include "readers/text/KvTextSniff.h"
 
 #include <optional>
 #include <unordered_map>
@@ -38,6 +39,11 @@ public:
     /// A column's name in a mapping: bracketed unless it reads as one name by itself.
     std::string GetColumnFieldName(int index) const override;
 
+    /// Guesses from the first bytes of the source how it is written (see SniffTextDialect) and sets the
+    /// delimiter, the qualifier, RowFieldNames and RowFirst to match. The file name's extension gives the
+    /// fallback delimiter (a comma for .csv, a tab otherwise) or, for .tsv and .tab, the delimiter itself;
+    /// `delimiter` (when not 0) is taken as it is.
+    TKvTextDialect DetectFormat(char32_t delimiter = 0);
     /// The first `count` data rows as the columns' values (opening and closing the source).
     std::vector<std::vector<std::string>> PreviewRows(int count);
     std::string ClassName() const override { return "TKvImportFromText"; }

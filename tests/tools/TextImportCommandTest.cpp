@@ -80,6 +80,18 @@ TEST_F(TextImport, SavedSpecificationRunsAgain) {
     EXPECT_EQ(SqliteQuery(db, "SELECT * FROM p ORDER BY k"), "1|UNO\n2|TWO\n3|TRES");
 }
 
+TEST_F(TextImport, AFileWithoutHeaderIsSeenAsOne) {
+    const std::string csv = Write("nums.csv", "1,2024-01-05,3.5\n2,2024-01-06,4.5\n");
+    test::CliResult r = RunCli({"import", csv, "--db", db, "--quiet"});
+    EXPECT_EQ(r.Status, 0) << r.Err;
+    EXPECT_EQ(SqliteQuery(db, "SELECT group_concat(name, ' ') FROM pragma_table_info('nums')"),
+              "Field1 Field2 Field3");
+    EXPECT_EQ(SqliteQuery(db, "SELECT count(*) FROM nums"), "2"); // the first row is data
+    // Told otherwise, row 1 names the columns.
+    r = RunCli({"import", csv, "--db", db, "--table", "named", "--names-row", "1", "--quiet"});
+    EXPECT_EQ(SqliteQuery(db, "SELECT count(*) FROM named"), "1");
+}
+
 TEST_F(TextImport, PreviewShowsColumnsAndRows) {
     const std::string csv =
         Write("c.csv", "id,name,when\n1,Ada,2024-01-02\n2,\"Lovelace, Ada\",2024-01-03\n");
