@@ -166,6 +166,20 @@ TEST_F(ImportCommand, UsageAndSetupErrors) {
          1,
          "Cannot open file \"missing.sqlite\""},
         {{"run", "missing.kvi", "--db", "d.sqlite"}, 1, "File missing.kvi not exist."},
+        {{"import", "x.csv", "--db", "d.sqlite", "--delimeter", ","},
+         2,
+         "unknown option --delimeter; did you mean --delimiter?"},
+        {{"import", "x.csv", "--db", "d.sqlite", "--commitcount", "5"},
+         2,
+         "unknown option --commitcount; did you mean --commit-count?"},
+        {{"import", "x.csv", "--db", "d.sqlite", "--frobnicate"}, 2, "unknown option --frobnicate\n"},
+        {{"import", "x.csv", "--db", "d.sqlite", "--source-table", "t"},
+         2,
+         "--source-table is not an option of text sources"},
+        {{"import", "x.csv", "--db", "d.sqlite", "--format", "xls"},
+         2,
+         "--format expects one of sqlite, text; got 'xls'"},
+        {{"preview", "x.csv", "--rows", "x"}, 2, "--rows expects a number, got 'x'"},
     };
     for (const Case& c : cases) {
         test::CliResult r = RunCli(c.args);

@@ -49,7 +49,7 @@ std::string DefaultTableName(const ImportOptions& o, const TKvImportBaseComponen
         if (!saved.empty()) return saved;
     }
     if (!source.TableName().empty()) return source.TableName();
-    if (o.SourceTable) return *o.SourceTable;
+    if (const std::string* sourceTable = o.SourceValue("source-table")) return *sourceTable;
     if (o.Clipboard) return "clipboard";
     if (o.Source == "-") return "stdin";
     return std::filesystem::path(o.Source).stem().string();
@@ -82,6 +82,7 @@ int Run(const ImportOptions& o, CommandKind kind) {
         kind == CommandKind::Run ? OpenSpecificationSource(o, root) : OpenSource(o, root);
     TKvImportBaseComponent& c = source->Component();
     ApplyImportOptions(o, c);
+    source->ApplyOptions(o);
     AlignRegionalSettings(c.DataFormats());
     c.SetAbortOnProblem(o.AbortOnError);
     c.Statistic().UpdateStep = 1000;

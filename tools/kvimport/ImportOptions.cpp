@@ -1,244 +1,230 @@
 #include "ImportOptions.h"
 
+#include "Options.h"
+#include "SourceKinds.h"
 #include "platform/SysUtils.h"
 #include "platform/Utf8.h"
 
 namespace kv::cli {
 
-const char* const ImportUsage =
-    "Usage: kvimport import SOURCE --db DEST.sqlite [--table NAME] [options]\n"
-    "       kvimport import SOURCE.sqlite --source-table NAME --db DEST.sqlite [options]\n"
-    "\n"
-    "Imports SOURCE into a table of an SQLite database. A table that does not exist is created from the\n"
-    "source's columns; rows commit every --commit-count rows.\n"
-    "\n"
-    "Source:\n"
-    "  --format sqlite|text        the source's format (default: from the extension)\n"
-    "  --source-table NAME         the table of an SQLite source\n"
-    "  --spec FILE.kvi             load a saved specification before the other options apply\n"
-    "  --save-spec FILE.kvi        save the settings that were used\n"
-    "  --description TEXT          the description stored with --save-spec\n"
-    "\n"
-    "Destination:\n"
-    "  --db DEST.sqlite            the database (created when missing)\n"
-    "  --table NAME                the table (default: the source table or the file's base name)\n"
-    "  --sql FILE                  write the SQL statements to FILE instead of changing the table\n"
-    "  --lookup NAME               table NAME of the database can be used by LOOKUP (repeatable)\n"
-    "\n"
-    "Mapping and rows:\n"
-    "  --map 'FIELD=EXPR'          a mapping line, in order (repeatable; none: by column name)\n"
-    "  --mode MODE                 append, update, appendupdate, delete, copy or appendnewonly\n"
-    "  --keys 'A;B'                key fields for update, appendupdate, delete and appendnewonly\n"
-    "  --load-when EXPR            import a row only when EXPR is true\n"
-    "  --skip-if EXPR              skip a row when EXPR is true\n"
-    "  --param NAME=VALUE          a parameter whose value is the text VALUE (repeatable)\n"
-    "  --commit-count N            rows per transaction (default 10000)\n"
-    "  --trim none|right|left|both trim blanks of source values\n"
-    "  --skip-empty-rows           skip rows whose values are all blank\n"
-    "  --abort-on-error            stop at the first failing row (default: report it and go on)\n"
-    "  --allow-errors              failed rows and warnings still end with exit status 0\n"
-    "  --quiet                     no progress line and no summary\n"
-    "\n"
-    "Reading values:\n"
-    "  --charset ansi|oem|ebcdic   the source text's character set\n"
-    "  --date-order mdy|dmy|ymd|ydm|dym|myd   --date-separator C   --time-separator C\n"
-    "  --decimal-separator C       --thousand-separator C          --currency TEXT\n"
-    "                              (a decimal comma alone makes the point the grouping, and back)\n"
-    "  --date-format MASK          read dates by a mask such as DD.MM.YYYY HH:NN\n"
-    "  --true TEXT  --false TEXT   the texts of booleans\n"
-    "\n"
-    "Text sources (.csv .tsv .txt .dat .prn .tab .asc, '-' for standard input, --clipboard):\n"
-    "  --delimiter tab|comma|semicolon|space|none|C   --qualifier quot|apos|none|C\n"
-    "  --record-separator crlf|cr|lf|TEXT   --fixed   --line-length N\n"
-    "  --first-row N   --last-row N   --names-row N   --max-scan-rows N (-1: every row)\n"
-    "  --encoding auto|utf-8|windows-1252|utf-16le|utf-16be   --keep-empty-rows (blank lines as rows)\n"
-    "\n"
-    "At the end the counts are printed (Processed, Added, Updated, Deleted, Skipped, Errors) with the\n"
-    "run's message. Each failing row is reported on stderr as 'Row N, column F: message' (N is the\n"
-    "record of the source), each warning as 'Warning: line N: message'.\n"
-    "Exit status: 0 done, 1 failed, 2 usage error, 3 canceled, 4 finished with problems (rows failed or\n"
-    "data in doubt; 0 with --allow-errors).\n"
-    "\n"
-    "Examples:\n"
-    "  kvimport import old.sqlite --source-table customers --db new.sqlite\n"
-    "  kvimport import old.sqlite --source-table customers --db new.sqlite --mode appendupdate --keys ID \\\n"
-    "      --map 'ID=CustNo' --map 'NAME=UPPER(TRIM(Company))' --save-spec customers.kvi\n";
-
-const char* const RunUsage =
-    "Usage: kvimport run SPEC.kvi --db DEST.sqlite [--table NAME] [options]\n"
-    "\n"
-    "Runs a saved specification (see 'kvimport import --help' for the options, which override the\n"
-    "specification's settings).\n";
-
 namespace {
 
-char32_t OneChar(const std::string& option, const std::string& value) {
-    if (value == "tab") return 9;
-    if (value == "space") return U' ';
-    if (Utf8Length(value) != 1)
-        throw UsageError("--" + option + " expects one character, got '" + value + "'");
-    size_t pos = 0;
-    return Utf8Decode(value, pos);
+template <class Field> auto Set(Field ImportOptions::*field) {
+    return [field](ImportOptions& o, const std::string& v) { o.*field = v; };
 }
 
-int Number(const std::string& option, const std::string& value) {
-    int n;
-    if (!TryStrToInt(value, n)) throw UsageError("--" + option + " expects a number, got '" + value + "'");
-    return n;
+auto SetFlag(bool ImportOptions::*field) {
+    return [field](ImportOptions& o, const std::string&) { o.*field = true; };
 }
 
-template <class T>
-T Choice(const std::string& option, const std::string& value,
-         std::initializer_list<std::pair<const char*, T>> choices) {
-    for (const auto& [name, v] : choices)
-        if (SameText(value, name)) return v;
-    std::string list;
-    for (const auto& c : choices) list += (list.empty() ? "" : ", ") + std::string(c.first);
-    throw UsageError("--" + option + " expects one of " + list + "; got '" + value + "'");
+auto SetChar(std::optional<char32_t> ImportOptions::*field, const char* option) {
+    return [field, option](ImportOptions& o, const std::string& v) { o.*field = OptionChar(option, v); };
+}
+
+// The options every source takes, by section, in the order the help shows them.
+const std::vector<OptionSpec> kSourceOptions = {
+    {"format", "NAME", "the source's kind (default: from the extension)", Set(&ImportOptions::Format),
+     ForImport | ForPreview},
+    {"clipboard", nullptr, "read the clipboard's text (no SOURCE)", SetFlag(&ImportOptions::Clipboard),
+     ForImport | ForPreview},
+    {"spec", "FILE.kvi", "load a saved specification before the other options apply",
+     Set(&ImportOptions::Spec), ForImport | ForPreview},
+    {"save-spec", "FILE.kvi", "save the settings that were used", Set(&ImportOptions::SaveSpec),
+     ForImport | ForRun},
+    {"description", "TEXT", "the description stored with --save-spec", Set(&ImportOptions::Description),
+     ForImport | ForRun},
+};
+
+const std::vector<OptionSpec> kDestinationOptions = {
+    {"db", "DEST.sqlite", "the database (created when missing)", Set(&ImportOptions::Database),
+     ForImport | ForRun},
+    {"table", "NAME", "the table (default: the source table or the file's base name)",
+     Set(&ImportOptions::Table), ForImport | ForRun},
+    {"sql", "FILE", "write the SQL statements to FILE instead of changing the table",
+     Set(&ImportOptions::SqlFile), ForImport | ForRun},
+    {"lookup", "NAME", "table NAME of the database can be used by LOOKUP (repeatable)",
+     [](ImportOptions& o, const std::string& v) { o.Lookups.push_back(v); }, ForImport | ForRun},
+};
+
+const std::vector<OptionSpec> kRowOptions = {
+    {"map", "'FIELD=EXPR'", "a mapping line, in order (repeatable; none: by column name)",
+     [](ImportOptions& o, const std::string& v) {
+         if (v.find('=') == std::string::npos) throw UsageError("--map expects FIELD=EXPR, got '" + v + "'");
+         o.Maps.push_back(v);
+     },
+     ForImport | ForRun},
+    {"mode", "MODE", "append, update, appendupdate, delete, copy or appendnewonly",
+     [](ImportOptions& o, const std::string& v) {
+         o.Mode = OptionChoice<TImportMode>("mode", v,
+                                            {{"append", imAppend},
+                                             {"update", imUpdate},
+                                             {"appendupdate", imAppendUpdate},
+                                             {"delete", imDelete},
+                                             {"copy", imCopy},
+                                             {"appendnewonly", imAppendNewOnly}});
+     },
+     ForImport | ForRun},
+    {"keys", "'A;B'", "key fields for update, appendupdate, delete and appendnewonly",
+     Set(&ImportOptions::Keys), ForImport | ForRun},
+    {"load-when", "EXPR", "import a row only when EXPR is true", Set(&ImportOptions::LoadWhen),
+     ForImport | ForRun},
+    {"skip-if", "EXPR", "skip a row when EXPR is true", Set(&ImportOptions::SkipIf), ForImport | ForRun},
+    {"param", "NAME=VALUE", "a parameter whose value is the text VALUE (repeatable)",
+     [](ImportOptions& o, const std::string& v) {
+         const size_t eq = v.find('=');
+         if (eq == std::string::npos || eq == 0)
+             throw UsageError("--param expects NAME=VALUE, got '" + v + "'");
+         o.Params.emplace_back(v.substr(0, eq), v.substr(eq + 1));
+     },
+     ForImport | ForRun},
+    {"commit-count", "N", "rows per transaction (default 10000)",
+     [](ImportOptions& o, const std::string& v) {
+         o.CommitCount = OptionNumber("commit-count", v, 1, "a number of at least 1");
+     },
+     ForImport | ForRun},
+    {"trim", "none|right|left|both", "trim blanks of source values",
+     [](ImportOptions& o, const std::string& v) {
+         o.Trim = OptionChoice<TKvITrimSpaces>(
+             "trim", v,
+             {{"none", tsNoTrim}, {"right", tsTrimRight}, {"left", tsTrimLeft}, {"both", tsTrimLeftRight}});
+     }},
+    {"skip-empty-rows", nullptr, "skip rows whose values are all blank",
+     SetFlag(&ImportOptions::SkipEmptyRows)},
+    {"abort-on-error", nullptr, "stop at the first failing row (default: report it and go on)",
+     SetFlag(&ImportOptions::AbortOnError), ForImport | ForRun},
+    {"allow-errors", nullptr, "failed rows and warnings still end with exit status 0",
+     SetFlag(&ImportOptions::AllowErrors), ForImport | ForRun},
+    {"quiet", nullptr, "no progress line and no summary", SetFlag(&ImportOptions::Quiet), ForImport | ForRun},
+    {"rows", "N", "how many rows to show (default 10)",
+     [](ImportOptions& o, const std::string& v) {
+         o.PreviewRows = OptionNumber("rows", v, 0, "a number of rows, 0 or more");
+     },
+     ForPreview},
+};
+
+const std::vector<OptionSpec> kValueOptions = {
+    {"charset", "ansi|oem|ebcdic", "the source text's character set",
+     [](ImportOptions& o, const std::string& v) {
+         o.Charset = OptionChoice<TKvICharacterSet>(
+             "charset", v, {{"ansi", csiANSI_WINDOWS}, {"oem", csiASCII_MSDOS}, {"ebcdic", csiEBCDIC}});
+     }},
+    {"date-order", "mdy|dmy|ymd|ydm|dym|myd", "the order of day, month and year in dates",
+     [](ImportOptions& o, const std::string& v) {
+         o.DateOrder = OptionChoice<TKvIDateOrder>("date-order", v,
+                                                   {{"mdy", doMDY},
+                                                    {"dmy", doDMY},
+                                                    {"ymd", doYMD},
+                                                    {"ydm", doYDM},
+                                                    {"dym", doDYM},
+                                                    {"myd", doMYD}});
+     }},
+    {"date-separator", "C", "between the parts of a date",
+     SetChar(&ImportOptions::DateSeparator, "date-separator")},
+    {"time-separator", "C", "between the parts of a time",
+     SetChar(&ImportOptions::TimeSeparator, "time-separator")},
+    {"decimal-separator", "C", "a decimal comma alone makes the point the grouping, and back",
+     SetChar(&ImportOptions::DecimalSeparator, "decimal-separator")},
+    {"thousand-separator", "C|none", "the grouping of digits",
+     [](ImportOptions& o, const std::string& v) {
+         o.ThousandSeparator = v == "none" ? 0 : OptionChar("thousand-separator", v);
+     }},
+    {"currency", "TEXT", "the currency text numbers may carry", Set(&ImportOptions::Currency)},
+    {"date-format", "MASK", "read dates by a mask such as DD.MM.YYYY HH:NN", Set(&ImportOptions::DateFormat)},
+    {"true", "TEXT", "the text of true", Set(&ImportOptions::TrueText)},
+    {"false", "TEXT", "the text of false", Set(&ImportOptions::FalseText)},
+};
+
+std::vector<OptionSection> Sections() {
+    std::vector<OptionSection> sections = {{"Source", &kSourceOptions},
+                                           {"Destination", &kDestinationOptions},
+                                           {"Mapping and rows", &kRowOptions},
+                                           {"Reading values", &kValueOptions}};
+    for (const SourceKind* kind : SourceKinds()) sections.push_back({kind->Heading, &kind->Options});
+    return sections;
+}
+
+unsigned CommandBit(CommandKind kind) {
+    return kind == CommandKind::Import ? ForImport : kind == CommandKind::Run ? ForRun : ForPreview;
 }
 
 } // namespace
 
+std::string ImportOptionHelp(unsigned command) {
+    return OptionHelp(Sections(), command);
+}
+
+std::string ImportUsage() {
+    std::string extensions;
+    for (const SourceKind* kind : SourceKinds())
+        for (const std::string& e : kind->Extensions) extensions += (extensions.empty() ? "" : " ") + e;
+    return "Usage: kvimport import SOURCE --db DEST.sqlite [--table NAME] [options]\n"
+           "       kvimport import SOURCE.sqlite --source-table NAME --db DEST.sqlite [options]\n"
+           "\n"
+           "Imports SOURCE into a table of an SQLite database. A table that does not exist is created from "
+           "the\n"
+           "source's columns; rows commit every --commit-count rows. The source's kind comes from its\n"
+           "extension (" +
+           extensions + ") or --format; '-' is standard input.\n" + ImportOptionHelp(ForImport) +
+           "\n"
+           "At the end the counts are printed (Processed, Added, Updated, Deleted, Skipped, Errors) with "
+           "the\n"
+           "run's message. Each failing row is reported on stderr as 'Row N, column F: message' (N is the\n"
+           "record of the source), each warning as 'Warning: line N: message'.\n"
+           "Exit status: 0 done, 1 failed, 2 usage error, 3 canceled, 4 finished with problems (rows failed "
+           "or\n"
+           "data in doubt; 0 with --allow-errors).\n"
+           "\n"
+           "Examples:\n"
+           "  kvimport import orders.csv --db shop.sqlite\n"
+           "  kvimport import old.sqlite --source-table customers --db new.sqlite --mode appendupdate --keys "
+           "ID \\\n"
+           "      --map 'ID=CustNo' --map 'NAME=UPPER(TRIM(Company))' --save-spec customers.kvi\n";
+}
+
+std::string RunUsage() {
+    return "Usage: kvimport run SPEC.kvi --db DEST.sqlite [--table NAME] [options]\n"
+           "\n"
+           "Runs a saved specification; the options override the specification's settings.\n" +
+           ImportOptionHelp(ForRun);
+}
+
 ImportOptions ParseImportOptions(const std::vector<std::string>& args, CommandKind kind) {
     ImportOptions o;
+    const unsigned command = CommandBit(kind);
+    const std::vector<OptionSection> sections = Sections();
+    std::vector<std::string> positionals, sourceOptions;
     ArgReader r(args);
-    std::vector<std::string> positionals;
     while (!r.AtEnd()) {
         if (!r.NextIsOption()) {
             if (!r.AtEnd()) positionals.push_back(r.TakePositional());
             continue;
         }
-        const std::string opt = r.TakeOption();
-        auto value = [&] { return r.TakeValue(opt); };
-        if (opt == "help" || opt == "h")
-            throw HelpRequested();
-        else if (opt == "format")
-            o.Format = value();
-        else if (opt == "source-table")
-            o.SourceTable = value();
-        else if (opt == "db")
-            o.Database = value();
-        else if (opt == "table")
-            o.Table = value();
-        else if (opt == "spec" && kind != CommandKind::Run)
-            o.Spec = value();
-        else if (opt == "save-spec")
-            o.SaveSpec = value();
-        else if (opt == "description")
-            o.Description = value();
-        else if (opt == "map")
-            o.Maps.push_back(value());
-        else if (opt == "mode")
-            o.Mode = Choice<TImportMode>(opt, value(),
-                                         {{"append", imAppend},
-                                          {"update", imUpdate},
-                                          {"appendupdate", imAppendUpdate},
-                                          {"delete", imDelete},
-                                          {"copy", imCopy},
-                                          {"appendnewonly", imAppendNewOnly}});
-        else if (opt == "keys")
-            o.Keys = value();
-        else if (opt == "load-when")
-            o.LoadWhen = value();
-        else if (opt == "skip-if")
-            o.SkipIf = value();
-        else if (opt == "param") {
-            const std::string nv = value();
-            const size_t eq = nv.find('=');
-            if (eq == std::string::npos || eq == 0)
-                throw UsageError("--param expects NAME=VALUE, got '" + nv + "'");
-            o.Params.emplace_back(nv.substr(0, eq), nv.substr(eq + 1));
-        } else if (opt == "commit-count") {
-            o.CommitCount = Number(opt, value());
-            if (*o.CommitCount < 1) throw UsageError("--commit-count expects a number of at least 1");
-        } else if (opt == "trim")
-            o.Trim = Choice<TKvITrimSpaces>(opt, value(),
-                                            {{"none", tsNoTrim},
-                                             {"right", tsTrimRight},
-                                             {"left", tsTrimLeft},
-                                             {"both", tsTrimLeftRight}});
-        else if (opt == "skip-empty-rows")
-            o.SkipEmptyRows = true;
-        else if (opt == "charset")
-            o.Charset = Choice<TKvICharacterSet>(
-                opt, value(), {{"ansi", csiANSI_WINDOWS}, {"oem", csiASCII_MSDOS}, {"ebcdic", csiEBCDIC}});
-        else if (opt == "date-order")
-            o.DateOrder = Choice<TKvIDateOrder>(opt, value(),
-                                                {{"mdy", doMDY},
-                                                 {"dmy", doDMY},
-                                                 {"ymd", doYMD},
-                                                 {"ydm", doYDM},
-                                                 {"dym", doDYM},
-                                                 {"myd", doMYD}});
-        else if (opt == "date-separator")
-            o.DateSeparator = OneChar(opt, value());
-        else if (opt == "time-separator")
-            o.TimeSeparator = OneChar(opt, value());
-        else if (opt == "decimal-separator")
-            o.DecimalSeparator = OneChar(opt, value());
-        else if (opt == "thousand-separator") {
-            const std::string v = value();
-            o.ThousandSeparator = v == "none" ? 0 : OneChar(opt, v);
-        } else if (opt == "currency")
-            o.Currency = value();
-        else if (opt == "date-format")
-            o.DateFormat = value();
-        else if (opt == "true")
-            o.TrueText = value();
-        else if (opt == "false")
-            o.FalseText = value();
-        else if (opt == "sql")
-            o.SqlFile = value();
-        else if (opt == "lookup")
-            o.Lookups.push_back(value());
-        else if (opt == "abort-on-error")
-            o.AbortOnError = true;
-        else if (opt == "allow-errors")
-            o.AllowErrors = true;
-        else if (opt == "keep-empty-rows")
-            o.KeepEmptyRows = true;
-        else if (opt == "encoding")
-            o.Encoding = Choice<std::string>(opt, value(),
-                                             {{"auto", "auto"},
-                                              {"utf-8", "utf-8"},
-                                              {"utf8", "utf-8"},
-                                              {"windows-1252", "windows-1252"},
-                                              {"cp1252", "windows-1252"},
-                                              {"latin1", "windows-1252"},
-                                              {"utf-16le", "utf-16le"},
-                                              {"utf-16be", "utf-16be"}});
-        else if (opt == "quiet" || opt == "q")
+        const std::string name = r.TakeOption();
+        if (name == "help" || name == "h") throw HelpRequested();
+        if (name == "q") {
             o.Quiet = true;
-        else if (opt == "clipboard")
-            o.Clipboard = true;
-        else if (opt == "delimiter") {
-            const std::string v = value();
-            o.Delimiter = v == "comma" ? U',' : v == "semicolon" ? U';' : v == "none" ? 0 : OneChar(opt, v);
-        } else if (opt == "qualifier") {
-            const std::string v = value();
-            o.Qualifier = v == "quot" ? U'"' : v == "apos" ? U'\'' : v == "none" ? 0 : OneChar(opt, v);
-        } else if (opt == "record-separator") {
-            const std::string v = value();
-            o.RecordSeparator = v == "crlf" ? "\r\n" : v == "cr" ? "\r" : v == "lf" ? "\n" : v;
-            if (o.RecordSeparator->empty())
-                throw UsageError("--record-separator expects crlf, cr, lf or a text");
-        } else if (opt == "fixed")
-            o.Fixed = true;
-        else if (opt == "line-length")
-            o.LineLength = Number(opt, value());
-        else if (opt == "first-row")
-            o.FirstRow = Number(opt, value());
-        else if (opt == "last-row")
-            o.LastRow = Number(opt, value());
-        else if (opt == "names-row")
-            o.NamesRow = Number(opt, value());
-        else if (opt == "max-scan-rows")
-            o.MaxScanRows = Number(opt, value());
-        else if (opt == "rows" && kind == CommandKind::Preview) {
-            o.PreviewRows = Number(opt, value());
-            if (o.PreviewRows < 0) throw UsageError("--rows expects a number of rows, 0 or more");
-        } else
-            throw UsageError("unknown option --" + opt);
+            continue;
+        }
+        const OptionSpec* found = nullptr;
+        bool ofSource = false;
+        for (size_t s = 0; s < sections.size() && !found; ++s)
+            for (const OptionSpec& spec : *sections[s].Options)
+                if (name == spec.Name && (spec.Commands & command)) {
+                    found = &spec;
+                    ofSource = s >= 4;
+                    break;
+                }
+        if (!found) {
+            std::vector<std::string> names;
+            for (const OptionSection& section : sections)
+                for (const OptionSpec& spec : *section.Options)
+                    if (spec.Commands & command) names.push_back(spec.Name);
+            const std::string nearest = NearestName(name, names);
+            throw UsageError("unknown option --" + name +
+                             (nearest.empty() ? "" : "; did you mean --" + nearest + "?"));
+        }
+        found->Apply(o, found->Value ? r.TakeValue(name) : std::string());
+        if (ofSource) sourceOptions.push_back(name);
     }
     if (o.Clipboard) {
         if (!positionals.empty()) throw UsageError("--clipboard takes no SOURCE");
@@ -250,6 +236,15 @@ ImportOptions ParseImportOptions(const std::vector<std::string>& args, CommandKi
     }
     if (kind != CommandKind::Preview && o.Database.empty() && !o.SqlFile)
         throw UsageError("--db DEST.sqlite is needed");
+    // An option of another kind of source would be silently ignored: say so instead.
+    if (kind != CommandKind::Run) {
+        const SourceKind& chosen = SourceKindOf(o);
+        for (const std::string& name : sourceOptions) {
+            bool declared = false;
+            for (const OptionSpec& spec : chosen.Options) declared = declared || name == spec.Name;
+            if (!declared) throw UsageError("--" + name + " is not an option of " + chosen.Name + " sources");
+        }
+    }
     return o;
 }
 
@@ -293,14 +288,6 @@ void ApplyImportOptions(const ImportOptions& o, TKvImportBaseComponent& c) {
     if (o.DateFormat) f.CustomDateTimeFormat = *o.DateFormat;
     if (o.TrueText) f.BooleanTrue = *o.TrueText;
     if (o.FalseText) f.BooleanFalse = *o.FalseText;
-    if (o.Delimiter) c.SetFieldDelimiterCustom(*o.Delimiter);
-    if (o.Qualifier) c.SetTextQualifierCustom(*o.Qualifier);
-    if (o.RecordSeparator) c.SetRecordSeparatorCustom(*o.RecordSeparator);
-    if (o.Fixed) c.SetFixed(*o.Fixed);
-    if (o.FirstRow) c.SetRowFirst(*o.FirstRow);
-    if (o.LastRow) c.SetRowLast(*o.LastRow);
-    if (o.NamesRow) c.SetRowFieldNames(*o.NamesRow);
-    if (o.MaxScanRows) c.SetMaxScanRows(*o.MaxScanRows);
     for (const auto& [name, text] : o.Params) {
         TKvIParameter* p = c.Parameters().ParamByName(name);
         if (!p) {

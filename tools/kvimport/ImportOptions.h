@@ -1,10 +1,12 @@
 #pragma once
 // The options of the import, run and preview commands, read from the command line and applied to an
-// import component. Options left out keep what a specification file (or the defaults) gave.
+// import component. Options left out keep what a specification file (or the defaults) gave. The options
+// every source takes are declared here; a source kind declares its own beside it (SourceKinds.h).
 
 #include "CommandLine.h"
 #include "engine/KvIBase.h"
 
+#include <map>
 #include <optional>
 #include <string>
 #include <utility>
@@ -16,7 +18,6 @@ struct ImportOptions {
     std::string Source; ///< the source file ("-" for standard input), or the specification for run
     bool Clipboard = false;
     std::optional<std::string> Format;
-    std::optional<std::string> SourceTable;
     std::string Database;
     std::optional<std::string> Table;
     std::optional<std::string> Spec, SaveSpec, Description;
@@ -37,27 +38,28 @@ struct ImportOptions {
     bool AbortOnError = false;
     bool AllowErrors = false;
     bool Quiet = false;
-
-    // text sources
-    std::optional<char32_t> Delimiter, Qualifier;
-    std::optional<std::string> RecordSeparator;
-    std::optional<bool> Fixed;
-    std::optional<int> LineLength, FirstRow, LastRow, NamesRow, MaxScanRows;
-    std::optional<std::string> Encoding; ///< "auto" or a name TextEncodingByName knows
-    bool KeepEmptyRows = false;
     int PreviewRows = 10;
+
+    /// The values of options a source kind declares, by option name, as the kind's table stored them.
+    std::map<std::string, std::string> SourceValues;
+    const std::string* SourceValue(const std::string& name) const {
+        auto it = SourceValues.find(name);
+        return it == SourceValues.end() ? nullptr : &it->second;
+    }
 };
 
 enum class CommandKind { Import, Run, Preview };
 
 /// Reads the options of `kind`; positional arguments fill Source. Raises UsageError.
 ImportOptions ParseImportOptions(const std::vector<std::string>& args, CommandKind kind);
-/// Puts the options that were given into the component (after any specification was loaded).
+/// Puts the options every source takes into the component (after any specification was loaded).
 void ApplyImportOptions(const ImportOptions& options, TKvImportBaseComponent& component);
 /// A source's warning as the program prints it: "Warning: line N: message".
 std::string WarningText(const TKvIWarning& warning);
-/// The usage texts.
-extern const char* const ImportUsage;
-extern const char* const RunUsage;
+/// The help texts, with the options of every source kind.
+std::string ImportUsage();
+std::string RunUsage();
+/// The options of `command` (import, run, preview), every source kind's included, as help lines.
+std::string ImportOptionHelp(unsigned command);
 
 } // namespace kv::cli

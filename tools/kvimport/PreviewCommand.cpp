@@ -1,6 +1,7 @@
 #include "PreviewCommand.h"
 
 #include "ImportOptions.h"
+#include "Options.h"
 #include "Sources.h"
 #include "platform/Utf8.h"
 
@@ -9,15 +10,17 @@
 
 namespace kv::cli {
 
-const char* const PreviewUsage =
-    "Usage: kvimport preview SOURCE [--rows N] [options]\n"
-    "\n"
-    "Shows the columns kvimport finds in SOURCE, with the types a created table would get, and the first\n"
-    "N rows (default 10) as a table. Takes the source options of 'kvimport import' (--delimiter,\n"
-    "--names-row, --source-table, ...).\n"
-    "\n"
-    "Example:\n"
-    "  kvimport preview examples/customers.csv --rows 5\n";
+std::string PreviewUsage() {
+    return "Usage: kvimport preview SOURCE [--rows N] [options]\n"
+           "\n"
+           "Shows the columns kvimport finds in SOURCE, with the types a created table would get, and the "
+           "first\n"
+           "N rows (default 10) as a table, with the warnings an import would give.\n" +
+           ImportOptionHelp(ForPreview) +
+           "\n"
+           "Example:\n"
+           "  kvimport preview examples/customers.csv --rows 5\n";
+}
 
 namespace {
 
@@ -64,6 +67,7 @@ int RunPreview(const std::vector<std::string>& args) {
     std::unique_ptr<SourceSetup> source = OpenSource(o, root);
     TKvImportBaseComponent& c = source->Component();
     ApplyImportOptions(o, c);
+    source->ApplyOptions(o);
     const std::vector<std::vector<std::string>> rows = source->Preview(std::max(o.PreviewRows, 0));
     const TKvIColumns& columns = c.Columns();
     // What the import would warn of, the preview says too.

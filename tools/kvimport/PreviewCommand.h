@@ -7,6 +7,6 @@ namespace kv::cli {
 
 /// kvimport preview: the columns a source offers, with their guessed types, and its first rows.
 int RunPreview(const std::vector<std::string>& args);
-extern const char* const PreviewUsage;
+std::string PreviewUsage();
 
 } // namespace kv::cli

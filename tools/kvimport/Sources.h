@@ -1,7 +1,6 @@
 #pragma once
-// The source side of a command-line import: which import component reads the SOURCE argument (an SQLite
-// table or a text file), how a saved specification names its source again, and the columns a table
-// created for the source gets.
+// The source side of a command-line import: the source a kind opens (SourceKinds.h), how a saved
+// specification names it again, and the columns a table created for it gets.
 
 #include "ImportOptions.h"
 #include "engine/KvIBase.h"
@@ -27,9 +26,15 @@ public:
     virtual std::vector<std::string> SpecificationLines() const { return {}; }
     /// The source's columns (into Component().Columns()) and its first `rows` rows as text.
     virtual std::vector<std::vector<std::string>> Preview(int rows) = 0;
+    /// Puts the options of this kind of source into the component, after a specification was loaded.
+    virtual void ApplyOptions(const ImportOptions& options) { (void)options; }
     /// The declared type a column of `type` gets in a created table.
     virtual std::string SqlType(const TKvIColumn& column) const;
 };
+
+/// Rows per transaction unless a specification or --commit-count says otherwise: a commit of an SQLite
+/// database waits for the disk, and a few hundred rows per commit would spend most of a run waiting.
+constexpr int DefaultCommitCount = 10000;
 
 /// EFOpenError "Cannot open file ..." unless `file` is a file that exists (a directory says so).
 void CheckSourceFile(const std::string& file);
@@ -37,9 +42,6 @@ void CheckSourceFile(const std::string& file);
 std::unique_ptr<SourceSetup> OpenSource(const ImportOptions& options, TComponent& root);
 /// The source a specification file names (`kvimport run`), with the specification loaded.
 std::unique_ptr<SourceSetup> OpenSpecificationSource(const ImportOptions& options, TComponent& root);
-/// A delimited or fixed-width text source: `file` ("-" for standard input) or the clipboard.
-std::unique_ptr<SourceSetup> OpenTextSource(const ImportOptions& options, const std::string& file,
-                                            TComponent& root);
 /// The columns of a table to create for `source`: its columns, or the fields the mapping lines name
 /// (typed like the source column a line takes as it stands).
 std::vector<ColumnDef> ColumnsForNewTable(SourceSetup& source, const std::vector<std::string>& maps);

@@ -18,11 +18,11 @@ using namespace kv::cli;
 struct Command {
     const char* name;
     int (*run)(const std::vector<std::string>&);
-    const char* usage;
+    std::string (*usage)(); ///< the help, made from the option tables
 };
 
 const Command kCommands[] = {
-    {"eval", RunEval, EvalUsage},
+    {"eval", RunEval, [] { return std::string(EvalUsage); }},
     {"import", RunImport, ImportUsage},
     {"run", RunSpecification, RunUsage},
     {"preview", RunPreview, PreviewUsage},
@@ -66,11 +66,11 @@ int main(int argc, char** argv) {
         try {
             return command.run(args);
         } catch (const HelpRequested&) {
-            std::cout << command.usage;
+            std::cout << command.usage();
             return ExitOk;
         } catch (const UsageError& e) {
             // The usage lines of the command, not its whole help.
-            const std::string usage = command.usage;
+            const std::string usage = command.usage();
             std::cerr << "kvimport " << name << ": " << e.what() << "\n"
                       << usage.substr(0, usage.find("\n\n")) << "\nRun 'kvimport " << name
                       << " --help' for the options.\n";
