@@ -62,6 +62,12 @@ void TKvImportBaseComponent::RegisterLookupTable(const std::string& name, TDataS
     lookupTables_.emplace_back(name, table);
 }
 
+std::string TKvISourceLocation::Text() const {
+    if (!Sheet.empty()) return Sheet + (Cell.empty() ? " row " + IntToStr(Record) : "!" + Cell);
+    if (Line > 0) return "line " + IntToStr(Line);
+    return "record " + IntToStr(Record);
+}
+
 std::string TKvImportBaseComponent::ColumnReference(int index, bool byNumber) const {
     const std::string& name = columns_.Columns(index).FieldName;
     // A name of letters, digits, "_" and "." that starts with neither a digit nor "." reads as itself; any

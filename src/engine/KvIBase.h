@@ -42,10 +42,22 @@ struct TKvIWarning {
 };
 using TKvIWarningEvent = std::function<void(TObject* Sender, const TKvIWarning& Warning)>;
 
-/// Where the error being reported happened, as a user finds it in the source.
+/// Where in the source a row comes from, as a user finds it there. Each source fills what it knows.
+struct TKvISourceLocation {
+    int64_t Line = 0;   ///< a text file's line where the record starts (0: not a text)
+    int64_t Record = 0; ///< the record, or row of a sheet, 1-based
+    std::string Sheet;  ///< a workbook's sheet ("" for none)
+    std::string Cell;   ///< and the cell ("B7")
+    /// The most precise place known: "line 12", "Sheet1!B7", "record 5".
+    std::string Text() const;
+    /// The row a user looks for: the line of a text, else the record.
+    int64_t Row() const { return Line > 0 ? Line : Record; }
+};
+
+/// Where the error being reported happened.
 struct TKvIErrorPlace {
-    int64_t Record = 0; ///< the source's record (a text file's line where the record starts)
-    std::string Field;  ///< the destination field being filled, "" when the row failed as a whole
+    TKvISourceLocation Location;
+    std::string Field; ///< the destination field being filled, "" when the row failed as a whole
 };
 
 /// The abstract import source.
@@ -242,9 +254,12 @@ protected:
     virtual void GoFirst() {}
     virtual void GoNext() {}
     virtual bool NeedMore() { return false; }
-    /// The record of the source the current row comes from, as a user finds it (a text file's line); the
-    /// base counts the rows read.
-    virtual int64_t SourceRecordNumber() { return statistic_.TotalImported; }
+    /// Where the current row comes from in the source; the base knows the count of rows read.
+    virtual TKvISourceLocation SourceLocation() {
+        TKvISourceLocation location;
+        location.Record = statistic_.TotalImported;
+        return location;
+    }
     virtual int GetTotalCount() { return 0; }
     virtual Variant GetValues(const std::string& columnName) {
         (void)columnName;

@@ -278,7 +278,8 @@ void TKvImportBaseComponent::FlushStatements(bool final) {
 }
 
 void TKvImportBaseComponent::HandleError(const std::exception& error) {
-    if (errorPlace_.Record == 0) errorPlace_.Record = SourceRecordNumber();
+    if (errorPlace_.Location.Record == 0 && errorPlace_.Location.Line == 0)
+        errorPlace_.Location = SourceLocation();
     // A destination that refuses every write ends the run at the first row, whatever a handler prefers.
     const bool fatal = dynamic_cast<const EDatabaseUnwritable*>(&error) != nullptr;
     if (!OnErrorEvent) {
@@ -450,7 +451,7 @@ bool TKvImportBaseComponent::LoadRecord() {
         try {
             value = GetParsedValue(entry.SourceValue, static_cast<int>(i));
         } catch (...) {
-            errorPlace_.Record = SourceRecordNumber();
+            errorPlace_.Location = SourceLocation();
             errorPlace_.Field = entry.FieldName;
             convertingField_ = nullptr;
             for (size_t rest = i; rest < rowValues_.size(); ++rest) rowValues_[rest].SetNull();

@@ -82,8 +82,13 @@ int TKvImportFromText::GetTotalCount() {
     return n > INT32_MAX ? INT32_MAX : static_cast<int>(n);
 }
 
-int64_t TKvImportFromText::SourceRecordNumber() {
-    return row_ < file_.RowCount() ? file_.LineNumber(row_) : TKvImportBaseComponent::SourceRecordNumber();
+TKvISourceLocation TKvImportFromText::SourceLocation() {
+    TKvISourceLocation location = TKvImportBaseComponent::SourceLocation();
+    if (row_ >= file_.RowCount()) return location;
+    location.Record = file_.LineNumber(row_);
+    location.Line = file_.StartLine(row_);
+    if (location.Line == 0) location.Line = location.Record; // a stream only its reader may read
+    return location;
 }
 
 void TKvImportFromText::SetCurrentRow(int64_t row, bool readAhead) {

@@ -55,8 +55,8 @@ protected:
     void GoFirst() override { row_ = 0; }
     void GoNext() override { ++row_; }
     bool NeedMore() override { return row_ < file_.RowCount(); }
-    /// The line where the current record starts.
-    int64_t SourceRecordNumber() override;
+    /// The line where the current record starts, and the record's number.
+    TKvISourceLocation SourceLocation() override;
     int GetTotalCount() override;
     bool LoadRecord() override;
     Variant GetFieldValue(const Variant& value) override;

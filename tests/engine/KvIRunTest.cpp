@@ -304,7 +304,7 @@ TEST_F(Run, RowsThatCannotBeReadAreCountedWithOrWithoutAHandler) {
         std::vector<std::string> places;
         if (handler)
             imp.OnErrorEvent = [&](TObject*, const std::exception&, bool& abort) {
-                places.push_back(std::to_string(imp.ErrorPlace().Record) + " " + imp.ErrorPlace().Field);
+                places.push_back(std::to_string(imp.ErrorPlace().Location.Record) + " " + imp.ErrorPlace().Field);
                 abort = false;
             };
         imp.Execute();
@@ -322,7 +322,7 @@ TEST_F(Run, AWriteThatFailsNamesItsFieldAndAnUnwritableDatabaseEndsTheRun) {
     int calls = 0;
     imp.OnErrorEvent = [&](TObject*, const std::exception&, bool& abort) {
         ++calls;
-        places.push_back(std::to_string(imp.ErrorPlace().Record) + " " + imp.ErrorPlace().Field);
+        places.push_back(std::to_string(imp.ErrorPlace().Location.Record) + " " + imp.ErrorPlace().Field);
         abort = false; // the handler would go on; the database cannot
     };
     dest.BeforePost = [](bool, const std::vector<Variant>&) {

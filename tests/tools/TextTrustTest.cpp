@@ -99,6 +99,9 @@ const TrustCase kCases[] = {
     {"RowErrorsNameTheLineAndTheColumn", "qty.csv", "id,qty\n1,5\n\n2,12A\n",
      "CREATE TABLE t(id INTEGER, qty INTEGER)", {}, 4, "SELECT group_concat(qty) FROM t", "5",
      "Row 4, column qty: '12A' is not a valid integer value\n"},
+    {"RowErrorsNameTheLineAfterFieldsSpanningLines", "notes.csv", "id,note,qty\n1,\"two\nlines\",5\n2,x,12A\n",
+     "CREATE TABLE t(id INTEGER, note TEXT, qty INTEGER)", {}, 4, "SELECT group_concat(qty) FROM t", "5",
+     "Row 4, column qty: '12A' is not a valid integer value\n"},
     {"ErrorsAcceptedWhenAsked", "qty.csv", "id,qty\n1,5\n2,12A\n", "CREATE TABLE t(id INTEGER, qty INTEGER)",
      {"--allow-errors"}, 0, "SELECT group_concat(qty) FROM t", "5", "Row 3, column qty: "},
 };

@@ -125,8 +125,10 @@ int Run(const ImportOptions& o, CommandKind kind) {
             ui.ClearLine();
             const TKvIErrorPlace& place = c.ErrorPlace();
             const auto* own = dynamic_cast<const Exception*>(&e);
-            std::cerr << "Row " << place.Record << (place.Field.empty() ? "" : ", column " + place.Field)
-                      << ": " << (own ? own->Message() : std::string(e.what())) << '\n';
+            std::cerr << "Row " << place.Location.Row()
+                      << (place.Location.Sheet.empty() ? "" : " of sheet " + place.Location.Sheet)
+                      << (place.Field.empty() ? "" : ", column " + place.Field) << ": "
+                      << (own ? own->Message() : std::string(e.what())) << '\n';
         }
         abort = o.AbortOnError;
     };

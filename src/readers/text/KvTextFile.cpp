@@ -147,6 +147,10 @@ void TKvTextFile::Close() {
     notUtf8At_ = -1;
     warnings_.clear();
     inputStart_ = 0;
+    fileName_.clear();
+    lineStream_.reset();
+    lineOffset_ = -1;
+    lineNumber_ = 1;
     records_ = 0;
     stream_ = nullptr;
     ownedStream_.reset();
@@ -165,6 +169,7 @@ void TKvTextFile::Close() {
 
 void TKvTextFile::Open(const std::string& fileName) {
     Close();
+    fileName_ = fileName;
     OpenOwned(std::make_unique<TFileStream>(fileName, fmOpenRead | fmShareDenyNone));
 }
 
@@ -354,8 +359,10 @@ void TKvTextFile::Warn(int64_t offset, std::string message, bool problem) {
 // starting in the block can be compared whole. Stops when `visit` returns false. Only warnings read the
 // input again like this; the scan itself keeps nothing for them.
 void TKvTextFile::ReadRange(int64_t from, int64_t to, size_t overlap,
-                            const std::function<bool(const char*, size_t, size_t, int64_t)>& visit) {
+                            const std::function<bool(const char*, size_t, size_t, int64_t)>& visit,
+                            TStream* stream) {
     if (to <= from) return;
+    if (!stream) stream = stream_;
     if (inMemory_) {
         const auto n = static_cast<size_t>(to - from);
         visit(memory_.data() + from, n, n, from);
@@ -365,29 +372,47 @@ void TKvTextFile::ReadRange(int64_t from, int64_t to, size_t overlap,
     for (int64_t at = from; at < to; at += static_cast<int64_t>(blockSize_)) {
         const auto want =
             static_cast<size_t>(std::min<int64_t>(to - at, static_cast<int64_t>(buffer.size())));
-        if (stream_->Seek(at, soBeginning) != at) throw EReadError("Stream read error");
-        const size_t got = ReadFully(*stream_, buffer.data(), want);
+        if (stream->Seek(at, soBeginning) != at) throw EReadError("Stream read error");
+        const size_t got = ReadFully(*stream, buffer.data(), want);
         if (got < want) throw EReadError("Stream read error"); // the file has shrunk since it was scanned
         if (!visit(buffer.data(), std::min(got, blockSize_), got, at)) return;
     }
 }
 
 // A CR LF counts once, at its CR. Also tells whether the last byte ends a line.
-std::pair<int64_t, bool> TKvTextFile::CountLineEnds(int64_t from, int64_t to) {
+std::pair<int64_t, bool> TKvTextFile::CountLineEnds(int64_t from, int64_t to, TStream* stream) {
     int64_t ends = 0;
     char previous = 0;
     // The byte before `from` tells whether an LF there ends a line of its own.
     const int64_t first = std::max(from - 1, inputStart_);
-    ReadRange(first, to, 0, [&](const char* d, size_t n, size_t, int64_t at) {
-        for (size_t i = 0; i < n; ++i) {
-            const char c = d[i];
-            if (at + static_cast<int64_t>(i) >= from && (c == '\r' || (c == '\n' && previous != '\r')))
-                ++ends;
-            previous = c;
-        }
-        return true;
-    });
+    ReadRange(
+        first, to, 0,
+        [&](const char* d, size_t n, size_t, int64_t at) {
+            for (size_t i = 0; i < n; ++i) {
+                const char c = d[i];
+                if (at + static_cast<int64_t>(i) >= from && (c == '\r' || (c == '\n' && previous != '\r')))
+                    ++ends;
+                previous = c;
+            }
+            return true;
+        },
+        stream);
     return {ends, previous == '\r' || previous == '\n'};
+}
+
+int64_t TKvTextFile::StartLine(int64_t index) {
+    const int64_t offset = RowSpan(index).Offset;
+    if (!inMemory_ && !lineStream_) {
+        if (fileName_.empty()) return 0;
+        lineStream_ = std::make_unique<TFileStream>(fileName_, fmOpenRead | fmShareDenyNone);
+    }
+    if (lineOffset_ < 0 || offset < lineOffset_) {
+        lineOffset_ = inputStart_;
+        lineNumber_ = 1;
+    }
+    lineNumber_ += CountLineEnds(lineOffset_, offset, lineStream_.get()).first;
+    lineOffset_ = offset;
+    return lineNumber_;
 }
 
 // The record from `from` to the end of the input was kept open by a qualifier. The field to blame is the

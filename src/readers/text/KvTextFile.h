@@ -143,6 +143,12 @@ public:
     int64_t LineNumber(int64_t index) const;
     /// Where data row `index` lies in the input.
     TKvTextRecordSpan RowSpan(int64_t index) const;
+    /// The line of the input where data row `index` starts, counted as an editor counts them (LF, CR LF
+    /// and a lone CR end a line), which differs from the record number once a quoted field has spanned
+    /// lines. Counts on from the previous answer, so rows asked in order read the input once in all, and
+    /// reads through a stream of its own, so a reading thread may go on meanwhile; 0 when the input is a
+    /// stream handed in by the caller, which only that thread may read.
+    int64_t StartLine(int64_t index);
 
 private:
     void OpenMemory(std::string_view bytes);
@@ -151,10 +157,11 @@ private:
     bool Judge(const TKvUtf8Validator& validator, int64_t start);
     void Finish(TKvTextScanner& scanner);
     void Warn(int64_t offset, std::string message, bool problem);
-    std::pair<int64_t, bool> CountLineEnds(int64_t from, int64_t to);
+    std::pair<int64_t, bool> CountLineEnds(int64_t from, int64_t to, TStream* stream = nullptr);
     int64_t UnclosedField(const TKvTextScanConfig& config, int64_t from, int64_t to);
     void ReadRange(int64_t from, int64_t to, size_t overlap,
-                   const std::function<bool(const char*, size_t, size_t, int64_t)>& visit);
+                   const std::function<bool(const char*, size_t, size_t, int64_t)>& visit,
+                   TStream* stream = nullptr);
     std::string_view Fetch(const TKvTextRecordSpan& span);
     void Decode(std::string_view bytes, std::string& out) const;
 
@@ -174,6 +181,12 @@ private:
     std::string_view memory_;
     bool inMemory_ = false;
     int64_t inputStart_ = 0; ///< where line 1 starts
+    std::string fileName_;   ///< of a file opened by name
+
+    // StartLine's own reading: its stream, and its last answer.
+    std::unique_ptr<TStream> lineStream_;
+    int64_t lineOffset_ = -1;
+    int64_t lineNumber_ = 1;
 
     // The window rows are read through (stream input only).
     std::vector<char> window_;

@@ -500,6 +500,30 @@ TEST(TextFile, WarnsWithTheLineAUserSees) {
 }
 
 // A real export with an unclosed quote early on: the loss is large and must not be silent.
+// The line a record starts on, as an editor numbers lines, whatever spans lines before it and in whatever
+// order the rows are asked, from memory and from a file read through its own stream.
+TEST(TextFile, StartLinesAreTheLinesAUserSees) {
+    const std::string bytes = "h\r\n1,\"two\nlines\"\r\n\r\n2,x\r3,\"a\r\nb\r\nc\"\n4,y\n";
+    const std::vector<int64_t> expected = {2, 5, 6, 9}; // records 2, 4, 5 and 6 (the blank line is no row)
+    test::TempDir dir;
+    test::WriteFile(dir.File("lines.csv"), bytes);
+    for (bool fromFile : {false, true}) {
+        TKvTextFile file;
+        file.Settings().BlockSize = 4; // lines counted across block boundaries
+        file.Settings().RowFirst = 2;
+        fromFile ? file.Open(dir.File("lines.csv")) : file.OpenText(bytes);
+        ASSERT_EQ(file.RowCount(), 4);
+        for (int64_t i = 0; i < 4; ++i) EXPECT_EQ(file.StartLine(i), expected[static_cast<size_t>(i)]) << i;
+        for (int64_t i = 3; i >= 0; --i) EXPECT_EQ(file.StartLine(i), expected[static_cast<size_t>(i)]) << i;
+        EXPECT_EQ(file.LineNumber(3), 6); // the record number differs
+    }
+    // A stream the caller handed in may be read by its reader alone: no line is told.
+    TFileStream stream(dir.File("lines.csv"), fmOpenRead);
+    TKvTextFile file;
+    file.OpenStream(stream);
+    EXPECT_EQ(file.StartLine(1), 0);
+}
+
 TEST(TextFile, AnUnclosedQuoteIsNotSilent) {
     std::string text = "id,name,amount\r\n1,\"Smith, J\",10\r\n2,\"Doe, A,20\r\n";
     for (int i = 3; i <= 1000; ++i) text += std::to_string(i) + ",\"Name " + std::to_string(i) + "\",5\r\n";
