@@ -4,7 +4,6 @@
 #include "engine/KvIBase.h"
 
 #include "engine/Impcnst.h"
-#include "engine/KvISQL.h"
 #include "platform/Streams.h"
 #include "platform/SysUtils.h"
 

@@ -4,6 +4,7 @@
 // into destination field values, proposes mappings, and saves and loads specification files.
 
 #include "datasets/DataSet.h"
+#include "engine/KvISQL.h"
 #include "engine/KvISettings.h"
 #include "expression/KvIParams.h"
 #include "expression/KvIPars.h"
@@ -18,7 +19,6 @@
 namespace kv {
 
 class TStream;
-class TKvISQLWriter;
 
 using TNotifyEvent = std::function<void(TObject* Sender)>;
 using TErrorEvent = std::function<void(TObject* Sender, const std::exception& Error, bool& Abort)>;
@@ -197,7 +197,7 @@ public:
     virtual bool AskParameters();
 
     /// The SQL statements of the last run with ActionKind akGenerateSQL.
-    TStringList& SQLScript() { return sqlScript_; }
+    TStringList& SQLScript() { return sqlOutput_.Script(); }
     /// When set, the statements are also written to this file (each followed by CR LF) as they are made.
     const std::string& SQLFileName() const { return sqlFileName_; }
     void SetSQLFileName(const std::string& v) { sqlFileName_ = v; }
@@ -357,8 +357,6 @@ private:
     Variant LookupValue(const std::vector<Variant>& args);
     TDataSet* FindLookupDataSet(const std::string& name) const;
     void ResetRunState();
-    void AddStatement(std::string statement);
-    void FlushStatements(bool final);
 
     // settings
     bool abortOnProblem_ = true;
@@ -416,12 +414,9 @@ private:
     std::string dateMask_, timeMask_; ///< the masks of the current run, built at their first use
     std::unique_ptr<TKvDateMask> dateReader_, timeReader_; ///< and read once
     std::string fieldNames_;
-    TStringList sqlScript_;
     bool keepSqlScript_ = true;
-    std::unique_ptr<TStream> sqlFile_;
-    std::string sqlPending_; ///< statements not yet written to sqlFile_
-    std::unique_ptr<TKvISQLWriter> sqlWriter_;
     std::vector<std::string> sqlPrologue_;
+    TKvISQLOutput sqlOutput_;
     std::vector<TKvIWarning> warnings_;
     TKvIErrorPlace errorPlace_;
     const TField* applyingField_ = nullptr; ///< the field ApplyRow is filling, for the error's place

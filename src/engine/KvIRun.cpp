@@ -3,7 +3,6 @@
 
 #include "engine/Impcnst.h"
 #include "engine/KvIBase.h"
-#include "engine/KvISQL.h"
 #include "engine/KvIUtils.h"
 #include "platform/DateUtils.h"
 #include "platform/Format.h"
@@ -112,7 +111,7 @@ void TKvImportBaseComponent::ResetRunState() {
     statistic_.TotalCount = statistic_.TotalImported = statistic_.TotalAdded = statistic_.TotalDeleted = 0;
     statistic_.TotalUpdated = statistic_.TotalErrors = statistic_.TotalSkipped = 0;
     statistic_.LastAction = iaUnknown;
-    sqlScript_.Clear();
+    sqlOutput_.Script().Clear();
 }
 
 void TKvImportBaseComponent::Prepare() {
@@ -132,9 +131,8 @@ void TKvImportBaseComponent::Prepare() {
         } catch (...) {
         }
         dataSet_->EnableControls();
-        sqlWriter_.reset();
         try {
-            FlushStatements(true); // the statements of the rows done so far
+            sqlOutput_.Finish(); // the statements of the rows done so far
         } catch (...) {
         }
         throw;
@@ -143,8 +141,7 @@ void TKvImportBaseComponent::Prepare() {
     inTransaction_ = false;
     dataSet_->First();
     dataSet_->EnableControls();
-    sqlWriter_.reset();
-    if (actionKind_ == akGenerateSQL) FlushStatements(true);
+    sqlOutput_.Finish();
 }
 
 void TKvImportBaseComponent::RunRows() {
@@ -154,18 +151,13 @@ void TKvImportBaseComponent::RunRows() {
     dateReader_.reset();
     timeReader_.reset();
     runTableName_ = GetTableName();
-    if (actionKind_ == akGenerateSQL) {
-        sqlWriter_ = std::make_unique<TKvISQLWriter>(sqlOptions_, runTableName_);
-        sqlPending_.clear();
-        sqlFile_.reset();
-        if (!sqlFileName_.empty()) sqlFile_ = std::make_unique<TFileStream>(sqlFileName_, fmCreate);
-        for (const std::string& statement : sqlPrologue_) AddStatement(statement);
-    }
+    if (actionKind_ == akGenerateSQL)
+        sqlOutput_.Begin(sqlOptions_, runTableName_, sqlFileName_, keepSqlScript_, sqlPrologue_);
     IKvFrontEnd& ui = FrontEnd();
 
     if (mode_ == imCopy) {
         dataSet_->First();
-        if (actionKind_ == akGenerateSQL) AddStatement(sqlWriter_->DeleteAll());
+        if (actionKind_ == akGenerateSQL) sqlOutput_.Add(sqlOutput_.Writer().DeleteAll());
         while (!dataSet_->Eof()) {
             if (actionKind_ == akDatasetApply)
                 dataSet_->Delete();
@@ -261,22 +253,6 @@ void TKvImportBaseComponent::RunRows() {
     if (animatedStatus_) ui.UpdateProgressDlg(ProgressOf(statistic_));
 }
 
-void TKvImportBaseComponent::AddStatement(std::string statement) {
-    if (sqlFile_) {
-        sqlPending_ += statement;
-        sqlPending_ += "\r\n";
-        if (sqlPending_.size() >= (1u << 20)) FlushStatements(false);
-    }
-    if (keepSqlScript_ || !sqlFile_) sqlScript_.Add(std::move(statement));
-}
-
-void TKvImportBaseComponent::FlushStatements(bool final) {
-    if (!sqlFile_) return;
-    sqlFile_->WriteString(sqlPending_);
-    sqlPending_.clear();
-    if (final) sqlFile_.reset();
-}
-
 void TKvImportBaseComponent::HandleError(const std::exception& error) {
     if (errorPlace_.Location.Record == 0 && errorPlace_.Location.Line == 0)
         errorPlace_.Location = SourceLocation();
@@ -368,11 +344,11 @@ void TKvImportBaseComponent::ApplyRow() {
                 StoreValue(*field, value);
             } else if (action == iaAdd || action == iaUpdate) {
                 names.push_back(field->FieldName());
-                literals.push_back(
-                    sqlWriter_->Literal(KeepsAsText(*field, value)
-                                            ? value
-                                            : CoerceToFieldType(value, field->DataType(), field->FieldName()),
-                                        field->DataType()));
+                literals.push_back(sqlOutput_.Writer().Literal(
+                    KeepsAsText(*field, value)
+                        ? value
+                        : CoerceToFieldType(value, field->DataType(), field->FieldName()),
+                    field->DataType()));
             }
         }
     }
@@ -389,19 +365,19 @@ void TKvImportBaseComponent::ApplyRow() {
             const TFieldType type = keyField ? keyField->DataType() : ftUnknown;
             const Variant& v = k < keyValues_.size() ? keyValues_[k] : Variant::Null();
             keyLiterals.push_back(
-                sqlWriter_->Literal(keyField ? CoerceToFieldType(v, type, keyNames_[k]) : v, type));
+                sqlOutput_.Writer().Literal(keyField ? CoerceToFieldType(v, type, keyNames_[k]) : v, type));
         }
-        condition = sqlWriter_->Condition(keyNames_, keyLiterals);
+        condition = sqlOutput_.Writer().Condition(keyNames_, keyLiterals);
     }
     switch (action) {
     case iaAdd:
-        AddStatement(sqlWriter_->Insert(names, literals));
+        sqlOutput_.Add(sqlOutput_.Writer().Insert(names, literals));
         break;
     case iaUpdate:
-        AddStatement(sqlWriter_->Update(names, literals, condition));
+        sqlOutput_.Add(sqlOutput_.Writer().Update(names, literals, condition));
         break;
     case iaDelete:
-        AddStatement(sqlWriter_->Delete(condition));
+        sqlOutput_.Add(sqlOutput_.Writer().Delete(condition));
         break;
     case iaUnknown:
         break;

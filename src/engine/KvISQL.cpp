@@ -1,6 +1,7 @@
 #include "engine/KvISQL.h"
 
 #include "platform/DateUtils.h"
+#include "platform/Streams.h"
 #include "platform/SysUtils.h"
 #include "platform/Utf8.h"
 
@@ -148,6 +149,42 @@ std::string TKvISQLWriter::Delete(const std::string& condition) const {
 
 std::string TKvISQLWriter::DeleteAll() const {
     return Terminate("DELETE FROM " + Name(table_));
+}
+
+TKvISQLOutput::TKvISQLOutput() = default;
+TKvISQLOutput::~TKvISQLOutput() = default;
+
+void TKvISQLOutput::Begin(const TKvISQLOptions& options, const std::string& tableName,
+                          const std::string& fileName, bool keep, const std::vector<std::string>& prologue) {
+    writer_ = std::make_unique<TKvISQLWriter>(options, tableName);
+    pending_.clear();
+    script_.Clear();
+    keep_ = keep;
+    file_.reset();
+    if (!fileName.empty()) file_ = std::make_unique<TFileStream>(fileName, fmCreate);
+    for (const std::string& statement : prologue) Add(statement);
+}
+
+void TKvISQLOutput::Add(std::string statement) {
+    if (file_) {
+        pending_ += statement;
+        pending_ += "\r\n";
+        if (pending_.size() >= (1u << 20)) Flush();
+    }
+    if (keep_ || !file_) script_.Add(std::move(statement));
+}
+
+void TKvISQLOutput::Flush() {
+    if (!file_) return;
+    file_->WriteString(pending_);
+    pending_.clear();
+}
+
+void TKvISQLOutput::Finish() {
+    if (!writer_) return;
+    writer_.reset();
+    Flush();
+    file_.reset();
 }
 
 } // namespace kv

@@ -85,5 +85,32 @@ TEST(SQLWriter, NoValueLeavesItsQuotes) {
     EXPECT_EQ(w.Name("last name_x"), "[Last Name_X]");
 }
 
+// The output alone: the prologue first, the file written in blocks and closed at the end, and the copy in
+// memory kept or not.
+TEST(SQLOutput, FileAndMemory) {
+    test::TempDir dir;
+    const std::string file = dir.File("out.sql");
+    TKvISQLOptions options;
+    for (bool keep : {true, false}) {
+        TKvISQLOutput output;
+        output.Begin(options, "T", file, keep, {"CREATE TABLE T (A);"});
+        EXPECT_TRUE(output.Active());
+        const std::string big(700 * 1024, 'x'); // two of them pass the block size: one write before the end
+        output.Add("INSERT 1;");
+        output.Add(big);
+        output.Add(big);
+        EXPECT_GT(test::ReadFile(file).size(), 0u);
+        output.Finish();
+        EXPECT_FALSE(output.Active());
+        EXPECT_EQ(test::ReadFile(file), "CREATE TABLE T (A);\r\nINSERT 1;\r\n" + big + "\r\n" + big + "\r\n");
+        EXPECT_EQ(output.Script().Count(), keep ? 4 : 0);
+    }
+    TKvISQLOutput memoryOnly;
+    memoryOnly.Begin(options, "T", "", false, {});
+    memoryOnly.Add("DELETE FROM T;");
+    memoryOnly.Finish();
+    EXPECT_EQ(memoryOnly.Script().Count(), 1); // with no file there is nowhere else to keep it
+}
+
 } // namespace
 } // namespace kv
