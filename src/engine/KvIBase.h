@@ -4,6 +4,7 @@
 // into destination field values, proposes mappings, and saves and loads specification files.
 
 #include "datasets/DataSet.h"
+#include "engine/KvIConverter.h"
 #include "engine/KvISQL.h"
 #include "engine/KvISettings.h"
 #include "expression/KvIParams.h"
@@ -344,9 +345,6 @@ private:
                            std::exception_ptr& error);
     Variant Compute(TKvIParser& parser, std::exception_ptr error);
     std::unique_ptr<TKvIParser> MakeParser(const std::string& text, std::exception_ptr& error);
-    void ConvertForField(TField& field, Variant& value, bool isChild, TObject* sender);
-    TDateTime ReadByMask(std::string_view text, const std::string& mask,
-                         std::unique_ptr<TKvDateMask>& reader);
     /// A name in brackets or double quotes without them.
     static void UnquoteName(Variant& value);
     /// The counter a name such as STATTOTALADDED stands for; null for any other name.
@@ -364,6 +362,7 @@ private:
     bool animatedStatus_ = true;
     TKvICharacterSet characterSet_ = csiANSI_WINDOWS;
     TKvIDataFormats dataFormats_;
+    TKvIValueConverter converter_{dataFormats_};
     TDataSet* dataSet_ = nullptr;
     std::string datasetKeys_;
     TKvILoadCondition loadCondition_;
@@ -411,8 +410,6 @@ private:
     std::unique_ptr<TKvIParser> loadWhenParser_, skipIfParser_;
     std::exception_ptr loadWhenError_, skipIfError_;
     std::string runTableName_;
-    std::string dateMask_, timeMask_; ///< the masks of the current run, built at their first use
-    std::unique_ptr<TKvDateMask> dateReader_, timeReader_; ///< and read once
     std::string fieldNames_;
     bool keepSqlScript_ = true;
     std::vector<std::string> sqlPrologue_;

@@ -1,16 +1,9 @@
-// Value conversion: the evaluation handler that resolves the names of mappings and conditions (LOOKUP,
-// SUBSTITUTE, system variables, parameters, source columns) and turns source text into the type of the
-// destination field by the data formats.
+// The evaluation handler that resolves the names of mappings and conditions (LOOKUP, SUBSTITUTE, system
+// variables, parameters, source columns), trims what it resolved and hands text to the value converter.
 
 #include "engine/Impcnst.h"
 #include "engine/KvIBase.h"
-#include "engine/KvIMIME.h"
-#include "platform/DateUtils.h"
-#include "platform/Exceptions.h"
-#include "platform/Format.h"
-#include "platform/FormatSettings.h"
 #include "platform/SysUtils.h"
-#include "platform/Utf8.h"
 
 namespace kv {
 
@@ -18,10 +11,6 @@ namespace {
 
 void StripPair(std::string& s, char open, char close) {
     if (s.size() >= 2 && s.front() == open && s.back() == close) s = s.substr(1, s.size() - 2);
-}
-
-std::string CharText(char32_t c) {
-    return c ? Utf8Encode(c) : std::string();
 }
 
 // `name` is `word` (upper-case ASCII) in any case of its ASCII letters.
@@ -34,30 +23,14 @@ bool IsWord(std::string_view name, std::string_view word) {
     return true;
 }
 
-bool IsIntegerType(TFieldType t) {
-    return t == ftSmallint || t == ftInteger || t == ftWord || t == ftAutoInc || t == ftLargeint;
-}
-
 } // namespace
 
 std::string TKvImportBaseComponent::BuildTimeFormat(bool withT) const {
-    const std::string sep = CharText(dataFormats_.TimeSeparator);
-    return std::string(withT ? "T" : "") + "HH" + sep + "NN" + sep + "SS";
+    return converter_.TimeMask(withT);
 }
 
 std::string TKvImportBaseComponent::BuildDTFormat() const {
-    if (!dataFormats_.CustomDateTimeFormat.empty()) return Utf8UpperCase(dataFormats_.CustomDateTimeFormat);
-    const std::string sep = CharText(dataFormats_.DateSeparator);
-    const std::string y = dataFormats_.FourDigitYear ? "YYYY" : "YY";
-    const char* order[6][3] = {{"MM", "DD", "Y"}, {"DD", "MM", "Y"}, {"Y", "MM", "DD"},
-                               {"Y", "DD", "MM"}, {"DD", "Y", "MM"}, {"MM", "Y", "DD"}};
-    std::string date;
-    for (int i = 0; i < 3; ++i) {
-        const std::string part = order[dataFormats_.DateOrder][i];
-        if (i) date += sep;
-        date += part == "Y" ? y : part;
-    }
-    return date + " " + BuildTimeFormat(DateTimeHasT());
+    return converter_.DateTimeMask(DateTimeHasT());
 }
 
 TDataSet* TKvImportBaseComponent::FindLookupDataSet(const std::string& name) const {
@@ -185,116 +158,8 @@ void TKvImportBaseComponent::FinishValue(Variant& value, bool isChild, TObject* 
         value = Variant::Null();
         return;
     }
-    if (!isChild && convertingField_) ConvertForField(*convertingField_, value, isChild, sender);
-}
-
-namespace {
-
-// The reader of `mask`, made again only when the separators it was made with have changed.
-const TKvDateMask& MaskReader(std::unique_ptr<TKvDateMask>& reader, const std::string& mask,
-                              char32_t dateSeparator, char32_t timeSeparator) {
-    if (!reader || reader->DateSeparator() != dateSeparator || reader->TimeSeparator() != timeSeparator)
-        reader = std::make_unique<TKvDateMask>(mask, dateSeparator, timeSeparator);
-    return *reader;
-}
-
-} // namespace
-
-TDateTime TKvImportBaseComponent::ReadByMask(std::string_view text, const std::string& mask,
-                                             std::unique_ptr<TKvDateMask>& reader) {
-    return MaskReader(reader, mask, dataFormats_.DateSeparator, dataFormats_.TimeSeparator).Read(text);
-}
-
-void TKvImportBaseComponent::ConvertForField(TField& field, Variant& value, bool isChild, TObject* sender) {
     (void)sender;
-    (void)isChild; // only the whole expression's value comes here
-    const TFieldType type = field.DataType();
-    if (value.IsString()) {
-        const std::string& s = value.StringRef();
-        if (!BLOBIsMIME()) {
-            if (s.rfind("[CDATA[", 0) == 0)
-                value = Variant(s.size() >= 9 ? s.substr(7, s.size() - 9) : std::string());
-        } else if (s.rfind("[CDATA[", 0) == 0) {
-            value = Variant::FromBytes(
-                Decode64(s.size() >= 9 ? std::string_view(s).substr(7, s.size() - 9) : ""));
-        } else if (field.IsBlob()) {
-            value = Variant::FromBytes(Decode64(s));
-        }
-    }
-    if (!value.IsString()) return;
-
-    // Every branch reads the text before it replaces the value, and never after. Text that fits no value
-    // of the field's type is a row error, or stays the text it is for a destination that keeps it.
-    const std::string& text = value.StringRef();
-    const std::string_view trimmed = TrimView(text);
-    const auto unconverted = [&](const std::string& message) {
-        if (!keepUnconverted_) throw EConvertError(Format(message, text));
-    };
-    if (type == ftBoolean) {
-        if (text == dataFormats_.BooleanTrue || text == "True" || text == "1" || text == "T" || text == "Y")
-            value = Variant(true);
-        else if (text == dataFormats_.BooleanFalse || text == "False" || text == "0" || text == "F" ||
-                 text == "N")
-            value = Variant(false);
-        else if (text == "-1")
-            value = Variant::Null(); // deliberately: "-1" is no answer
-    } else if (IsIntegerType(type) || type == ftFloat || type == ftCurrency || type == ftBCD) {
-        if (trimmed.empty()) {
-            value = Variant::Null(); // blanks are no number
-            return;
-        }
-        TDecimalText format;
-        format.DecimalSeparator = dataFormats_.DecimalSeparator;
-        format.ThousandSeparator = dataFormats_.ThousandSeparator;
-        format.CurrencyString = dataFormats_.CurrencyString;
-        if (IsIntegerType(type)) {
-            int64_t n;
-            if (TryReadDecimalInt64(trimmed, n, format))
-                value = Variant::FromInt(n);
-            else
-                unconverted(strNotAnInteger);
-            return;
-        }
-        double d;
-        if (TryReadDecimalFloat(trimmed, d, format))
-            value = Variant(d);
-        else if (IsWord(trimmed, "NULL"))
-            value = Variant::Null();
-        else
-            unconverted(strNotAFloat);
-    } else if (type == ftDate || type == ftDateTime) {
-        bool onlySeparators = true;
-        for (size_t pos = 0; pos < text.size() && onlySeparators;) {
-            const char32_t c = Utf8Decode(text, pos);
-            onlySeparators = c <= U' ' || c == U'/' || c == U':' || c == dataFormats_.DateSeparator ||
-                             c == dataFormats_.TimeSeparator;
-        }
-        if (onlySeparators) {
-            value = Variant::Null();
-            return;
-        }
-        // A zone is no part of a date-time value: the text goes on whole, to be stored as it is.
-        if (trimmed.size() > 10 && IsIsoDateTimeWithZone(trimmed)) return; // a date alone has no zone
-        if (dateMask_.empty()) dateMask_ = BuildDTFormat();
-        TDateTime dt;
-        if (MaskReader(dateReader_, dateMask_, dataFormats_.DateSeparator, dataFormats_.TimeSeparator)
-                .TryRead(trimmed, dt) ||
-            TryISO8601ToDateTime(trimmed, dt))
-            value = Variant::FromDateTime(dt);
-        else
-            unconverted(strNotADate);
-    } else if (type == ftTime) {
-        if (trimmed.empty()) {
-            value = Variant::Null();
-            return;
-        }
-        if (timeMask_.empty()) timeMask_ = BuildTimeFormat(false);
-        TDateTime dt;
-        if (!MaskReader(timeReader_, timeMask_, dataFormats_.DateSeparator, dataFormats_.TimeSeparator)
-                 .TryRead(trimmed, dt))
-            dt = 0; // unreadable time text is midnight, unlike dates
-        value = Variant::FromDateTime(dt);
-    }
+    if (!isChild && convertingField_) converter_.Convert(*convertingField_, value);
 }
 
 } // namespace kv

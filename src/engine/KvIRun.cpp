@@ -146,10 +146,7 @@ void TKvImportBaseComponent::Prepare() {
 
 void TKvImportBaseComponent::RunRows() {
     ResetRunState();
-    dateMask_.clear();
-    timeMask_.clear();
-    dateReader_.reset();
-    timeReader_.reset();
+    converter_.Start(DateTimeHasT(), BLOBIsMIME(), keepUnconverted_);
     runTableName_ = GetTableName();
     if (actionKind_ == akGenerateSQL)
         sqlOutput_.Begin(sqlOptions_, runTableName_, sqlFileName_, keepSqlScript_, sqlPrologue_);

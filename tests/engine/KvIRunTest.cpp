@@ -304,7 +304,8 @@ TEST_F(Run, RowsThatCannotBeReadAreCountedWithOrWithoutAHandler) {
         std::vector<std::string> places;
         if (handler)
             imp.OnErrorEvent = [&](TObject*, const std::exception&, bool& abort) {
-                places.push_back(std::to_string(imp.ErrorPlace().Location.Record) + " " + imp.ErrorPlace().Field);
+                places.push_back(std::to_string(imp.ErrorPlace().Location.Record) + " " +
+                                 imp.ErrorPlace().Field);
                 abort = false;
             };
         imp.Execute();

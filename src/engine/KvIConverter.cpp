@@ -1,0 +1,158 @@
+#include "engine/KvIConverter.h"
+
+#include "engine/Impcnst.h"
+#include "engine/KvIMIME.h"
+#include "expression/KvIPars.h"
+#include "platform/DateUtils.h"
+#include "platform/Exceptions.h"
+#include "platform/Format.h"
+#include "platform/SysUtils.h"
+#include "platform/Utf8.h"
+
+namespace kv {
+
+namespace {
+
+std::string CharText(char32_t c) {
+    return c ? Utf8Encode(c) : std::string();
+}
+
+bool IsIntegerType(TFieldType t) {
+    return t == ftSmallint || t == ftInteger || t == ftWord || t == ftAutoInc || t == ftLargeint;
+}
+
+// The reader of `mask`, made again only when the separators it was made with have changed.
+const TKvDateMask& MaskReader(std::unique_ptr<TKvDateMask>& reader, const std::string& mask,
+                              char32_t dateSeparator, char32_t timeSeparator) {
+    if (!reader || reader->DateSeparator() != dateSeparator || reader->TimeSeparator() != timeSeparator)
+        reader = std::make_unique<TKvDateMask>(mask, dateSeparator, timeSeparator);
+    return *reader;
+}
+
+} // namespace
+
+TKvIValueConverter::TKvIValueConverter(const TKvIDataFormats& formats) : formats_(formats) {}
+
+TKvIValueConverter::~TKvIValueConverter() = default;
+
+std::string TKvIValueConverter::TimeMask(bool withT) const {
+    const std::string sep = CharText(formats_.TimeSeparator);
+    return std::string(withT ? "T" : "") + "HH" + sep + "NN" + sep + "SS";
+}
+
+std::string TKvIValueConverter::DateTimeMask(bool withT) const {
+    if (!formats_.CustomDateTimeFormat.empty()) return Utf8UpperCase(formats_.CustomDateTimeFormat);
+    const std::string sep = CharText(formats_.DateSeparator);
+    const std::string y = formats_.FourDigitYear ? "YYYY" : "YY";
+    const char* order[6][3] = {{"MM", "DD", "Y"}, {"DD", "MM", "Y"}, {"Y", "MM", "DD"},
+                               {"Y", "DD", "MM"}, {"DD", "Y", "MM"}, {"MM", "Y", "DD"}};
+    std::string date;
+    for (int i = 0; i < 3; ++i) {
+        const std::string part = order[formats_.DateOrder][i];
+        if (i) date += sep;
+        date += part == "Y" ? y : part;
+    }
+    return date + " " + TimeMask(withT);
+}
+
+void TKvIValueConverter::Start(bool withT, bool mime, bool keepUnconverted) {
+    withT_ = withT;
+    mime_ = mime;
+    keepUnconverted_ = keepUnconverted;
+    dateMask_.clear();
+    timeMask_.clear();
+    dateReader_.reset();
+    timeReader_.reset();
+}
+
+void TKvIValueConverter::Convert(const TField& field, Variant& value) {
+    const TFieldType type = field.DataType();
+    if (value.IsString()) {
+        const std::string& s = value.StringRef();
+        if (!mime_) {
+            if (s.rfind("[CDATA[", 0) == 0)
+                value = Variant(s.size() >= 9 ? s.substr(7, s.size() - 9) : std::string());
+        } else if (s.rfind("[CDATA[", 0) == 0) {
+            value = Variant::FromBytes(
+                Decode64(s.size() >= 9 ? std::string_view(s).substr(7, s.size() - 9) : ""));
+        } else if (field.IsBlob()) {
+            value = Variant::FromBytes(Decode64(s));
+        }
+    }
+    if (!value.IsString()) return;
+
+    // Every branch reads the text before it replaces the value, and never after. Text that fits no value
+    // of the field's type is a row error, or stays the text it is for a destination that keeps it.
+    const std::string& text = value.StringRef();
+    const std::string_view trimmed = TrimView(text);
+    const auto unconverted = [&](const std::string& message) {
+        if (!keepUnconverted_) throw EConvertError(Format(message, text));
+    };
+    if (type == ftBoolean) {
+        if (text == formats_.BooleanTrue || text == "True" || text == "1" || text == "T" || text == "Y")
+            value = Variant(true);
+        else if (text == formats_.BooleanFalse || text == "False" || text == "0" || text == "F" ||
+                 text == "N")
+            value = Variant(false);
+        else if (text == "-1")
+            value = Variant::Null(); // deliberately: "-1" is no answer
+    } else if (IsIntegerType(type) || type == ftFloat || type == ftCurrency || type == ftBCD) {
+        if (trimmed.empty()) {
+            value = Variant::Null(); // blanks are no number
+            return;
+        }
+        TDecimalText format;
+        format.DecimalSeparator = formats_.DecimalSeparator;
+        format.ThousandSeparator = formats_.ThousandSeparator;
+        format.CurrencyString = formats_.CurrencyString;
+        if (IsIntegerType(type)) {
+            int64_t n;
+            if (TryReadDecimalInt64(trimmed, n, format))
+                value = Variant::FromInt(n);
+            else
+                unconverted(strNotAnInteger);
+            return;
+        }
+        double d;
+        if (TryReadDecimalFloat(trimmed, d, format))
+            value = Variant(d);
+        else if (SameText(trimmed, "NULL"))
+            value = Variant::Null();
+        else
+            unconverted(strNotAFloat);
+    } else if (type == ftDate || type == ftDateTime) {
+        bool onlySeparators = true;
+        for (size_t pos = 0; pos < text.size() && onlySeparators;) {
+            const char32_t c = Utf8Decode(text, pos);
+            onlySeparators = c <= U' ' || c == U'/' || c == U':' || c == formats_.DateSeparator ||
+                             c == formats_.TimeSeparator;
+        }
+        if (onlySeparators) {
+            value = Variant::Null();
+            return;
+        }
+        // A zone is no part of a date-time value: the text goes on whole, to be stored as it is.
+        if (trimmed.size() > 10 && IsIsoDateTimeWithZone(trimmed)) return; // a date alone has no zone
+        if (dateMask_.empty()) dateMask_ = DateTimeMask(withT_);
+        TDateTime dt;
+        if (MaskReader(dateReader_, dateMask_, formats_.DateSeparator, formats_.TimeSeparator)
+                .TryRead(trimmed, dt) ||
+            TryISO8601ToDateTime(trimmed, dt))
+            value = Variant::FromDateTime(dt);
+        else
+            unconverted(strNotADate);
+    } else if (type == ftTime) {
+        if (trimmed.empty()) {
+            value = Variant::Null();
+            return;
+        }
+        if (timeMask_.empty()) timeMask_ = TimeMask(false);
+        TDateTime dt;
+        if (!MaskReader(timeReader_, timeMask_, formats_.DateSeparator, formats_.TimeSeparator)
+                 .TryRead(trimmed, dt))
+            dt = 0; // unreadable time text is midnight, unlike dates
+        value = Variant::FromDateTime(dt);
+    }
+}
+
+} // namespace kv

@@ -1,0 +1,44 @@
+#pragma once
+// TKvIValueConverter: reads source text into the type of a destination field by the import's data
+// formats: booleans by their texts, numbers in decimal only, dates and times by the masks the formats
+// make (built once per run), BLOB content from CDATA or base64. Text that fits no value of the field's
+// type is a row error, or stays the text it is for a destination that keeps any value.
+
+#include "datasets/DataSet.h"
+#include "engine/KvISettings.h"
+
+#include <memory>
+#include <string>
+
+namespace kv {
+
+class TKvDateMask;
+
+class TKvIValueConverter {
+public:
+    /// Reads by `formats`, which the converter does not own and reads at every conversion.
+    explicit TKvIValueConverter(const TKvIDataFormats& formats);
+    ~TKvIValueConverter();
+
+    /// The mask dates and date-times are read by ("DD/MM/YYYY HH:NN:SS"), the custom format when one is
+    /// set; `withT` puts a "T" before the time.
+    std::string DateTimeMask(bool withT) const;
+    /// The mask times are read by ("HH:NN:SS", "THH:NN:SS").
+    std::string TimeMask(bool withT) const;
+
+    /// Starts a run: the masks are built again at their first use. `withT`: the source's date-times
+    /// carry a "T"; `mime`: its texts are base64 (BLOBIsMIME); `keepUnconverted`: text that fits no value
+    /// of its field's type is left as it is instead of raising.
+    void Start(bool withT, bool mime, bool keepUnconverted);
+    /// Converts `value` for `field` when it is text; other values pass unchanged. Raises EConvertError
+    /// ("'x7' is not a valid integer value") for text that fits no value of the field's type.
+    void Convert(const TField& field, Variant& value);
+
+private:
+    const TKvIDataFormats& formats_;
+    bool withT_ = false, mime_ = false, keepUnconverted_ = false;
+    std::string dateMask_, timeMask_;                      ///< the masks of the run, built at first use
+    std::unique_ptr<TKvDateMask> dateReader_, timeReader_; ///< and read once
+};
+
+} // namespace kv
