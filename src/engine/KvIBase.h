@@ -5,6 +5,7 @@
 
 #include "datasets/DataSet.h"
 #include "engine/KvIConverter.h"
+#include "engine/KvIMappingTable.h"
 #include "engine/KvISQL.h"
 #include "engine/KvISettings.h"
 #include "expression/KvIParams.h"
@@ -316,21 +317,8 @@ protected:
     char32_t TextQualifierChar() const { return textQualifierCustom_; }
     bool Canceled() const { return canceled_; }
 
-    /// One line of the mapping, as the run uses it.
-    struct TKvIMapEntry {
-        std::string FieldName;              ///< destination field
-        int FieldIndex = -1;                ///< its index in the destination, -1 when unknown
-        std::string Source;                 ///< source column reference or expression
-        std::unique_ptr<TKvIParser> Parser; ///< the source side parsed once per run
-        std::exception_ptr ParseError;      ///< raised again for every row when the text does not parse
-        Variant SourceValue;                ///< Source as the value handed to GetParsedValue
-        bool HostName = false;              ///< the source side is one name the handler resolves
-        bool WholeReference = false;        ///< a text source's "Text..." reference, resolved as one name
-        std::string Name;                   ///< that name
-        Variant NameValue;                  ///< the name as the handler hands it to GetFieldValue
-        bool PlainColumn = false;           ///< a host name that is no counter: a source column or parameter
-    };
-    const std::vector<TKvIMapEntry>& Intersection() const { return intersection_; }
+    /// The mapping lines of the run.
+    const TKvIMappingTable& Intersection() const { return mappingTable_; }
     const std::vector<Variant>& RowValues() const { return rowValues_; }
 
 private:
@@ -345,8 +333,6 @@ private:
                            std::exception_ptr& error);
     Variant Compute(TKvIParser& parser, std::exception_ptr error);
     std::unique_ptr<TKvIParser> MakeParser(const std::string& text, std::exception_ptr& error);
-    /// A name in brackets or double quotes without them.
-    static void UnquoteName(Variant& value);
     /// The counter a name such as STATTOTALADDED stands for; null for any other name.
     const int* StatisticCounter(std::string_view name) const;
     /// What the handler does with every value it resolved: trimming, empty texts to Null, the field's type.
@@ -401,16 +387,13 @@ private:
     bool canceled_ = false;
     bool inTransaction_ = false;
     std::string lastMessage_;
-    std::vector<TKvIMapEntry> intersection_;
+    TKvIMappingTable mappingTable_;
     std::vector<Variant> rowValues_;
-    std::vector<std::string> keyNames_;
-    std::vector<int> keyPositions_;
     std::vector<Variant> keyValues_;
     TField* convertingField_ = nullptr;
     std::unique_ptr<TKvIParser> loadWhenParser_, skipIfParser_;
     std::exception_ptr loadWhenError_, skipIfError_;
     std::string runTableName_;
-    std::string fieldNames_;
     bool keepSqlScript_ = true;
     std::vector<std::string> sqlPrologue_;
     TKvISQLOutput sqlOutput_;

@@ -64,23 +64,11 @@ Variant TKvImportBaseComponent::LookupValue(const std::vector<Variant>& args) {
     return table->FieldByName(returnField).Value();
 }
 
-void TKvImportBaseComponent::UnquoteName(Variant& value) {
-    if (value.IsString() && value.StringRef().size() >= 2) {
-        const std::string& s = value.StringRef();
-        if ((s.front() == '[' && s.back() == ']') || (s.front() == '"' && s.back() == '"')) {
-            std::string stripped = s;
-            StripPair(stripped, '[', ']');
-            StripPair(stripped, '"', '"');
-            value = Variant(std::move(stripped));
-        }
-    }
-}
-
 void TKvImportBaseComponent::ParserEvaluate(TObject* sender, const std::string& eval,
                                             const std::vector<Variant>& args, int argCount, bool isChild,
                                             Variant& value, bool& done) {
     done = argCount == 0;
-    UnquoteName(value);
+    TKvIMappingTable::UnquoteName(value);
     // Only names starting with L or S are the handler's own; the rest skip the comparisons.
     const char first = eval.empty() ? '\0' : static_cast<char>(eval[0] & ~0x20);
     bool own = first == 'L' || first == 'S';

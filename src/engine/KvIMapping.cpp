@@ -70,9 +70,7 @@ void TKvImportBaseComponent::Columns2Mapping() {
 }
 
 int TKvImportBaseComponent::GetFieldItem(const std::string& name) const {
-    for (size_t i = 0; i < intersection_.size(); ++i)
-        if (SameText(intersection_[i].FieldName, name)) return static_cast<int>(i);
-    return -1;
+    return mappingTable_.FieldItem(name);
 }
 
 void TKvImportBaseComponent::BuildFieldMapping() {
@@ -81,25 +79,11 @@ void TKvImportBaseComponent::BuildFieldMapping() {
 }
 
 void TKvImportBaseComponent::FillKey4Locate() {
-    keyNames_.clear();
-    size_t start = 0;
-    while (start <= datasetKeys_.size()) {
-        size_t end = datasetKeys_.find(';', start);
-        if (end == std::string::npos) end = datasetKeys_.size();
-        std::string name = Trim(std::string_view(datasetKeys_).substr(start, end - start));
-        if (!name.empty()) keyNames_.push_back(std::move(name));
-        start = end + 1;
-    }
-    keyPositions_.assign(keyNames_.size(), -1);
+    mappingTable_.SetKeys(datasetKeys_);
 }
 
 void TKvImportBaseComponent::FillKey4Values() {
-    keyValues_.assign(keyNames_.size(), Variant::Null());
-    for (size_t k = 0; k < keyNames_.size(); ++k) {
-        const int position = k < keyPositions_.size() ? keyPositions_[k] : -1;
-        if (position >= 0 && static_cast<size_t>(position) < rowValues_.size())
-            keyValues_[k] = rowValues_[static_cast<size_t>(position)];
-    }
+    mappingTable_.KeyValues(rowValues_, keyValues_);
 }
 
 std::unique_ptr<TKvIParser> TKvImportBaseComponent::MakeParser(const std::string& text,
@@ -126,41 +110,20 @@ Variant TKvImportBaseComponent::Compute(TKvIParser& parser, std::exception_ptr e
 }
 
 void TKvImportBaseComponent::BuildArrayIntersection() {
-    intersection_.clear();
-    fieldNames_.clear();
-    for (int i = 0; i < mappings_.Count(); ++i) {
-        const std::string& line = mappings_[i];
-        const size_t eq = line.find('=');
-        if (eq == std::string::npos) continue;
-        TKvIMapEntry entry;
-        entry.FieldName = Trim(std::string_view(line).substr(0, eq));
-        entry.Source = line.substr(eq + 1);
-        // A line without a source side names a field that receives nothing.
-        if (entry.FieldName.empty() || TrimView(entry.Source).empty()) continue;
-        if (TField* field = dataSet_ ? dataSet_->FindField(entry.FieldName) : nullptr)
-            entry.FieldIndex = field->Index();
-        entry.Parser = MakeParser(entry.Source, entry.ParseError);
-        entry.SourceValue = Variant(entry.Source);
-        entry.WholeReference = IsWholeReference(entry.Source);
-        if (!entry.ParseError && entry.Parser->Tree())
-            entry.HostName = entry.Parser->Tree()->IsHostName(entry.Name);
-        if (entry.HostName) {
-            entry.NameValue = Variant(entry.Name);
-            UnquoteName(entry.NameValue);
-            // A user function's name is computed by the function, not read from the source, unless the
-            // source has a column of that name.
-            entry.PlainColumn =
-                !StatisticCounter(entry.Name) &&
-                (!lstKvIRegFunctions.FunctionByName(entry.Name) || HasSourceColumn(entry.Name));
-        }
-        if (!fieldNames_.empty()) fieldNames_ += ';';
-        fieldNames_ += entry.FieldName;
-        intersection_.push_back(std::move(entry));
-    }
-    for (size_t k = 0; k < keyNames_.size(); ++k) keyPositions_[k] = GetFieldItem(keyNames_[k]);
+    TKvIMappingHooks hooks;
+    hooks.MakeParser = [this](const std::string& text, std::exception_ptr& error) {
+        return MakeParser(text, error);
+    };
+    hooks.IsWholeReference = [this](std::string_view source) { return IsWholeReference(source); };
+    // A user function's name is computed by the function, not read from the source, unless the source has a
+    // column of that name.
+    hooks.IsPlainColumn = [this](const std::string& name) {
+        return !StatisticCounter(name) && (!lstKvIRegFunctions.FunctionByName(name) || HasSourceColumn(name));
+    };
+    mappingTable_.Build(mappings_, dataSet_, hooks);
     loadWhenParser_.reset();
     skipIfParser_.reset();
-    rowValues_.assign(intersection_.size(), Variant::Null());
+    rowValues_.assign(mappingTable_.Count(), Variant::Null());
 }
 
 Variant TKvImportBaseComponent::GetParsedValue(const Variant& value, int index) {
@@ -168,10 +131,10 @@ Variant TKvImportBaseComponent::GetParsedValue(const Variant& value, int index) 
     const std::string& text = value.IsString() ? value.StringRef() : (converted = value.AsString());
     // A mapping entry's own text was looked at once, when the entry was made.
     const bool ownText =
-        index >= 0 && static_cast<size_t>(index) < intersection_.size() &&
-        text.data() == intersection_[static_cast<size_t>(index)].SourceValue.StringRef().data();
+        index >= 0 && static_cast<size_t>(index) < mappingTable_.Count() &&
+        text.data() == mappingTable_[static_cast<size_t>(index)].SourceValue.StringRef().data();
     const bool wholeReference =
-        ownText ? intersection_[static_cast<size_t>(index)].WholeReference : IsWholeReference(text);
+        ownText ? mappingTable_[static_cast<size_t>(index)].WholeReference : IsWholeReference(text);
     if (wholeReference) {
         // "Text1-10" is a column reference, not a subtraction: resolve it as one name.
         Variant v(text);
@@ -179,8 +142,8 @@ Variant TKvImportBaseComponent::GetParsedValue(const Variant& value, int index) 
         ParserEvaluate(this, text, {}, 0, false, v, done);
         return v;
     }
-    if (index >= 0 && static_cast<size_t>(index) < intersection_.size()) {
-        TKvIMapEntry& entry = intersection_[static_cast<size_t>(index)];
+    if (index >= 0 && static_cast<size_t>(index) < mappingTable_.Count()) {
+        TKvIMapEntry& entry = mappingTable_[static_cast<size_t>(index)];
         const bool same = ownText || text == entry.Source;
         if (same && entry.PlainColumn && !OnParserEvaluate && !OnParsedValue &&
             !parameters_.ParamByName(entry.Name)) {

@@ -326,8 +326,8 @@ void TKvImportBaseComponent::ApplyRow() {
     const bool editing = dataSet_->State() == dsEdit || dataSet_->State() == dsInsert;
     std::vector<std::string> names, literals;
     if (apply ? editing : true) {
-        for (size_t i = 0; i < intersection_.size(); ++i) {
-            const TKvIMapEntry& entry = intersection_[i];
+        for (size_t i = 0; i < mappingTable_.Count(); ++i) {
+            const TKvIMapEntry& entry = mappingTable_[i];
             TField* field = entry.FieldIndex >= 0 ? &dataSet_->Fields(entry.FieldIndex)
                                                   : dataSet_->FindField(entry.FieldName);
             if (!field) continue;
@@ -356,15 +356,16 @@ void TKvImportBaseComponent::ApplyRow() {
     }
     std::string condition;
     if (action == iaUpdate || action == iaDelete) {
+        const std::vector<std::string>& keys = mappingTable_.KeyNames();
         std::vector<std::string> keyLiterals;
-        for (size_t k = 0; k < keyNames_.size(); ++k) {
-            TField* keyField = dataSet_->FindField(keyNames_[k]);
+        for (size_t k = 0; k < keys.size(); ++k) {
+            TField* keyField = dataSet_->FindField(keys[k]);
             const TFieldType type = keyField ? keyField->DataType() : ftUnknown;
             const Variant& v = k < keyValues_.size() ? keyValues_[k] : Variant::Null();
             keyLiterals.push_back(
-                sqlOutput_.Writer().Literal(keyField ? CoerceToFieldType(v, type, keyNames_[k]) : v, type));
+                sqlOutput_.Writer().Literal(keyField ? CoerceToFieldType(v, type, keys[k]) : v, type));
         }
-        condition = sqlOutput_.Writer().Condition(keyNames_, keyLiterals);
+        condition = sqlOutput_.Writer().Condition(keys, keyLiterals);
     }
     switch (action) {
     case iaAdd:
@@ -414,9 +415,9 @@ void TKvImportBaseComponent::StoreValue(TField& field, Variant& value) {
 
 bool TKvImportBaseComponent::LoadRecord() {
     bool result = true;
-    rowValues_.resize(intersection_.size());
-    for (size_t i = 0; i < intersection_.size(); ++i) {
-        const TKvIMapEntry& entry = intersection_[i];
+    rowValues_.resize(mappingTable_.Count());
+    for (size_t i = 0; i < mappingTable_.Count(); ++i) {
+        const TKvIMapEntry& entry = mappingTable_[i];
         TField* field = entry.FieldIndex >= 0 ? &dataSet_->Fields(entry.FieldIndex)
                                               : dataSet_->FindField(entry.FieldName);
         convertingField_ = field;
@@ -453,7 +454,8 @@ bool TKvImportBaseComponent::LoadRecord() {
             }
         }
     }
-    if (OnBeforeRecordEvent) OnBeforeRecordEvent(this, fieldNames_, Variant::FromArray(rowValues_), result);
+    if (OnBeforeRecordEvent)
+        OnBeforeRecordEvent(this, mappingTable_.FieldNames(), Variant::FromArray(rowValues_), result);
     if (result && (IsKeyedMode(mode_) || OnGetRowMode)) FillKey4Values();
     return result;
 }
