@@ -52,19 +52,4 @@ std::string TranslateStrftimePattern(std::string_view pattern);
 /// The process-wide settings every conversion without explicit settings uses.
 extern TFormatSettings DefaultFormatSettings;
 
-/// Replaces DefaultFormatSettings.DecimalSeparator for its own lifetime: the number conversion of one value
-/// reads with the import's separator and restores the regional one whatever happens.
-class TDecimalSeparatorSwap {
-public:
-    explicit TDecimalSeparatorSwap(char32_t separator) : saved_(DefaultFormatSettings.DecimalSeparator) {
-        DefaultFormatSettings.DecimalSeparator = separator;
-    }
-    ~TDecimalSeparatorSwap() { DefaultFormatSettings.DecimalSeparator = saved_; }
-    TDecimalSeparatorSwap(const TDecimalSeparatorSwap&) = delete;
-    TDecimalSeparatorSwap& operator=(const TDecimalSeparatorSwap&) = delete;
-
-private:
-    char32_t saved_;
-};
-
 } // namespace kv

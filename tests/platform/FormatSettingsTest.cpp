@@ -35,16 +35,5 @@ TEST(FormatSettings, PlainCLocaleGivesTheInvariantSettings) {
     }
 }
 
-TEST(FormatSettings, DecimalSeparatorSwapIsRestored) {
-    const char32_t before = DefaultFormatSettings.DecimalSeparator;
-    try {
-        TDecimalSeparatorSwap swap(U',');
-        EXPECT_EQ(DefaultFormatSettings.DecimalSeparator, U',');
-        throw 1;
-    } catch (int) {
-    }
-    EXPECT_EQ(DefaultFormatSettings.DecimalSeparator, before);
-}
-
 } // namespace
 } // namespace kv
