@@ -1,0 +1,56 @@
+// How the test of real files reads tests/data/text.
+
+#include "readers/text/KvTextFields.h"
+#include "readers/text/KvTextFile.h"
+#include "support/DataFiles.h"
+
+#include <filesystem>
+
+namespace kv::test {
+
+namespace {
+
+const char* EncodingName(TTextEncoding encoding) {
+    switch (encoding) {
+    case encUtf8:
+        return "UTF-8";
+    case encUtf8Bom:
+        return "UTF-8 with BOM";
+    case encUtf16LE:
+        return "UTF-16LE";
+    case encUtf16BE:
+        return "UTF-16BE";
+    case encAnsi:
+        return "Windows-1252";
+    case encUtf8Mixed:
+        return "UTF-8 with stray Windows-1252 bytes";
+    }
+    return "?";
+}
+
+} // namespace
+
+std::string DumpTextFile(const std::string& path) {
+    TKvTextFile file;
+    std::string extension = std::filesystem::path(path).extension().string();
+    for (char& ch : extension) ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
+    if (extension == ".csv") file.Settings().FieldDelimiter = U',';
+    file.Open(path);
+
+    TKvTextFields fields;
+    fields.SetDelimiter(file.Settings().FieldDelimiter);
+    fields.SetQualifier(file.Settings().TextQualifier);
+    std::string out = "encoding: " + std::string(EncodingName(file.Encoding())) + "\n";
+    for (int64_t row = 0; row < file.RowCount(); ++row) {
+        fields.SetLine(file.Row(row));
+        out += std::to_string(file.LineNumber(row)) + ":";
+        for (int i = 1; i <= fields.Count(); ++i)
+            out += (i == 1 ? " " : "|") + DumpEscape(fields.FieldValue(i));
+        out += "\n";
+    }
+    for (const auto& warning : file.Warnings())
+        out += "warning line " + std::to_string(warning.Line) + ": " + warning.Message + "\n";
+    return out;
+}
+
+} // namespace kv::test
