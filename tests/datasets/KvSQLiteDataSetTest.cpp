@@ -368,6 +368,37 @@ TEST_F(SQLiteTest, RollbackLeavesEarlierCommitsWhole) {
     db.Commit();
 }
 
+TEST_F(SQLiteTest, CreatedTablesUseTheTypeNamesTheCommandLineWrites) {
+    const std::pair<TFieldType, const char*> names[] = {
+        {ftInteger, "INTEGER"}, {ftLargeint, "INTEGER"}, {ftSmallint, "INTEGER"},  {ftAutoInc, "INTEGER"},
+        {ftFloat, "REAL"},      {ftBCD, "REAL"},         {ftCurrency, "REAL"},     {ftBoolean, "BOOLEAN"},
+        {ftDate, "DATE"},       {ftTime, "TIME"},        {ftDateTime, "DATETIME"}, {ftString, "TEXT"},
+        {ftMemo, "TEXT"},       {ftWideString, "TEXT"},  {ftBlob, "BLOB"},         {ftGraphic, "BLOB"},
+        {ftBytes, "BLOB"},      {ftVariant, ""}};
+    const TKvDatabase& base = db;
+    for (const auto& [type, name] : names) EXPECT_EQ(base.TypeName(type), name) << FieldTypeName(type);
+
+    EXPECT_EQ(base.QuoteIdentifier("a\"b]c"), "\"a\"\"b]c\"");
+    EXPECT_EQ(base.QuoteIdentifier("x"), TKvSQLiteDatabase::QuoteIdentifier("x"));
+    TFieldDef name;
+    name.Name = "Name";
+    name.Required = true;
+    TFieldDef id = name, second = name, any = name;
+    id.Name = "ID";
+    id.DataType = second.DataType = ftAutoInc;
+    second.Name = "Other";
+    second.Required = false;
+    any.Name = "Any";
+    any.DataType = ftVariant;
+    any.Required = false;
+    EXPECT_EQ(db.CreateTable("t", {id, name, second, any}),
+              "CREATE TABLE \"t\" (\"ID\" INTEGER PRIMARY KEY, \"Name\" TEXT NOT NULL, \"Other\" INTEGER, "
+              "\"Any\")");
+    auto ds = Table("t");
+    EXPECT_EQ(ds->FieldByName("Other").DataType(), ftInteger); // one key numbers the rows
+    EXPECT_EQ(ds->FieldByName("Any").DataType(), ftVariant);
+}
+
 TEST_F(SQLiteTest, OpenFailuresAreClearErrors) {
     test::WriteFile(dir.File("notes.txt"), std::string(4096, 'x'));
     TKvSQLiteDatabase bad;
