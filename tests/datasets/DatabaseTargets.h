@@ -8,6 +8,7 @@
 #include <functional>
 #include <ostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kv::test {
@@ -39,33 +40,19 @@ inline TFieldDef Field(const std::string& name, TFieldType type, bool required =
 /// The kind of value a field type holds ("integer", "text", ...): a database may declare a field of
 /// another type of the same kind (a BIGINT read back as an INTEGER), never of another kind.
 inline std::string KindOf(TFieldType type) {
-    switch (type) {
-    case ftSmallint:
-    case ftInteger:
-    case ftWord:
-    case ftAutoInc:
-    case ftLargeint:
-        return "integer";
-    case ftFloat:
-    case ftCurrency:
-    case ftBCD:
-    case ftFMTBcd:
-        return "number";
-    case ftBoolean:
-        return "boolean";
-    case ftDate:
-        return "date";
-    case ftTime:
-        return "time";
-    case ftDateTime:
-    case ftTimeStamp:
-        return "date-time";
-    case ftBytes:
-    case ftVarBytes:
-        return "bytes";
-    default:
-        return IsTextType(type) ? "text" : IsBlobType(type) ? "bytes" : FieldTypeName(type);
-    }
+    static const std::pair<const char*, std::vector<TFieldType>> kinds[] = {
+        {"integer", {ftSmallint, ftInteger, ftWord, ftAutoInc, ftLargeint}},
+        {"number", {ftFloat, ftCurrency, ftBCD, ftFMTBcd}},
+        {"boolean", {ftBoolean}},
+        {"date", {ftDate}},
+        {"time", {ftTime}},
+        {"date-time", {ftDateTime, ftTimeStamp}},
+        {"text", {ftString, ftFixedChar, ftWideString, ftFixedWideChar, ftMemo, ftFmtMemo, ftWideMemo}},
+        {"bytes", {ftBytes, ftVarBytes, ftBlob, ftGraphic, ftTypedBinary}}};
+    for (const auto& [kind, types] : kinds)
+        for (TFieldType member : types)
+            if (member == type) return kind;
+    return FieldTypeName(type);
 }
 
 inline void PrintTo(const DatabaseTarget& target, std::ostream* out) {
