@@ -182,9 +182,12 @@ void TField::SetValueAsItStands(Variant value) {
 
 void TField::Store(Variant& value, bool convert) {
     TDataSet& ds = *dataSet_;
-    if (ds.state_ != dsEdit && ds.state_ != dsInsert)
-        throw EDatabaseError(ds.Name().empty() ? "Dataset not in edit or insert mode"
-                                               : ds.Name() + ": Dataset not in edit or insert mode");
+    const auto fail = [&ds](const std::string& message) {
+        throw EDatabaseError(ds.Name().empty() ? message : ds.Name() + ": " + message);
+    };
+    if (ds.state_ != dsEdit && ds.state_ != dsInsert) fail("Dataset not in edit or insert mode");
+    // Refused here, not when posting, so that every dataset refuses alike and names the field.
+    if (def_.ReadOnly) fail("Field '" + def_.Name + "' cannot be modified");
     if (convert) CoerceToFieldTypeInPlace(value, def_.DataType, def_.Name);
     ds.buffer_[static_cast<size_t>(index_)] = std::move(value);
     ds.assigned_[static_cast<size_t>(index_)] = 1;

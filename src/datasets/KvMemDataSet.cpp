@@ -6,6 +6,23 @@
 
 namespace kv {
 
+namespace {
+
+// Numbers the auto-increment fields of `row` left Null, going on from `last`; the largest number then
+// in use.
+int64_t NumberRow(std::vector<Variant>& row, const std::vector<TFieldDef>& defs, int64_t last) {
+    for (size_t i = 0; i < row.size(); ++i) {
+        if (defs[i].DataType != ftAutoInc) continue;
+        if (row[i].IsNullOrEmpty())
+            row[i] = Variant::FromInt(++last);
+        else
+            last = std::max(last, row[i].AsInt64());
+    }
+    return last;
+}
+
+} // namespace
+
 TKvMemDataSet::TKvMemDataSet(TComponent* owner) : TDataSet(owner) {}
 
 TKvMemDataSet::~TKvMemDataSet() {
@@ -38,13 +55,7 @@ void TKvMemDataSet::AppendRecord(const std::vector<Variant>& values) {
     std::vector<Variant> row(fieldDefs_.size(), Variant::Null());
     for (size_t i = 0; i < row.size() && i < values.size(); ++i)
         row[i] = CoerceToFieldType(values[i], fieldDefs_[i].DataType, fieldDefs_[i].Name);
-    for (size_t i = 0; i < row.size(); ++i) {
-        if (fieldDefs_[i].DataType != ftAutoInc) continue;
-        if (row[i].IsNull())
-            row[i] = Variant::FromInt(++lastAutoInc_);
-        else
-            lastAutoInc_ = std::max(lastAutoInc_, row[i].AsInt64());
-    }
+    lastAutoInc_ = NumberRow(row, fieldDefs_, lastAutoInc_);
     rows_.push_back(std::move(row));
 }
 
@@ -116,14 +127,7 @@ void TKvMemDataSet::InternalPost(bool inserting, const std::vector<Variant>& val
     if (inserting) {
         std::vector<Variant> row = values;
         row.resize(openDefs_.size(), Variant::Null());
-        int64_t autoInc = lastAutoInc_;
-        for (size_t i = 0; i < row.size(); ++i) {
-            if (openDefs_[i].DataType != ftAutoInc) continue;
-            if (row[i].IsNullOrEmpty())
-                row[i] = Variant::FromInt(++autoInc);
-            else
-                autoInc = std::max(autoInc, row[i].AsInt64());
-        }
+        const int64_t autoInc = NumberRow(row, openDefs_, lastAutoInc_);
         CheckRequired(row, nullptr);
         lastAutoInc_ = autoInc; // only once the row is sure to be stored
         rows_.push_back(std::move(row));

@@ -196,7 +196,7 @@ Variant ColumnValue(sqlite3_stmt* statement, int column, TFieldType type) {
 
 // ---- TKvSQLiteDatabase ----
 
-TKvSQLiteDatabase::TKvSQLiteDatabase(TComponent* owner) : TComponent(owner) {}
+TKvSQLiteDatabase::TKvSQLiteDatabase(TComponent* owner) : TKvDatabase(owner) {}
 
 TKvSQLiteDatabase::~TKvSQLiteDatabase() {
     Close();
@@ -324,6 +324,53 @@ std::string TKvSQLiteDatabase::QuoteIdentifier(std::string_view name) {
         if (c == '"') quoted += '"';
     }
     return quoted + '"';
+}
+
+std::string TKvSQLiteDatabase::Description() const {
+    if (fileName_.empty() || fileName_ == ":memory:") return "SQLite database in memory";
+    return "SQLite database \"" + fileName_ + "\"";
+}
+
+std::string TKvSQLiteDatabase::TypeName(TFieldType type) const {
+    // Integers of every size are INTEGER (SQLite keeps 64 bits whatever the declaration says), decimals
+    // REAL, so that the names stay those the command line has always written.
+    switch (type) {
+    case ftSmallint:
+    case ftInteger:
+    case ftWord:
+    case ftAutoInc:
+    case ftLargeint:
+        return "INTEGER";
+    case ftFloat:
+    case ftCurrency:
+    case ftBCD:
+    case ftFMTBcd:
+        return "REAL";
+    case ftBoolean:
+        return "BOOLEAN";
+    case ftDate:
+        return "DATE";
+    case ftTime:
+        return "TIME";
+    case ftDateTime:
+    case ftTimeStamp:
+        return "DATETIME";
+    case ftVariant:
+        return "";
+    default:
+        if (IsTextType(type)) return "TEXT";
+        if (IsBlobType(type) || type == ftBytes || type == ftVarBytes) return "BLOB";
+        throw EDatabaseError(std::string("No column type holds fields of type ") + FieldTypeName(type));
+    }
+}
+
+TDataSet* TKvSQLiteDatabase::OpenDataSet(const std::string& table, TComponent* owner) {
+    auto dataSet = std::make_unique<TKvSQLiteDataSet>();
+    dataSet->SetDatabase(this);
+    dataSet->SetTableName(table);
+    dataSet->Open();
+    if (owner) owner->InsertComponent(dataSet.get());
+    return dataSet.release();
 }
 
 // ---- TKvSQLiteDataSet ----

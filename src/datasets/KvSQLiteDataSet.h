@@ -1,5 +1,6 @@
 #pragma once
-// TKvSQLiteDatabase, a connection to one SQLite file, and TKvSQLiteDataSet, one table of it as a TDataSet.
+// TKvSQLiteDatabase, a connection to one SQLite file (the TKvDatabase of SQLite destinations), and
+// TKvSQLiteDataSet, one table of it as a TDataSet.
 //
 // The dataset walks a table in rowid order, fetching a window of rows per query, so that neither memory nor
 // open statements grow with the table and no statement stays pending between calls (the application may
@@ -9,7 +10,7 @@
 // Views and tables WITHOUT ROWID have no stable row address: they are read forward through one
 // statement (Locate scans from the start) and refuse every write.
 
-#include "datasets/DataSet.h"
+#include "datasets/KvDatabase.h"
 
 #include <cstdint>
 #include <deque>
@@ -34,7 +35,7 @@ using TSQLiteStatement = std::unique_ptr<sqlite3_stmt, TSQLiteStatementFinalizer
 class TKvSQLiteDataSet;
 
 /// A connection to an SQLite database file. Closing it (or destroying it) closes the datasets that use it.
-class TKvSQLiteDatabase : public TComponent {
+class TKvSQLiteDatabase : public TKvDatabase {
 public:
     explicit TKvSQLiteDatabase(TComponent* owner = nullptr);
     ~TKvSQLiteDatabase() override;
@@ -48,19 +49,27 @@ public:
     int BusyTimeout() const { return busyTimeout_; }
     void SetBusyTimeout(int milliseconds);
 
+    /// "SQLite database \"file\"", or "SQLite database in memory".
+    std::string Description() const override;
+
     /// Runs one or more statements that return no rows.
-    void Execute(const std::string& sql);
+    void Execute(const std::string& sql) override;
     /// A prepared statement; `persistent` hints that it will be reused many times.
     TSQLiteStatement Prepare(const std::string& sql, bool persistent = false);
 
     /// BEGIN IMMEDIATE: the write lock is taken at once, so a busy database fails here rather than midway.
-    void StartTransaction();
-    void Commit();
-    void Rollback();
-    bool InTransaction() const;
+    void StartTransaction() override;
+    void Commit() override;
+    void Rollback() override;
+    bool InTransaction() const override;
 
     /// True when a table or view of that name (compared ignoring case) exists in any attached schema.
-    bool TableExists(const std::string& name);
+    bool TableExists(const std::string& name) override;
+    /// INTEGER, REAL, TEXT, BLOB, DATE, TIME, DATETIME or BOOLEAN: names TKvSQLiteDataSet reads back as
+    /// a field of the same kind; "" (no declared type) for ftVariant.
+    std::string TypeName(TFieldType type) const override;
+    /// A TKvSQLiteDataSet on `table`.
+    TDataSet* OpenDataSet(const std::string& table, TComponent* owner) override;
     sqlite3* Handle() const { return db_; }
     /// `name` as an SQL identifier: in double quotes, inner quotes doubled.
     static std::string QuoteIdentifier(std::string_view name);
@@ -69,6 +78,9 @@ public:
     [[noreturn]] void RaiseError() const;
 
     std::string ClassName() const override { return "TKvSQLiteDatabase"; }
+
+protected:
+    std::string QuotedIdentifier(std::string_view name) const override { return QuoteIdentifier(name); }
 
 private:
     friend class TKvSQLiteDataSet;

@@ -1,0 +1,66 @@
+#pragma once
+// The destination databases the shared suites run on: each kind of TKvDatabase adds one entry here and
+// gets both the database suite and the dataset conformance suite.
+
+#include "TestSupport.h"
+#include "datasets/DataSet.h"
+
+#include <functional>
+#include <ostream>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace kv::test {
+
+struct DatabaseTarget {
+    std::string Name; ///< a test name suffix
+    /// The target for OpenDatabase; `dir` is a fresh directory the database may keep its files in.
+    std::function<std::string(const TempDir& dir)> Make;
+    /// What the datasets of this database do where implementations may differ.
+    bool StoresAnyValue = false;
+};
+
+inline std::vector<DatabaseTarget> DatabaseTargets() {
+    return {
+        {"SQLiteFile", [](const TempDir& dir) { return dir.File("test.db"); }, true},
+        {"SQLiteInMemory", [](const TempDir&) { return std::string(":memory:"); }, true},
+    };
+}
+
+/// A field definition, for short.
+inline TFieldDef Field(const std::string& name, TFieldType type, bool required = false) {
+    TFieldDef def;
+    def.Name = name;
+    def.DataType = type;
+    def.Required = required;
+    return def;
+}
+
+/// The kind of value a field type holds ("integer", "text", ...): a database may declare a field of
+/// another type of the same kind (a BIGINT read back as an INTEGER), never of another kind.
+inline std::string KindOf(TFieldType type) {
+    static const std::pair<const char*, std::vector<TFieldType>> kinds[] = {
+        {"integer", {ftSmallint, ftInteger, ftWord, ftAutoInc, ftLargeint}},
+        {"number", {ftFloat, ftCurrency, ftBCD, ftFMTBcd}},
+        {"boolean", {ftBoolean}},
+        {"date", {ftDate}},
+        {"time", {ftTime}},
+        {"date-time", {ftDateTime, ftTimeStamp}},
+        {"text", {ftString, ftFixedChar, ftWideString, ftFixedWideChar, ftMemo, ftFmtMemo, ftWideMemo}},
+        {"bytes", {ftBytes, ftVarBytes, ftBlob, ftGraphic, ftTypedBinary}}};
+    for (const auto& [kind, types] : kinds)
+        for (TFieldType member : types)
+            if (member == type) return kind;
+    return FieldTypeName(type);
+}
+
+inline void PrintTo(const DatabaseTarget& target, std::ostream* out) {
+    *out << target.Name;
+}
+
+inline std::string TargetName(const ::testing::TestParamInfo<DatabaseTarget>& param) {
+    return param.param.Name;
+}
+
+} // namespace kv::test

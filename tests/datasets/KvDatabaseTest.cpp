@@ -1,0 +1,190 @@
+// Destination databases through TKvDatabase alone, run on every kind in DatabaseTargets, and the choice
+// OpenDatabase makes from a target.
+
+#include "datasets/KvDatabase.h"
+#include "DatabaseTargets.h"
+#include "datasets/KvSQLiteDataSet.h"
+
+#include <memory>
+
+namespace kv {
+namespace {
+
+using test::ErrorOf;
+using test::Field;
+
+class DatabaseTest : public ::testing::TestWithParam<test::DatabaseTarget> {
+protected:
+    DatabaseTest() : db(*OpenDatabase(GetParam().Make(dir), &root)) {}
+
+    std::unique_ptr<TDataSet> Open(const std::string& table) {
+        return std::unique_ptr<TDataSet>(db.OpenDataSet(table, nullptr));
+    }
+    // The table's rows as "a|b" lines, read through a dataset of its own.
+    std::string Rows(const std::string& table) {
+        auto ds = Open(table);
+        std::string rows;
+        for (; !ds->Eof(); ds->Next()) {
+            if (!rows.empty()) rows += "\n";
+            for (int i = 0; i < ds->FieldCount(); ++i) rows += (i ? "|" : "") + ds->Fields(i).AsString();
+        }
+        return rows;
+    }
+    static void Insert(TDataSet& ds, const Variant& value) {
+        ds.Append();
+        ds.Fields(0).SetValue(value);
+        ds.Post();
+    }
+
+    test::TempDir dir;
+    TComponent root;
+    TKvDatabase& db;
+};
+
+TEST_P(DatabaseTest, CreateTableRunsTheStatementItGives) {
+    const std::vector<TFieldDef> columns = {Field("Code", ftString), Field("Qty", ftInteger)};
+    EXPECT_FALSE(db.TableExists("stock"));
+    EXPECT_EQ(db.CreateTable("stock", columns), db.CreateTableStatement("stock", columns));
+    EXPECT_TRUE(db.TableExists("stock"));
+    EXPECT_THROW(db.CreateTable("stock", columns), EDatabaseError);
+    EXPECT_EQ(ErrorOf([&] { db.CreateTable("bare", {}); }), "Table 'bare' needs at least one column");
+    EXPECT_FALSE(db.TableExists("bare"));
+    EXPECT_FALSE(db.Description().empty());
+}
+
+TEST_P(DatabaseTest, NamesHoldingQuotesAndSeparatorsAreQuoted) {
+    const std::string table = "we\"ird] name;";
+    const std::vector<std::string> names = {"a\"b", "c]d", "semi;colon", "with space", "Ünï", "select"};
+    std::vector<TFieldDef> columns;
+    for (const std::string& name : names) columns.push_back(Field(name, ftString));
+    db.CreateTable(table, columns);
+    EXPECT_TRUE(db.TableExists(table));
+
+    std::string list, values;
+    for (size_t i = 0; i < names.size(); ++i) {
+        list += (i ? ", " : "") + db.QuoteIdentifier(names[i]);
+        values += (i ? ", '" : "'") + std::to_string(i) + "'";
+    }
+    db.Execute("INSERT INTO " + db.QuoteIdentifier(table) + " (" + list + ") VALUES (" + values + ")");
+    auto ds = Open(table);
+    ASSERT_EQ(ds->FieldCount(), static_cast<int>(names.size()));
+    for (size_t i = 0; i < names.size(); ++i) {
+        EXPECT_EQ(ds->Fields(static_cast<int>(i)).FieldName(), names[i]);
+        EXPECT_EQ(ds->Fields(static_cast<int>(i)).AsString(), std::to_string(i));
+    }
+}
+
+TEST_P(DatabaseTest, EachTypeNameReadsBackAsAFieldOfTheSameKind) {
+    const TFieldType storable[] = {ftSmallint,   ftInteger, ftWord, ftLargeint, ftFloat,    ftCurrency,
+                                   ftBCD,        ftBoolean, ftDate, ftTime,     ftDateTime, ftString,
+                                   ftWideString, ftMemo,    ftBlob, ftBytes,    ftGraphic};
+    std::vector<TFieldDef> columns;
+    for (TFieldType type : storable) {
+        EXPECT_NE(db.TypeName(type), "") << FieldTypeName(type);
+        columns.push_back(Field(std::string("c") + FieldTypeName(type), type));
+    }
+    db.CreateTable("types", columns);
+    auto ds = Open("types");
+    ASSERT_EQ(ds->FieldCount(), static_cast<int>(std::size(storable)));
+    for (size_t i = 0; i < std::size(storable); ++i)
+        EXPECT_EQ(test::KindOf(ds->Fields(static_cast<int>(i)).DataType()), test::KindOf(storable[i]))
+            << FieldTypeName(storable[i]);
+
+    for (TFieldType type : {ftCursor, ftDataSet, ftADT, ftInterface})
+        EXPECT_EQ(ErrorOf([&] { db.TypeName(type); }),
+                  std::string("No column type holds fields of type ") + FieldTypeName(type));
+}
+
+TEST_P(DatabaseTest, RequiredColumnsAndTheAutoNumberedKey) {
+    db.CreateTable("t",
+                   {Field("ID", ftAutoInc, true), Field("Name", ftString, true), Field("Note", ftString)});
+    auto ds = Open("t");
+    EXPECT_EQ(ds->FieldByName("ID").DataType(), ftAutoInc);
+    EXPECT_FALSE(ds->FieldByName("ID").Required()); // the database numbers a row that comes without one
+    EXPECT_TRUE(ds->FieldByName("Name").Required());
+    EXPECT_FALSE(ds->FieldByName("Note").Required());
+}
+
+TEST_P(DatabaseTest, TransactionsKeepWholeCommitsOnly) {
+    db.CreateTable("t", {Field("N", ftInteger, true)});
+    auto ds = Open("t");
+    EXPECT_FALSE(db.InTransaction());
+    db.Rollback(); // nothing to roll back: no error
+    EXPECT_THROW(db.Commit(), EDatabaseError);
+
+    db.StartTransaction();
+    EXPECT_TRUE(db.InTransaction());
+    EXPECT_THROW(db.StartTransaction(), EDatabaseError);
+    EXPECT_TRUE(db.InTransaction());
+    Insert(*ds, 1);
+    Insert(*ds, 2);
+    db.Commit();
+    EXPECT_FALSE(db.InTransaction());
+
+    // A row the database refuses costs neither the transaction nor the rows before and after it.
+    db.StartTransaction();
+    Insert(*ds, 3);
+    EXPECT_THROW(Insert(*ds, Variant::Null()), EDatabaseError);
+    ds->Cancel();
+    EXPECT_THROW(db.Execute("INSERT INTO nowhere VALUES (1)"), EDatabaseError);
+    EXPECT_TRUE(db.InTransaction());
+    Insert(*ds, 4);
+    db.Commit();
+
+    db.StartTransaction();
+    Insert(*ds, 5);
+    db.Rollback();
+    EXPECT_FALSE(db.InTransaction());
+    EXPECT_EQ(Rows("t"), "1\n2\n3\n4");
+    int seen = 0; // the dataset that wrote the rolled-back row walks what is left
+    for (ds->First(); !ds->Eof(); ds->Next()) ++seen;
+    EXPECT_EQ(seen, 4);
+}
+
+TEST_P(DatabaseTest, OpenDataSetGivesAnOpenTableToItsOwner) {
+    db.CreateTable("t", {Field("N", ftInteger)});
+    TComponent owner;
+    TDataSet* ds = db.OpenDataSet("t", &owner);
+    EXPECT_TRUE(ds->Active());
+    ASSERT_EQ(owner.ComponentCount(), 1);
+    EXPECT_EQ(owner.Components(0), ds);
+    EXPECT_THROW(db.OpenDataSet("missing", &owner), EDatabaseError);
+    EXPECT_EQ(owner.ComponentCount(), 1); // nothing left behind
+}
+
+INSTANTIATE_TEST_SUITE_P(Databases, DatabaseTest, ::testing::ValuesIn(test::DatabaseTargets()),
+                         test::TargetName);
+
+TEST(OpenDatabase, ChoosesTheDatabaseByTarget) {
+    test::TempDir dir;
+    const std::string postgres =
+        "PostgreSQL destinations are not available yet: give an SQLite database file";
+    const struct {
+        std::string target, description, error;
+    } cases[] = {
+        {dir.File("sales.db"), "SQLite database \"" + dir.File("sales.db") + "\"", ""},
+        {":memory:", "SQLite database in memory", ""},
+        {dir.File("rate=5.db"), "SQLite database \"" + dir.File("rate=5.db") + "\"",
+         ""}, // a file holding "="
+        {"postgresql://importer@localhost/sales", "", postgres},
+        {"POSTGRES://localhost", "", postgres},
+        {"host=localhost dbname=sales", "", postgres},
+        {"  dbname = sales", "", postgres},
+        {" ", "", "No database given"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.target);
+        TComponent root;
+        TKvDatabase* db = nullptr;
+        EXPECT_EQ(ErrorOf([&] { db = OpenDatabase(c.target, &root); }), c.error);
+        EXPECT_EQ(root.ComponentCount(), db ? 1 : 0);
+        if (!db) continue;
+        EXPECT_NE(dynamic_cast<TKvSQLiteDatabase*>(db), nullptr);
+        EXPECT_EQ(db->Description(), c.description);
+    }
+    std::unique_ptr<TKvDatabase> own(OpenDatabase(":memory:", nullptr)); // without an owner: the caller's
+    EXPECT_EQ(own->Owner(), nullptr);
+}
+
+} // namespace
+} // namespace kv
