@@ -180,6 +180,9 @@ TEST_F(ImportCommand, UsageAndSetupErrors) {
          2,
          "--format expects one of sqlite, text; got 'xls'"},
         {{"preview", "x.csv", "--rows", "x"}, 2, "--rows expects a number, got 'x'"},
+        {{"import", "-", "--db", "postgresql://me@localhost/shop"},
+         1,
+         "PostgreSQL destinations are not available yet"},
     };
     for (const Case& c : cases) {
         test::CliResult r = RunCli(c.args);

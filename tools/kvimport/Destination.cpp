@@ -2,51 +2,39 @@
 
 #include "platform/Exceptions.h"
 #include "platform/Streams.h"
+#include "platform/SysUtils.h"
 
 namespace kv::cli {
 
-Destination::Destination(const std::string& databaseFile, bool sqlOnly, TComponent& root)
-    : root_(root), database_(new TKvSQLiteDatabase(&root)), dataSet_(new TKvSQLiteDataSet(&root)),
-      sqlOnly_(sqlOnly) {
-    if (sqlOnly && (databaseFile.empty() || !FileExists(databaseFile)))
-        database_->Open(":memory:");
-    else
-        database_->Open(databaseFile);
-    dataSet_->SetDatabase(database_);
-}
+Destination::Destination(const std::string& target, bool sqlOnly, TComponent& root)
+    : root_(root), database_(OpenDatabase(
+                       sqlOnly && (target.empty() || !FileExists(target)) ? ":memory:" : target, &root)),
+      sqlOnly_(sqlOnly) {}
 
 void Destination::Prepare(const std::string& table, SourceSetup& source,
                           const std::vector<std::string>& maps) {
+    TKvDatabase* holder = database_;
     if (!database_->TableExists(table)) {
-        const std::vector<ColumnDef> columns = ColumnsForNewTable(source, maps);
+        const std::vector<TFieldDef> columns = ColumnsForNewTable(source, maps);
         if (columns.empty())
             throw Exception("The table \"" + table +
                             "\" does not exist and the source has no columns to create it from.");
-        if (sqlOnly_ && database_->FileName() != ":memory:") {
-            // Never change the database a script is written for: describe the table in memory instead.
-            database_->Close();
-            database_->Open(":memory:");
+        if (sqlOnly_) {
+            // Never change the database a script is written for: the script creates the table, and a
+            // database in memory holds it meanwhile, so that the run still has its fields.
+            createStatement_ = database_->CreateTableStatement(table, columns);
+            holder = OpenDatabase(":memory:", &root_);
+            holder->CreateTable(table, columns);
+        } else {
+            createStatement_ = database_->CreateTable(table, columns);
         }
-        std::string sql = "CREATE TABLE " + TKvSQLiteDatabase::QuoteIdentifier(table) + " (";
-        for (size_t i = 0; i < columns.size(); ++i) {
-            if (i) sql += ", ";
-            sql += TKvSQLiteDatabase::QuoteIdentifier(columns[i].Name);
-            if (!columns[i].Type.empty()) sql += " " + columns[i].Type;
-        }
-        sql += ")";
-        database_->Execute(sql);
-        createStatement_ = sql;
     }
-    dataSet_->SetTableName(table);
-    dataSet_->Open();
+    dataSet_ = holder->OpenDataSet(table, &root_);
 }
 
 void Destination::AddLookup(const std::string& name, TKvImportBaseComponent& component) {
     if (!database_->TableExists(name)) throw Exception("The lookup table \"" + name + "\" does not exist.");
-    auto* lookup = new TKvSQLiteDataSet(&root_);
-    lookup->SetDatabase(database_);
-    lookup->SetTableName(name);
-    component.RegisterLookupTable(name, lookup);
+    component.RegisterLookupTable(name, database_->OpenDataSet(name, &root_));
 }
 
 void Destination::AttachTransactions(TKvImportBaseComponent& component) {

@@ -1,9 +1,10 @@
 #pragma once
-// The destination of a command-line import: a table of an SQLite database, created from the source's
-// columns when missing, with the tables LOOKUP may use, and the transactions the run asks for.
+// The destination of a command-line import: a table of the database --db names (OpenDatabase chooses the
+// kind by what it is given), created from the source's columns when missing, with the tables LOOKUP may
+// use, and the transactions the run asks for.
 
 #include "Sources.h"
-#include "datasets/KvSQLiteDataSet.h"
+#include "datasets/KvDatabase.h"
 
 #include <string>
 #include <vector>
@@ -14,13 +15,13 @@ class Destination {
 public:
     /// `sqlOnly`: the run writes SQL statements; the database is only read (and a missing table is made
     /// in a database in memory, so that it still gives the fields).
-    Destination(const std::string& databaseFile, bool sqlOnly, TComponent& root);
+    Destination(const std::string& target, bool sqlOnly, TComponent& root);
 
     /// Opens `table`, creating it from the source's columns (or the mapping's fields) when it is missing.
     void Prepare(const std::string& table, SourceSetup& source, const std::vector<std::string>& maps);
     /// The table was created by Prepare (its column types are a guess from the source).
     bool Created() const { return !createStatement_.empty(); }
-    /// The statement that created it ("" when it existed).
+    /// The statement that created it, in the destination's own SQL ("" when it existed).
     const std::string& CreateStatement() const { return createStatement_; }
     /// Table `name` of the database becomes findable by LOOKUP under that name.
     void AddLookup(const std::string& name, TKvImportBaseComponent& component);
@@ -35,12 +36,13 @@ public:
     int RolledBackRows() const { return rolledBack_; }
 
 private:
+    int Writes() const;
+
     TComponent& root_;
-    TKvSQLiteDatabase* database_;
-    TKvSQLiteDataSet* dataSet_;
+    TKvDatabase* database_;
+    TDataSet* dataSet_ = nullptr;
     bool sqlOnly_;
     TKvImportBaseComponent* component_ = nullptr;
-    int Writes() const;
     int committedWrites_ = 0;
     int rolledBack_ = 0;
     std::string createStatement_;

@@ -39,11 +39,11 @@ public:
         }
         return out;
     }
-    std::string SqlType(const TKvIColumn& column) const override {
+    TFieldType ColumnType(const TKvIColumn& column) const override {
         // Large integers are described as text; the source field still knows they are numbers.
         if (TField* field = table_->FindField(column.FieldName))
-            if (field->DataType() == ftLargeint || field->DataType() == ftAutoInc) return "INTEGER";
-        return SourceSetup::SqlType(column);
+            if (field->DataType() == ftLargeint || field->DataType() == ftAutoInc) return ftLargeint;
+        return SourceSetup::ColumnType(column);
     }
 
 private:

@@ -13,25 +13,25 @@
 
 namespace kv::cli {
 
-std::string SourceSetup::SqlType(const TKvIColumn& column) const {
+TFieldType SourceSetup::ColumnType(const TKvIColumn& column) const {
     switch (column.DataType) {
     case itInteger:
-        return "INTEGER";
+        return ftLargeint;
     case itFloat:
-        return "REAL";
+        return ftFloat;
     case itDateTime:
-        return "DATETIME";
+        return ftDateTime;
     case itDate:
-        return "DATE";
+        return ftDate;
     case itTime:
-        return "TIME";
+        return ftTime;
     case itBoolean:
-        return "BOOLEAN";
+        return ftBoolean;
     case itBLOB:
     case itGraphic:
-        return "BLOB";
+        return ftBlob;
     default:
-        return "TEXT";
+        return ftString;
     }
 }
 
@@ -81,28 +81,34 @@ std::unique_ptr<SourceSetup> OpenSpecificationSource(const ImportOptions& o, TCo
     return source;
 }
 
-std::vector<ColumnDef> ColumnsForNewTable(SourceSetup& source, const std::vector<std::string>& maps) {
+std::vector<TFieldDef> ColumnsForNewTable(SourceSetup& source, const std::vector<std::string>& maps) {
     TKvImportBaseComponent& c = source.Component();
     c.DescribeColumns();
-    std::vector<ColumnDef> defs;
+    std::vector<TFieldDef> defs;
+    const auto def = [](std::string name, TFieldType type) {
+        TFieldDef d;
+        d.Name = std::move(name);
+        d.DataType = type;
+        return d;
+    };
     if (maps.empty()) {
         for (int i = 0; i < c.Columns().Count(); ++i)
-            defs.push_back({c.Columns().Columns(i).FieldName, source.SqlType(c.Columns().Columns(i))});
+            defs.push_back(def(c.Columns().Columns(i).FieldName, source.ColumnType(c.Columns().Columns(i))));
         return defs;
     }
     for (const std::string& line : maps) {
         const size_t eq = line.find('=');
-        ColumnDef def{Trim(std::string_view(line).substr(0, eq)), ""};
+        TFieldDef d = def(Trim(std::string_view(line).substr(0, eq)), ftVariant);
         const std::string expression =
             eq == std::string::npos ? "" : Trim(std::string_view(line).substr(eq + 1));
         for (int i = 0; i < c.Columns().Count(); ++i) {
             if (expression == c.GetColumnFieldName(i) ||
                 SameText(expression, c.Columns().Columns(i).FieldName)) {
-                def.Type = source.SqlType(c.Columns().Columns(i));
+                d.DataType = source.ColumnType(c.Columns().Columns(i));
                 break;
             }
         }
-        if (!def.Name.empty()) defs.push_back(def);
+        if (!d.Name.empty()) defs.push_back(d);
     }
     return defs;
 }

@@ -11,12 +11,6 @@
 
 namespace kv::cli {
 
-/// A column of a destination table to create.
-struct ColumnDef {
-    std::string Name;
-    std::string Type; ///< the declared SQL type ("" for none)
-};
-
 /// One source, set up and owned by the command.
 class SourceSetup {
 public:
@@ -28,8 +22,9 @@ public:
     virtual std::vector<std::vector<std::string>> Preview(int rows) = 0;
     /// Puts the options of this kind of source into the component, after a specification was loaded.
     virtual void ApplyOptions(const ImportOptions& options) { (void)options; }
-    /// The declared type a column of `type` gets in a created table.
-    virtual std::string SqlType(const TKvIColumn& column) const;
+    /// The field type a column gets in a created table (the destination names it in its own terms);
+    /// ftVariant for a column of no particular type.
+    virtual TFieldType ColumnType(const TKvIColumn& column) const;
 };
 
 /// Rows per transaction unless a specification or --commit-count says otherwise: a commit of an SQLite
@@ -43,7 +38,7 @@ std::unique_ptr<SourceSetup> OpenSource(const ImportOptions& options, TComponent
 /// The source a specification file names (`kvimport run`), with the specification loaded.
 std::unique_ptr<SourceSetup> OpenSpecificationSource(const ImportOptions& options, TComponent& root);
 /// The columns of a table to create for `source`: its columns, or the fields the mapping lines name
-/// (typed like the source column a line takes as it stands).
-std::vector<ColumnDef> ColumnsForNewTable(SourceSetup& source, const std::vector<std::string>& maps);
+/// (typed like the source column a line takes as it stands, else of no particular type).
+std::vector<TFieldDef> ColumnsForNewTable(SourceSetup& source, const std::vector<std::string>& maps);
 
 } // namespace kv::cli
