@@ -88,20 +88,12 @@ void TKvImportBaseComponent::FillKey4Values() {
 
 std::unique_ptr<TKvIParser> TKvImportBaseComponent::MakeParser(const std::string& text,
                                                                std::exception_ptr& error) {
-    auto parser = std::make_unique<TKvIParser>();
-    parser->OnEvaluate = [this](TObject* sender, const std::string& eval, const std::vector<Variant>& args,
-                                int argCount, bool isChild, Variant& value, bool& done) {
-        ParserEvaluate(sender, eval, args, argCount, isChild, value, done);
-    };
-    parser->SetText(text);
-    error = nullptr;
-    try {
-        parser->Parse();
-    } catch (...) {
-        // A fresh parse for every row would fail the same way: every row reports this error.
-        error = std::current_exception();
-    }
-    return parser;
+    return TKvIMappingTable::ParseOnce(
+        text,
+        [this](TObject* sender, const std::string& eval, const std::vector<Variant>& args, int argCount,
+               bool isChild, Variant& value,
+               bool& done) { ParserEvaluate(sender, eval, args, argCount, isChild, value, done); },
+        error);
 }
 
 Variant TKvImportBaseComponent::Compute(TKvIParser& parser, std::exception_ptr error) {

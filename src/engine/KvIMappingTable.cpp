@@ -24,6 +24,20 @@ void TKvIMappingTable::UnquoteName(Variant& value) {
     }
 }
 
+std::unique_ptr<TKvIParser> TKvIMappingTable::ParseOnce(const std::string& text, TOnEvaluate handler,
+                                                        std::exception_ptr& error) {
+    auto parser = std::make_unique<TKvIParser>();
+    parser->OnEvaluate = std::move(handler);
+    parser->SetText(text);
+    error = nullptr;
+    try {
+        parser->Parse();
+    } catch (...) {
+        error = std::current_exception();
+    }
+    return parser;
+}
+
 void TKvIMappingTable::Build(const TStringList& mappings, const TDataSet* dataSet,
                              const TKvIMappingHooks& hooks) {
     entries_.clear();

@@ -62,6 +62,10 @@ public:
 
     /// A name in brackets or double quotes without them (one pair of each).
     static void UnquoteName(Variant& value);
+    /// `text` parsed once for every row, evaluating names with `handler`; a text that does not parse
+    /// leaves its error in `error`, to be raised for every row as a fresh parse would.
+    static std::unique_ptr<TKvIParser> ParseOnce(const std::string& text, TOnEvaluate handler,
+                                                 std::exception_ptr& error);
 
 private:
     void PlaceKeys();

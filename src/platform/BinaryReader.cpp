@@ -84,13 +84,7 @@ size_t TKvBinaryReader::Fill(uint64_t offset) {
 
 size_t TKvBinaryReader::ReadAt(uint64_t offset, char* out, size_t count) {
     if (stream_.Seek(static_cast<int64_t>(offset), soBeginning) != static_cast<int64_t>(offset)) return 0;
-    size_t done = 0;
-    while (done < count) {
-        const size_t n = stream_.Read(out + done, count - done);
-        if (n == 0) break;
-        done += n;
-    }
-    return done;
+    return stream_.ReadUpTo(out, count);
 }
 
 void TKvBinaryReader::ShortRead(uint64_t count, uint64_t left) const {

@@ -23,6 +23,16 @@ void TStream::ReadBuffer(void* buffer, size_t count) {
     if (count && Read(buffer, count) != count) throw EReadError("Stream read error");
 }
 
+size_t TStream::ReadUpTo(void* buffer, size_t count) {
+    size_t done = 0;
+    while (done < count) {
+        const size_t n = Read(static_cast<char*>(buffer) + done, count - done);
+        if (n == 0) break;
+        done += n;
+    }
+    return done;
+}
+
 void TStream::WriteBuffer(const void* buffer, size_t count) {
     if (count && Write(buffer, count) != count) throw EWriteError("Stream write error");
 }

@@ -38,6 +38,9 @@ public:
 
     /// Reads exactly `count` bytes or raises EReadError "Stream read error".
     void ReadBuffer(void* buffer, size_t count);
+    /// Reads until `count` bytes or the end, whatever each Read hands out (a pipe or a socket may hand
+    /// out less than asked before its end); returns how many were read.
+    size_t ReadUpTo(void* buffer, size_t count);
     /// Writes exactly `count` bytes or raises EWriteError "Stream write error".
     void WriteBuffer(const void* buffer, size_t count);
     void WriteString(std::string_view s) { WriteBuffer(s.data(), s.size()); }

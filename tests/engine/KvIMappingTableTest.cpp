@@ -10,15 +10,7 @@ namespace {
 TKvIMappingHooks Hooks() {
     TKvIMappingHooks hooks;
     hooks.MakeParser = [](const std::string& text, std::exception_ptr& error) {
-        auto parser = std::make_unique<TKvIParser>();
-        parser->SetText(text);
-        error = nullptr;
-        try {
-            parser->Parse();
-        } catch (...) {
-            error = std::current_exception();
-        }
-        return parser;
+        return TKvIMappingTable::ParseOnce(text, nullptr, error);
     };
     hooks.IsWholeReference = [](std::string_view source) { return source.rfind("Text", 0) == 0; };
     hooks.IsPlainColumn = [](const std::string& name) { return name != "COUNTER"; };

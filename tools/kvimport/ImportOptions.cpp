@@ -54,15 +54,13 @@ const std::vector<OptionSpec> kRowOptions = {
      },
      ForImport | ForRun},
     {"mode", "MODE", "append, update, appendupdate, delete, copy or appendnewonly",
-     [](ImportOptions& o, const std::string& v) {
-         o.Mode = OptionChoice<TImportMode>("mode", v,
-                                            {{"append", imAppend},
-                                             {"update", imUpdate},
-                                             {"appendupdate", imAppendUpdate},
-                                             {"delete", imDelete},
-                                             {"copy", imCopy},
-                                             {"appendnewonly", imAppendNewOnly}});
-     },
+     SetChoice(&ImportOptions::Mode, "mode",
+               std::vector<std::pair<const char*, TImportMode>>{{"append", imAppend},
+                                                                {"update", imUpdate},
+                                                                {"appendupdate", imAppendUpdate},
+                                                                {"delete", imDelete},
+                                                                {"copy", imCopy},
+                                                                {"appendnewonly", imAppendNewOnly}}),
      ForImport | ForRun},
     {"keys", "'A;B'", "key fields for update, appendupdate, delete and appendnewonly",
      Set(&ImportOptions::Keys), ForImport | ForRun},
@@ -83,11 +81,10 @@ const std::vector<OptionSpec> kRowOptions = {
      },
      ForImport | ForRun},
     {"trim", "none|right|left|both", "trim blanks of source values",
-     [](ImportOptions& o, const std::string& v) {
-         o.Trim = OptionChoice<TKvITrimSpaces>(
-             "trim", v,
-             {{"none", tsNoTrim}, {"right", tsTrimRight}, {"left", tsTrimLeft}, {"both", tsTrimLeftRight}});
-     }},
+     SetChoice(
+         &ImportOptions::Trim, "trim",
+         std::vector<std::pair<const char*, TKvITrimSpaces>>{
+             {"none", tsNoTrim}, {"right", tsTrimRight}, {"left", tsTrimLeft}, {"both", tsTrimLeftRight}})},
     {"skip-empty-rows", nullptr, "skip rows whose values are all blank",
      SetFlag(&ImportOptions::SkipEmptyRows)},
     {"abort-on-error", nullptr, "stop at the first failing row (default: report it and go on)",
@@ -96,42 +93,40 @@ const std::vector<OptionSpec> kRowOptions = {
      SetFlag(&ImportOptions::AllowErrors), ForImport | ForRun},
     {"quiet", nullptr, "no progress line and no summary", SetFlag(&ImportOptions::Quiet), ForImport | ForRun},
     {"rows", "N", "how many rows to show (default 10)",
-     [](ImportOptions& o, const std::string& v) {
-         o.PreviewRows = OptionNumber("rows", v, 0, "a number of rows, 0 or more");
-     },
+     [](ImportOptions& o,
+        const std::string& v) { o.PreviewRows = OptionNumber("rows", v, 0, "a number of rows, 0 or more"); },
      ForPreview},
 };
 
-const std::vector<OptionSpec> kValueOptions = {
-    {"charset", "ansi|oem|ebcdic", "the source text's character set",
-     [](ImportOptions& o, const std::string& v) {
-         o.Charset = OptionChoice<TKvICharacterSet>(
-             "charset", v, {{"ansi", csiANSI_WINDOWS}, {"oem", csiASCII_MSDOS}, {"ebcdic", csiEBCDIC}});
-     }},
-    {"date-order", "mdy|dmy|ymd|ydm|dym|myd", "the order of day, month and year in dates",
-     [](ImportOptions& o, const std::string& v) {
-         o.DateOrder = OptionChoice<TKvIDateOrder>("date-order", v,
-                                                   {{"mdy", doMDY},
-                                                    {"dmy", doDMY},
-                                                    {"ymd", doYMD},
-                                                    {"ydm", doYDM},
-                                                    {"dym", doDYM},
-                                                    {"myd", doMYD}});
-     }},
-    {"date-separator", "C", "between the parts of a date",
-     SetChar(&ImportOptions::DateSeparator, "date-separator")},
-    {"time-separator", "C", "between the parts of a time",
-     SetChar(&ImportOptions::TimeSeparator, "time-separator")},
-    {"decimal-separator", "C", "a decimal comma alone makes the point the grouping, and back",
-     SetChar(&ImportOptions::DecimalSeparator, "decimal-separator")},
-    {"thousand-separator", "C|none", "the grouping of digits",
-     [](ImportOptions& o, const std::string& v) {
-         o.ThousandSeparator = v == "none" ? 0 : OptionChar("thousand-separator", v);
-     }},
-    {"currency", "TEXT", "the currency text numbers may carry", Set(&ImportOptions::Currency)},
-    {"date-format", "MASK", "read dates by a mask such as DD.MM.YYYY HH:NN", Set(&ImportOptions::DateFormat)},
-    {"true", "TEXT", "the text of true", Set(&ImportOptions::TrueText)},
-    {"false", "TEXT", "the text of false", Set(&ImportOptions::FalseText)},
+const std::vector<OptionSpec> kValueOptions =
+    {
+        {"charset", "ansi|oem|ebcdic", "the source text's character set",
+         SetChoice(&ImportOptions::Charset, "charset",
+                   std::vector<std::pair<const char*, TKvICharacterSet>>{
+                       {"ansi", csiANSI_WINDOWS}, {"oem", csiASCII_MSDOS}, {"ebcdic", csiEBCDIC}})},
+        {"date-order", "mdy|dmy|ymd|ydm|dym|myd", "the order of day, month and year in dates",
+         SetChoice(&ImportOptions::DateOrder, "date-order",
+                   std::vector<std::pair<const char*, TKvIDateOrder>>{{"mdy", doMDY},
+                                                                      {"dmy", doDMY},
+                                                                      {"ymd", doYMD},
+                                                                      {"ydm", doYDM},
+                                                                      {"dym", doDYM},
+                                                                      {"myd", doMYD}})},
+        {"date-separator", "C", "between the parts of a date",
+         SetChar(&ImportOptions::DateSeparator, "date-separator")},
+        {"time-separator", "C", "between the parts of a time",
+         SetChar(&ImportOptions::TimeSeparator, "time-separator")},
+        {"decimal-separator", "C", "a decimal comma alone makes the point the grouping, and back",
+         SetChar(&ImportOptions::DecimalSeparator, "decimal-separator")},
+        {"thousand-separator", "C|none", "the grouping of digits",
+         [](ImportOptions& o, const std::string& v) {
+             o.ThousandSeparator = v == "none" ? 0 : OptionChar("thousand-separator", v);
+         }},
+        {"currency", "TEXT", "the currency text numbers may carry", Set(&ImportOptions::Currency)},
+        {"date-format", "MASK", "read dates by a mask such as DD.MM.YYYY HH:NN",
+         Set(&ImportOptions::DateFormat)},
+        {"true", "TEXT", "the text of true", Set(&ImportOptions::TrueText)},
+        {"false", "TEXT", "the text of false", Set(&ImportOptions::FalseText)},
 };
 
 std::vector<OptionSection> Sections() {

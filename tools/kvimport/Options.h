@@ -7,6 +7,7 @@
 #include "platform/SysUtils.h"
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -44,12 +45,19 @@ int OptionNumber(const std::string& option, const std::string& value, int minimu
 /// `value` as one of the named choices (compared ignoring case).
 template <class T>
 T OptionChoice(const std::string& option, const std::string& value,
-               std::initializer_list<std::pair<const char*, T>> choices) {
+               const std::vector<std::pair<const char*, T>>& choices) {
     for (const auto& [name, v] : choices)
         if (SameText(value, name)) return v;
     std::string list;
     for (const auto& c : choices) list += (list.empty() ? "" : ", ") + std::string(c.first);
     throw UsageError("--" + option + " expects one of " + list + "; got '" + value + "'");
+}
+
+/// The Apply of an option whose value is one of `choices`, stored in `field`.
+template <class Options, class T>
+auto SetChoice(std::optional<T> Options::*field, const char* option,
+               std::vector<std::pair<const char*, T>> choices) {
+    return [=](Options& o, const std::string& v) { o.*field = OptionChoice<T>(option, v, choices); };
 }
 
 } // namespace kv::cli

@@ -45,17 +45,6 @@ public:
     }
 };
 
-// Reads until `count` bytes or the end: a stream may hand out less than asked.
-size_t ReadFully(TStream& stream, char* buffer, size_t count) {
-    size_t done = 0;
-    while (done < count) {
-        const size_t n = stream.Read(buffer + done, count - done);
-        if (n == 0) break;
-        done += n;
-    }
-    return done;
-}
-
 // UTF-8 text in the bytes of the scanned encoding; false when Windows-1252 lacks one of its characters.
 bool EncodeForScan(const std::string& text, bool utf8, std::string& out) {
     if (utf8) {
@@ -259,7 +248,7 @@ void TKvTextFile::OpenMemory(std::string_view bytes) {
 void TKvTextFile::OpenSeekable(TStream& stream, int64_t start) {
     char head[3];
     if (stream.Seek(start, soBeginning) != start) throw EReadError("Stream read error");
-    const size_t headLength = ReadFully(stream, head, sizeof head);
+    const size_t headLength = stream.ReadUpTo(head, sizeof head);
     const TStartPlan plan = PlanStart(std::string_view(head, headLength), settings_.Encoding);
     if (IsUtf16(plan.Encoding)) {
         // UTF-16 is decoded as a whole and served from memory.
@@ -286,7 +275,7 @@ void TKvTextFile::OpenSeekable(TStream& stream, int64_t start) {
         size_t keep = 0;
         int64_t base = scanStart;
         while (!scanner.Done()) {
-            const size_t got = ReadFully(stream, buffer.data() + keep, blockSize_);
+            const size_t got = stream.ReadUpTo(buffer.data() + keep, blockSize_);
             const bool last = got < blockSize_;
             const size_t size = keep + got;
             const size_t consumed = scanner.Feed(buffer.data(), size, base, last);
@@ -373,7 +362,7 @@ void TKvTextFile::ReadRange(int64_t from, int64_t to, size_t overlap,
         const auto want =
             static_cast<size_t>(std::min<int64_t>(to - at, static_cast<int64_t>(buffer.size())));
         if (stream->Seek(at, soBeginning) != at) throw EReadError("Stream read error");
-        const size_t got = ReadFully(*stream, buffer.data(), want);
+        const size_t got = stream->ReadUpTo(buffer.data(), want);
         if (got < want) throw EReadError("Stream read error"); // the file has shrunk since it was scanned
         if (!visit(buffer.data(), std::min(got, blockSize_), got, at)) return;
     }
@@ -456,7 +445,7 @@ std::string_view TKvTextFile::Fetch(const TKvTextRecordSpan& span) {
         if (window_.size() < want) window_.resize(want);
         windowLength_ = 0;
         if (stream_->Seek(span.Offset, soBeginning) != span.Offset) throw EReadError("Stream read error");
-        const size_t got = ReadFully(*stream_, window_.data(), want);
+        const size_t got = stream_->ReadUpTo(window_.data(), want);
         // The file has shrunk since it was scanned.
         if (got < static_cast<size_t>(span.Length)) throw EReadError("Stream read error");
         windowStart_ = span.Offset;
