@@ -52,6 +52,15 @@ std::string Replaced(std::string text, char what, const std::string& by) {
 
 } // namespace
 
+// StringIsNumeric reads by the process-wide settings: set their separator for one check.
+struct DecimalSeparator {
+    explicit DecimalSeparator(char32_t separator) : saved(kv::DefaultFormatSettings.DecimalSeparator) {
+        kv::DefaultFormatSettings.DecimalSeparator = separator;
+    }
+    ~DecimalSeparator() { kv::DefaultFormatSettings.DecimalSeparator = saved; }
+    char32_t saved;
+};
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 9 || size > 4096) return 0;
     static const char32_t decimals[] = {U'.', U',', U'\u066B', U'\'', U'\u00B7', 0, U'.', U','};
@@ -86,11 +95,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         kv::TDecimalText plain;
         plain.DecimalSeparator = format.DecimalSeparator;
         Check(kv::TryReadDecimalFloat(text, strict, plain) && strict == number);
-        const kv::TDecimalSeparatorSwap swap(fs.DecimalSeparator);
+        const DecimalSeparator swap(fs.DecimalSeparator);
         Check(kv::StringIsNumeric(text));
     }
     if (format.DecimalSeparator == U'.') {
-        const kv::TDecimalSeparatorSwap swap(U'.');
+        const DecimalSeparator swap(U'.');
         Check(kv::StringIsNumeric(text) == kv::TryStrToFloat(text, number, fs));
     }
 
