@@ -301,7 +301,8 @@ bool TKvDateMask::Compose(const TParts& p, std::string_view value, TDateTime& ou
             TDateTime time;
             if (h >= 0 && h <= 24 && n >= 0 && n < 60 && s >= 0 && s < 60 &&
                 TryEncodeTime(h, n, s, 0, time)) {
-                result += time + static_cast<double>(p.MSec) / static_cast<double>(MSecsPerDay);
+                result = CombineDateTime(result, time + static_cast<double>(p.MSec) /
+                                                            static_cast<double>(MSecsPerDay));
                 found = found || !hasDate_;
             }
         }

@@ -40,7 +40,8 @@ constexpr double kMaxDateTime = 2958466;       // 10000-01-01
 
 // Whole days and milliseconds of the day, the time of day rounded to the millisecond.
 bool SplitDateTime(TDateTime value, int64_t& days, int64_t& msecs) {
-    if (!std::isfinite(value) || value < kMinDateTime || value >= kMaxDateTime) return false;
+    // The first day's times lie between it and the day before: its whole days are what is checked.
+    if (!std::isfinite(value) || std::trunc(value) < kMinDateTime || value >= kMaxDateTime) return false;
     days = static_cast<int64_t>(std::trunc(value));
     msecs = std::llround(std::fabs(value - static_cast<double>(days)) * static_cast<double>(MSecsPerDay));
     if (msecs >= MSecsPerDay) {
@@ -647,12 +648,20 @@ bool ScanIsoDateTime(std::string_view s, size_t& pos, TDateTime& out, bool& hasT
     TDateTime time;
     if (!ScanIsoTime(s, at, time)) return false;
     pos = at;
-    out = date >= 0 ? date + time : date - time;
+    out = CombineDateTime(date, time);
     hasTime = true;
     return true;
 }
 
 } // namespace
+
+TDateTime CombineDateTime(TDateTime date, TDateTime time) {
+    if (time >= 1.0) {
+        date += 1;
+        time -= 1;
+    }
+    return date >= 0 ? date + time : date - time;
+}
 
 bool TryISO8601ToDateTime(std::string_view text, TDateTime& out) {
     size_t pos = 0;

@@ -97,6 +97,11 @@ bool IsIsoDateTimeWithZone(std::string_view text);
 /// "hh:nn", "hh:nn:ss" or "hh:nn:ss.fff" (or with ","): a time of day alone, no zone.
 bool TryISO8601ToTime(std::string_view text, TDateTime& out);
 
+/// A date (whole days) and a time of day as one date-time. Before 1899-12-30 the time counts away from
+/// zero, as the fraction of a negative date-time does; a time rounded up to a whole day is the next
+/// day's midnight.
+TDateTime CombineDateTime(TDateTime date, TDateTime time);
+
 /// "yyyy-mm-dd", "hh:nn:ss[.zzz]" or "yyyy-mm-dd hh:nn:ss[.zzz]" (the kinds SQL databases read); the
 /// milliseconds are written only when they are not 0.
 std::string DateToISO8601(TDateTime value);

@@ -6,6 +6,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstring>
+#include <limits>
 #include <system_error>
 
 namespace kv {
@@ -306,8 +307,16 @@ bool TryStrToFloat(std::string_view s, double& out, const TFormatSettings& fs) {
     double value;
     auto r = std::from_chars(text.data(), text.data() + n, value);
     if (r.ec == std::errc::result_out_of_range) {
-        // Underflow reads as zero; overflow is no number at all.
-        if (text.find("e-") == std::string_view::npos) return false;
+        // Underflow reads as zero. Overflow is no number at all, unless the text is the largest double
+        // written with fewer digits (as FloatToStr writes it) and rounded up past it.
+        if (text.find("e-") == std::string_view::npos) {
+            long double wide;
+            const auto w = std::from_chars(text.data(), text.data() + n, wide);
+            const long double largest = std::numeric_limits<double>::max();
+            if (w.ec != std::errc() || std::fabs(wide) > largest * (1 + 1e-14L)) return false;
+            out = wide < 0 ? -std::numeric_limits<double>::max() : std::numeric_limits<double>::max();
+            return true;
+        }
         out = text[0] == '-' ? -0.0 : 0.0;
         return true;
     }

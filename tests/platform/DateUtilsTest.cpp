@@ -2,6 +2,7 @@
 
 #include "platform/DateUtils.h"
 #include "TestSupport.h"
+#include "expression/KvIPars.h"
 #include "platform/Exceptions.h"
 
 namespace kv {
@@ -37,6 +38,18 @@ TEST(DateUtils, DecodesBothSidesOfDayZero) {
     EXPECT_EQ(DecodeDateTime(1e300).Year, 0); // out of range gives zeros, not garbage
     EXPECT_EQ(DayOfWeek(0), 7);               // 1899-12-30 was a Saturday
     EXPECT_EQ(DayOfWeek(EncodeDate(2026, 11, 23)), 2);
+}
+
+// Before 1899-12-30 the time of day counts away from zero; the first day of year 1 has times too.
+TEST(DateUtils, TimesOfDaysBeforeDayZero) {
+    TDateTime t;
+    ASSERT_TRUE(TryISO8601ToDateTime("1899-12-29 06:00:00", t));
+    EXPECT_DOUBLE_EQ(t, -1.25);
+    ASSERT_TRUE(TryISO8601ToDateTime("1899-12-29 23:59:59.9999", t)); // rounds up to the next midnight
+    EXPECT_DOUBLE_EQ(t, 0);
+    EXPECT_DOUBLE_EQ(TKvDateMask("yyyy-mm-dd hh:nn:ss", U'-', U':').Read("1899-12-29 06:00:00"), -1.25);
+    EXPECT_DOUBLE_EQ(CombineDateTime(-1, 1.0), 0);
+    EXPECT_EQ(DateTimeToISO8601(EncodeDateTime(1, 1, 1, 10, 0, 0, 0)), "0001-01-01 10:00:00");
 }
 
 TEST(DateUtils, TimeStamps) {

@@ -141,6 +141,11 @@ TEST(SysUtils, FloatParsingUsesTheDecimalSeparator) {
     double v;
     ASSERT_TRUE(TryStrToFloat(longNumber, v, us));
     EXPECT_NEAR(v, 1.0 / 3, 1e-15);
+    // The largest double, written with fifteen digits, rounds up past itself and still reads back.
+    const double largest = std::numeric_limits<double>::max();
+    ASSERT_TRUE(TryStrToFloat(FloatToStr(-largest), v, us));
+    EXPECT_EQ(v, -largest);
+    EXPECT_FALSE(TryStrToFloat("1.8E308", v, us)); // beyond it is no number
 }
 
 TEST(SysUtils, FloatToStrGivesFifteenSignificantDigits) {
