@@ -7,11 +7,18 @@ hurts all of them alike.
 
     bench/compare.py csv      [--rows N] [--rounds R] [--baseline KVIMPORT]   CSV into a typed SQLite table
     bench/compare.py sqlite   [--rows N] [--rounds R]   table to table in SQLite, append and appendupdate
+    bench/compare.py check    [--rows N]   the CSV import's tables: the floor's and kvimport's row for row
+
+The CSV comparison includes the floor (bench/floor_import.cpp, from the bench build given by --floor) and
+DuckDB's Node client (after bench/setup.sh) when they are there.
 """
 
 import argparse
+import itertools
+import json
 import os
 import shutil
+import sqlite3
 import statistics
 import subprocess
 import sys
@@ -56,12 +63,25 @@ def compare(title, entries, rounds):
         print(f"- {label}: `{shown}`")
 
 
-def csv_benchmark(args, work, kvimport):
+ORDERS_SCHEMA = ("CREATE TABLE orders(id INTEGER, amount REAL, order_date DATE, customer TEXT, city TEXT, "
+                 "note TEXT, paid BOOLEAN)")
+DUCKDB_ADAPTER = os.path.join(HERE, "duckdb_import.mjs")
+
+
+def orders_csv(args, work):
     data = os.path.join(work, f"orders-{args.rows}.csv")
     if not os.path.exists(data):
         subprocess.run([sys.executable, os.path.join(HERE, "make_csv.py"), str(args.rows), "-o", data], check=True)
-    schema = ("CREATE TABLE orders(id INTEGER, amount REAL, order_date DATE, customer TEXT, city TEXT, "
-              "note TEXT, paid BOOLEAN)")
+    return data
+
+
+def duckdb_installed():
+    return shutil.which("node") and os.path.isdir(os.path.join(HERE, "node_modules", "@duckdb", "node-api"))
+
+
+def csv_benchmark(args, work, kvimport):
+    data = orders_csv(args, work)
+    schema = ORDERS_SCHEMA
     db = os.path.join(work, "orders.sqlite")
     fresh = f"rm -f {db} && sqlite3 {db} '{schema}'"
     python = (f"{sys.executable} -c \"import csv,sqlite3; c=sqlite3.connect('{db}'); f=open('{data}', newline='', "
@@ -75,6 +95,16 @@ def csv_benchmark(args, work, kvimport):
         ("sqlite3 .import --csv", fresh, f"sqlite3 {db} '.import --csv --skip 1 {data} orders'"),
         ("Python csv + executemany", fresh, python),
     ]
+    if os.path.exists(args.floor):
+        entries.append(("floor (bench/floor_import.cpp)", fresh, f"{args.floor} {data} {db}"))
+    else:
+        print(f"(no floor: build {args.floor} with the bench build)", file=sys.stderr)
+    if duckdb_installed():
+        duck = os.path.join(work, "orders.duckdb")
+        entries.append(("DuckDB read_csv (Node client, DuckDB file)", f"rm -f {duck} {duck}.wal",
+                        f"node {DUCKDB_ADAPTER} {data} {duck}"))
+    else:
+        print("(no DuckDB: run bench/setup.sh)", file=sys.stderr)
     compare(f"{args.rows:,} CSV rows into a typed SQLite table ({os.path.getsize(data) / 1e6:.0f} MB)", entries,
             args.rounds)
 
@@ -106,20 +136,68 @@ def sqlite_benchmark(args, work, kvimport):
     ], args.rounds)
 
 
+def check_benchmark(args, work, kvimport):
+    data = orders_csv(args, work)
+    dbs = {}
+    for label, command in (("kvimport", f"{kvimport} import {data} --db {{db}} --table orders --quiet"),
+                           ("floor", f"{args.floor} {data} {{db}}")):
+        db = os.path.join(work, f"check-{label}.sqlite")
+        subprocess.run(f"rm -f {db} && sqlite3 {db} '{ORDERS_SCHEMA}'", shell=True, check=True)
+        subprocess.run(command.format(db=db), shell=True, check=True)
+        dbs[label] = db
+    con = sqlite3.connect(dbs["kvimport"])
+    con.execute("ATTACH ? AS floor", (dbs["floor"],))
+    # Python's values keep SQLite's storage class (int, float, str, None), so a 1 stored as 1.0 or a number
+    # stored as its text differs.
+    rows = differ = 0
+    for ours, floor in itertools.zip_longest(con.execute("SELECT * FROM main.orders ORDER BY id"),
+                                             con.execute("SELECT * FROM floor.orders ORDER BY id")):
+        rows += 1
+        if ours is None or floor is None or ours != floor or list(map(type, ours)) != list(map(type, floor)):
+            differ += 1
+            if differ <= 5:
+                print(f"  kvimport {ours!r}\n  floor    {floor!r}")
+    con.close()
+    print(f"{rows:,} rows of kvimport's table and the floor's, {differ:,} differ")
+    if rows != args.rows or differ:
+        sys.exit(1)
+    if duckdb_installed():
+        # DuckDB's table is in its own file: compare what sums up every column, computed by each engine.
+        duck = os.path.join(work, "check.duckdb")
+        subprocess.run(f"rm -f {duck} {duck}.wal && node {DUCKDB_ADAPTER} {data} {duck}", shell=True, check=True)
+        summary = ("SELECT count(*), count(DISTINCT id), round(sum(amount), 2), min(order_date), max(order_date), "
+                   "sum(length(customer)), count(DISTINCT customer), sum(length(city)), count(note), "
+                   "sum(length(note)), sum(CAST(paid AS INTEGER)) FROM orders")
+        script = ("import('@duckdb/node-api').then(async ({DuckDBInstance}) => { const i = await "
+                  f"DuckDBInstance.create(process.argv[1]); const c = await i.connect(); const r = await "
+                  f"c.runAndReadAll(\"{summary}\"); console.log(JSON.stringify(r.getRows()[0].map(String))); }})")
+        out = subprocess.run(["node", "-e", script, duck], cwd=HERE, check=True, capture_output=True, text=True)
+        theirs = json.loads(out.stdout)
+        con = sqlite3.connect(os.path.join(work, "check-kvimport.sqlite"))
+        mine = [str(v) for v in con.execute(summary).fetchone()]
+        con.close()
+        same = theirs == mine
+        print(f"DuckDB's table {'sums up the same' if same else 'differs'}:\n  kvimport {mine}\n  DuckDB   {theirs}")
+        if not same:
+            sys.exit(1)
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("benchmark", choices=["csv", "sqlite"])
+    parser.add_argument("benchmark", choices=["csv", "sqlite", "check"])
     parser.add_argument("--rows", type=int, default=1000000)
     parser.add_argument("--rounds", type=int, default=3)
     parser.add_argument("--kvimport", default=os.path.join(ROOT, "build", "kvimport"))
     parser.add_argument("--baseline", help="another kvimport build to time beside this one (csv only)")
+    parser.add_argument("--floor", default=os.path.join(ROOT, "build-bench", "bench", "floor_import"))
     parser.add_argument("--work", default=os.path.join(ROOT, "out", "bench"))
     args = parser.parse_args()
     for tool in ("sqlite3", args.kvimport):
         if not shutil.which(tool):
             sys.exit(f"{tool} is needed (run scripts/setup.sh)")
     os.makedirs(args.work, exist_ok=True)
-    {"csv": csv_benchmark, "sqlite": sqlite_benchmark}[args.benchmark](args, args.work, args.kvimport)
+    {"csv": csv_benchmark, "sqlite": sqlite_benchmark, "check": check_benchmark}[args.benchmark](
+        args, args.work, args.kvimport)
 
 
 if __name__ == "__main__":
