@@ -36,7 +36,7 @@ def run_timed(command):
     err = proc.stderr.read().decode(errors="replace")
     if os.waitstatus_to_exitcode(status) != 0:
         sys.exit(f"failed: {command}\n{err}")
-    return elapsed, usage.ru_maxrss / 1024.0  # MiB
+    return elapsed, usage.ru_maxrss / 1024.0, usage.ru_utime + usage.ru_stime  # s, MiB, s
 
 
 def compare(title, entries, rounds):
@@ -45,18 +45,20 @@ def compare(title, entries, rounds):
         for label, setup, command in entries:
             subprocess.run(setup, shell=True, check=True)
             results[label].append(run_timed(command))
-    base = [t for t, _ in results[entries[0][0]]]
+    base = [t for t, _, _ in results[entries[0][0]]]
     print(f"\n### {title}\n")
-    print("| tool | wall time (median of %d) | peak memory | time vs. kvimport |" % rounds)
-    print("|---|---|---|---|")
+    # CPU time (user and system, all threads) is what the load of a shared machine changes least.
+    print("| tool | wall time (median of %d) | CPU time | peak memory | time vs. kvimport |" % rounds)
+    print("|---|---|---|---|---|")
     for label, _, command in entries:
-        times = [t for t, _ in results[label]]
-        memory = max(m for _, m in results[label])
+        times = [t for t, _, _ in results[label]]
+        memory = max(m for _, m, _ in results[label])
+        cpu = statistics.median(c for _, _, c in results[label])
         median = statistics.median(times)
         # Each round's tools ran back to back: their ratio is steadier than the ratio of medians when the
         # machine's speed drifts between rounds.
         ratio = statistics.median(t / b for t, b in zip(times, base))
-        print(f"| {label} | {median:.2f} s | {memory:.0f} MiB | {ratio:.2f} |")
+        print(f"| {label} | {median:.2f} s | {cpu:.2f} s | {memory:.0f} MiB | {ratio:.2f} |")
     print()
     for label, _, command in entries:
         shown = command.replace(ROOT + os.sep, "").replace(sys.executable, "python3")
@@ -97,6 +99,7 @@ def csv_benchmark(args, work, kvimport):
     ]
     if os.path.exists(args.floor):
         entries.append(("floor (bench/floor_import.cpp)", fresh, f"{args.floor} {data} {db}"))
+        entries.append(("floor, one transaction", fresh, f"{args.floor} {data} {db} 0"))
     else:
         print(f"(no floor: build {args.floor} with the bench build)", file=sys.stderr)
     if duckdb_installed():

@@ -2,10 +2,11 @@
 // as directly as one file layout allows. No mapping, no type detection, no error reports; it only knows these
 // seven columns. Values are stored as kvimport stores them, so the two tables compare equal row for row.
 //
-//     floor_import FILE.csv DB.sqlite
+//     floor_import FILE.csv DB.sqlite [COMMIT_EVERY]
 //
-// The table must exist. Like kvimport's command line it commits every 10,000 rows, turns off SQLite's
-// memory statistics and opens the connection without a mutex; the database keeps its default journal.
+// The table must exist. Like kvimport's command line it commits every 10,000 rows (COMMIT_EVERY 0: once at
+// the end), turns off SQLite's memory statistics and opens the connection without a mutex; the database
+// keeps its default journal.
 
 #include <sqlite3.h>
 
@@ -23,7 +24,6 @@
 namespace {
 
 constexpr int kColumns = 7;
-constexpr int kCommitEvery = 10000;
 constexpr size_t kBlock = 1 << 20;
 
 [[noreturn]] void Fail(const std::string& message) {
@@ -109,7 +109,7 @@ Parse Split(const char*& p, const char* end, bool atEof, Record& rec) {
 
 class Importer {
 public:
-    explicit Importer(const char* dbFile) {
+    Importer(const char* dbFile, long commitEvery) : commitEvery_(commitEvery) {
         sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
         if (sqlite3_open_v2(dbFile, &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr) != SQLITE_OK)
             Fail(std::string("cannot open ") + dbFile + ": " + sqlite3_errmsg(db_));
@@ -158,7 +158,7 @@ public:
 
         if (sqlite3_step(insert_) != SQLITE_DONE) Fail("insert: " + std::string(sqlite3_errmsg(db_)));
         sqlite3_reset(insert_);
-        if (++pending_ == kCommitEvery) {
+        if (++pending_ == commitEvery_) {
             Exec("COMMIT");
             Exec("BEGIN");
             pending_ = 0;
@@ -178,21 +178,22 @@ private:
 
     sqlite3* db_ = nullptr;
     sqlite3_stmt* insert_ = nullptr;
-    int pending_ = 0;
+    long commitEvery_;
+    long pending_ = 0;
 };
 
 } // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 3) {
-        std::fprintf(stderr, "usage: floor_import FILE.csv DB.sqlite\n");
+    if (argc != 3 && argc != 4) {
+        std::fprintf(stderr, "usage: floor_import FILE.csv DB.sqlite [COMMIT_EVERY]\n");
         return 2;
     }
     const int fd = open(argv[1], O_RDONLY);
     if (fd < 0) Fail(std::string("cannot open ") + argv[1]);
     posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
 
-    Importer importer(argv[2]);
+    Importer importer(argv[2], argc == 4 ? std::atol(argv[3]) : 10000);
     Record rec;
     std::vector<char> buffer(kBlock);
     size_t have = 0;
