@@ -5,6 +5,7 @@
 #include "platform/Utf8.h"
 
 #include <algorithm>
+#include <atomic>
 #include <climits>
 #include <sqlite3.h>
 
@@ -265,6 +266,19 @@ bool RefusesEveryWrite(int code) {
     throw EDatabaseError(message);
 }
 
+// Whether SQLite answers the query by scanning a table (rather than searching an index).
+bool ScansTable(TKvSQLiteDatabase& db, const std::string& sql) {
+    TSQLiteStatement plan = db.Prepare("EXPLAIN QUERY PLAN " + sql);
+    int rc;
+    while ((rc = sqlite3_step(plan.get())) == SQLITE_ROW) {
+        const unsigned char* detail = sqlite3_column_text(plan.get(), 3);
+        if (detail && std::string_view(reinterpret_cast<const char*>(detail)).starts_with("SCAN"))
+            return true;
+    }
+    if (rc != SQLITE_DONE) db.RaiseError();
+    return false;
+}
+
 } // namespace
 
 void TKvSQLiteDatabase::RaiseError() const {
@@ -419,7 +433,7 @@ TKvSQLiteDataSet::TTableInfo TKvSQLiteDataSet::ReadTableInfo() const {
         sqlite3_bind_text64(statement, 1, tableName_.data(), tableName_.size(), SQLITE_STATIC, SQLITE_UTF8);
     };
 
-    TSQLiteStatement list = db_->Prepare("SELECT type, wr FROM pragma_table_list(?1)");
+    TSQLiteStatement list = db_->Prepare("SELECT type, wr, schema FROM pragma_table_list(?1)");
     bindName(list.get());
     int rc = sqlite3_step(list.get());
     if (rc == SQLITE_DONE) throw EDatabaseError("Table '" + tableName_ + "' does not exist");
@@ -427,6 +441,7 @@ TKvSQLiteDataSet::TTableInfo TKvSQLiteDataSet::ReadTableInfo() const {
     const bool isView =
         std::string_view(reinterpret_cast<const char*>(sqlite3_column_text(list.get(), 0))) == "view";
     info.HasRowid = !isView && sqlite3_column_int(list.get(), 1) == 0;
+    info.Schema = reinterpret_cast<const char*>(sqlite3_column_text(list.get(), 2));
 
     TSQLiteStatement xinfo = db_->Prepare("SELECT name, type, \"notnull\", dflt_value, pk, hidden "
                                           "FROM pragma_table_xinfo(?1) ORDER BY cid");
@@ -554,6 +569,7 @@ std::vector<TFieldDef> TKvSQLiteDataSet::InternalOpen() {
     TTableInfo info = ReadTableInfo();
     if (info.Columns.empty()) throw EDatabaseError("Table '" + tableName_ + "' has no columns");
     columns_ = std::move(info.Columns);
+    schema_ = std::move(info.Schema);
     hasRowid_ = info.HasRowid;
     rowidName_ = std::move(info.RowidName);
     onRow_ = false;
@@ -565,6 +581,10 @@ std::vector<TFieldDef> TKvSQLiteDataSet::InternalOpen() {
 }
 
 void TKvSQLiteDataSet::InternalClose() {
+    for (const auto& [fields, table] : keyTables_) DropKeyTable(table);
+    keyTables_.clear();
+    keyTablesRefused_.clear();
+    lookupScans_.clear();
     statements_.clear();
     lastPostStatement_ = nullptr;
     forward_.reset();
@@ -814,14 +834,34 @@ bool TKvSQLiteDataSet::InternalLocate(const std::vector<int>& fields, const std:
 
     const bool noCase = options.Contains(loCaseInsensitive), partial = options.Contains(loPartialKey);
     std::string key = "l";
+    bool exact = true; // every field compared with IS, as a key table compares
     for (size_t k = 0; k < fields.size(); ++k) {
         char mode = '=';
         if (keys[k].IsString() && (noCase || partial)) {
             // SQLite folds the case of ASCII letters only; other texts are compared here, row by row.
             if (noCase && !IsAscii(keys[k].StringRef())) return ScanLocate(fields, keys, options);
             mode = partial ? (noCase ? 'P' : 'p') : 'n';
+            exact = false;
         }
         key += IntToStr(fields[k]) + mode;
+    }
+    std::string fieldsKey;
+    for (int field : fields) fieldsKey += IntToStr(field) + ";";
+    if (exact) {
+        if (auto found = keyTables_.find(fieldsKey); found != keyTables_.end()) {
+            TKeyTable* table = &found->second;
+            // Rows another connection committed are not in the key table: copy the keys afresh.
+            if (DataVersion() != table->DataVersion) table = BuildKeyTable(fieldsKey, fields);
+            if (table) {
+                if (const std::optional<bool> located = KeyTableLocate(*table, fields, keys)) return *located;
+                // A rollback took the key table away with the transaction that made it.
+                if ((table = BuildKeyTable(fieldsKey, fields)) != nullptr) {
+                    if (const std::optional<bool> located = KeyTableLocate(*table, fields, keys))
+                        return *located;
+                    db_->RaiseError();
+                }
+            }
+        }
     }
     sqlite3_stmt* statement = FindStatement(key);
     if (!statement) {
@@ -842,17 +882,165 @@ bool TKvSQLiteDataSet::InternalLocate(const std::vector<int>& fields, const std:
         }
         sql += " ORDER BY " + rowidName_ + " LIMIT 1";
         statement = AddStatement(key, sql);
+        lookupScans_[key] = exact && ScansTable(*db_, sql);
     }
+    bool located = false;
+    {
+        TResetGuard reset(statement);
+        for (size_t k = 0; k < fields.size(); ++k)
+            BindValue(statement, static_cast<int>(k) + 1, keys[k], columns_[static_cast<size_t>(fields[k])]);
+        const int rc = sqlite3_step(statement);
+        if (rc != SQLITE_ROW && rc != SQLITE_DONE) db_->RaiseError();
+        if (rc == SQLITE_ROW) {
+            located = true;
+            rowid_ = sqlite3_column_int64(statement, 0);
+            onRow_ = true;
+            windowValid_ = false;
+        }
+    }
+    // Enough rows scanned to pay for copying the keys once: later lookups go to a key table.
+    if (lookupScans_[key] && keyTableThreshold_ >= 0 && !keyTablesRefused_.contains(fieldsKey) &&
+        sqlite3_stmt_status(statement, SQLITE_STMTSTATUS_FULLSCAN_STEP, 0) >= keyTableThreshold_)
+        BuildKeyTable(fieldsKey, fields);
+    return located;
+}
+
+bool TKvSQLiteDataSet::HasKeyTable(const std::vector<int>& fields) const {
+    std::string fieldsKey;
+    for (int field : fields) fieldsKey += IntToStr(field) + ";";
+    return keyTables_.contains(fieldsKey);
+}
+
+int64_t TKvSQLiteDataSet::DataVersion() {
+    static const std::string key = "dataversion";
+    sqlite3_stmt* statement = FindStatement(key);
+    if (!statement)
+        statement =
+            AddStatement(key, "PRAGMA " + TKvSQLiteDatabase::QuoteIdentifier(schema_) + ".data_version");
     TResetGuard reset(statement);
-    for (size_t k = 0; k < fields.size(); ++k)
-        BindValue(statement, static_cast<int>(k) + 1, keys[k], columns_[static_cast<size_t>(fields[k])]);
-    const int rc = sqlite3_step(statement);
-    if (rc == SQLITE_DONE) return false;
-    if (rc != SQLITE_ROW) db_->RaiseError();
-    rowid_ = sqlite3_column_int64(statement, 0);
-    onRow_ = true;
-    windowValid_ = false;
-    return true;
+    if (sqlite3_step(statement) != SQLITE_ROW) db_->RaiseError();
+    return sqlite3_column_int64(statement, 0);
+}
+
+TKvSQLiteDataSet::TKeyTable* TKvSQLiteDataSet::BuildKeyTable(const std::string& key,
+                                                             const std::vector<int>& fields) {
+    if (auto found = keyTables_.find(key); found != keyTables_.end()) {
+        DropKeyTable(found->second);
+        keyTables_.erase(found);
+    }
+    // Names unique within the process, so that datasets sharing a connection never meet.
+    static std::atomic<uint64_t> counter{0};
+    TKeyTable table;
+    table.Name = "kvimport_keys_" + IntToStr(static_cast<int64_t>(++counter));
+    const auto quote = TKvSQLiteDatabase::QuoteIdentifier;
+    const std::string name = quote(table.Name), source = quote(schema_) + "." + QuotedTable();
+    std::string keyColumns, sourceColumns, newValues = "new." + rowidName_, where;
+    std::string create = "CREATE TEMP TABLE " + name + " (rid INTEGER PRIMARY KEY";
+    for (size_t k = 0; k < fields.size(); ++k) {
+        const std::string& column = columns_[static_cast<size_t>(fields[k])].Def.Name;
+        // The declared type and collation make values compare exactly as they do in the table.
+        const char* declared = nullptr;
+        const char* collation = nullptr;
+        if (sqlite3_table_column_metadata(db_->Handle(), schema_.c_str(), tableName_.c_str(), column.c_str(),
+                                          &declared, &collation, nullptr, nullptr, nullptr) != SQLITE_OK) {
+            keyTablesRefused_.insert(key);
+            return nullptr;
+        }
+        const std::string k_ = "k" + IntToStr(static_cast<int64_t>(k));
+        create += ", " + k_ + " " + (declared ? declared : "") + " COLLATE " +
+                  quote(collation ? collation : "BINARY");
+        keyColumns += ", " + k_;
+        sourceColumns += ", " + quote(column);
+        newValues += ", new." + quote(column);
+        where += " AND " + k_ + " IS ?" + IntToStr(static_cast<int64_t>(k) + 1);
+    }
+    create += ")";
+    const std::string insert = "INSERT OR REPLACE INTO " + name + " VALUES (" + newValues + ");";
+    const std::string on = " ON " + source + " BEGIN ";
+    try {
+        db_->Execute(create);
+        db_->Execute("INSERT INTO temp." + name + " SELECT " + rowidName_ + sourceColumns + " FROM " +
+                     source);
+        db_->Execute("CREATE INDEX temp." + quote(table.Name + "_key") + " ON " + name + " (" +
+                     keyColumns.substr(2) + ")");
+        db_->Execute("CREATE TEMP TRIGGER " + quote(table.Name + "_insert") + " AFTER INSERT" + on + insert +
+                     " END");
+        db_->Execute("CREATE TEMP TRIGGER " + quote(table.Name + "_delete") + " AFTER DELETE" + on +
+                     "DELETE FROM " + name + " WHERE rid = old." + rowidName_ + "; END");
+        db_->Execute("CREATE TEMP TRIGGER " + quote(table.Name + "_update") + " AFTER UPDATE" + on +
+                     "DELETE FROM " + name + " WHERE rid = old." + rowidName_ + "; " + insert + " END");
+        table.Find = db_->Prepare(
+            "SELECT rid FROM temp." + name + " WHERE" + where.substr(4) + " ORDER BY rid LIMIT 1", true);
+        std::string confirm = "SELECT 1 FROM " + QuotedTable() + " WHERE " + rowidName_ + " = ?" +
+                              IntToStr(static_cast<int64_t>(fields.size()) + 1);
+        for (size_t k = 0; k < fields.size(); ++k)
+            confirm += " AND " + quote(columns_[static_cast<size_t>(fields[k])].Def.Name) + " IS ?" +
+                       IntToStr(static_cast<int64_t>(k) + 1);
+        table.Confirm = db_->Prepare(confirm, true);
+        table.Forget = db_->Prepare("DELETE FROM temp." + name + " WHERE rid = ?1", true);
+        table.DataVersion = DataVersion();
+    } catch (const EDatabaseError&) {
+        DropKeyTable(table);
+        keyTablesRefused_.insert(key);
+        return nullptr;
+    }
+    // Writes prepared before the triggers existed are prepared again, so that they run them.
+    statements_.clear();
+    lastPostStatement_ = nullptr;
+    lookupScans_.clear();
+    return &keyTables_.insert_or_assign(key, std::move(table)).first->second;
+}
+
+void TKvSQLiteDataSet::DropKeyTable(const TKeyTable& table) noexcept {
+    if (!db_ || !db_->Connected()) return;
+    const auto quote = TKvSQLiteDatabase::QuoteIdentifier;
+    try {
+        db_->Execute("DROP TRIGGER IF EXISTS temp." + quote(table.Name + "_insert") +
+                     "; DROP TRIGGER IF EXISTS temp." + quote(table.Name + "_delete") +
+                     "; DROP TRIGGER IF EXISTS temp." + quote(table.Name + "_update") +
+                     "; DROP TABLE IF EXISTS temp." + quote(table.Name));
+    } catch (const Exception&) {
+        // A statement still reading keeps the table locked; the connection drops it when it closes.
+    }
+}
+
+std::optional<bool> TKvSQLiteDataSet::KeyTableLocate(TKeyTable& table, const std::vector<int>& fields,
+                                                     const std::vector<Variant>& keys) {
+    sqlite3_stmt* find = table.Find.get();
+    sqlite3_stmt* confirm = table.Confirm.get();
+    for (;;) {
+        int64_t rowid = 0;
+        {
+            TResetGuard reset(find);
+            for (size_t k = 0; k < fields.size(); ++k)
+                BindValue(find, static_cast<int>(k) + 1, keys[k], columns_[static_cast<size_t>(fields[k])]);
+            const int rc = sqlite3_step(find);
+            if (rc == SQLITE_DONE) return false;
+            if (rc != SQLITE_ROW) return std::nullopt;
+            rowid = sqlite3_column_int64(find, 0);
+        }
+        bool current = false;
+        {
+            // Rows a REPLACE conflict deleted run no delete trigger: the table has the last word.
+            TResetGuard reset(confirm);
+            for (size_t k = 0; k < fields.size(); ++k)
+                BindValue(confirm, static_cast<int>(k) + 1, keys[k],
+                          columns_[static_cast<size_t>(fields[k])]);
+            sqlite3_bind_int64(confirm, static_cast<int>(fields.size()) + 1, rowid);
+            const int rc = sqlite3_step(confirm);
+            if (rc != SQLITE_ROW && rc != SQLITE_DONE) db_->RaiseError();
+            current = rc == SQLITE_ROW;
+        }
+        if (current) {
+            rowid_ = rowid;
+            onRow_ = true;
+            windowValid_ = false;
+            return true;
+        }
+        TResetGuard reset(table.Forget.get());
+        sqlite3_bind_int64(table.Forget.get(), 1, rowid);
+        if (sqlite3_step(table.Forget.get()) != SQLITE_DONE) db_->RaiseError();
+    }
 }
 
 bool TKvSQLiteDataSet::ScanLocate(const std::vector<int>& fields, const std::vector<Variant>& keys,

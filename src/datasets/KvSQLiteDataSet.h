@@ -9,6 +9,13 @@
 //
 // Views and tables WITHOUT ROWID have no stable row address: they are read forward through one
 // statement (Locate scans from the start) and refuse every write.
+//
+// Locate by fields that no index covers scans the table each time, which makes keyed imports quadratic.
+// Once such lookups have stepped through KeyTableThreshold rows, the dataset copies the key columns and
+// rowids into an indexed table of the connection's temp schema (same declared types and collations, so
+// values compare as they do in the table), kept current by temp triggers on the table, and looks keys up
+// there. Nothing is written to the database file itself: read-only files work, and a killed run leaves
+// nothing behind. Where the temp schema refuses (a virtual table, an authorizer), lookups scan as before.
 
 #include "datasets/KvDatabase.h"
 
@@ -17,6 +24,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -111,6 +119,12 @@ public:
     /// Rows read per query while walking the table (default 256).
     int FetchSize() const { return fetchSize_; }
     void SetFetchSize(int rows);
+    /// Rows that lookups by unindexed fields may scan in all before the dataset builds its key table
+    /// (default 10000; 0 builds it at the first such lookup, a negative number never).
+    int64_t KeyTableThreshold() const { return keyTableThreshold_; }
+    void SetKeyTableThreshold(int64_t rows) { keyTableThreshold_ = rows; }
+    /// True while a key table serves lookups by these fields.
+    bool HasKeyTable(const std::vector<int>& fields) const;
     /// True while open on a view or a table without rowid.
     bool ReadOnly() const { return Active() && !hasRowid_; }
 
@@ -145,6 +159,7 @@ private:
     };
     struct TTableInfo {
         std::vector<TColumn> Columns;
+        std::string Schema; // the attached schema holding the table: "main", "temp", ...
         bool HasRowid = false;
         std::string RowidName; // how to name the rowid in SQL (a column may hide "rowid")
     };
@@ -165,6 +180,18 @@ private:
     bool ForwardStep();
     bool ForwardLocate(const std::vector<int>& fields, const std::vector<Variant>& keys,
                        TLocateOptions options);
+    // An indexed copy of the key columns in the temp schema, for lookups by fields no index covers.
+    struct TKeyTable {
+        std::string Name; // of the temp table; its index and triggers are named after it
+        TSQLiteStatement Find, Confirm, Forget;
+        int64_t DataVersion = 0; // the database's, when built: other connections' commits change it
+    };
+    /// Whether a row has these keys; nothing when the key table is gone.
+    std::optional<bool> KeyTableLocate(TKeyTable& table, const std::vector<int>& fields,
+                                       const std::vector<Variant>& keys);
+    TKeyTable* BuildKeyTable(const std::string& key, const std::vector<int>& fields);
+    void DropKeyTable(const TKeyTable& table) noexcept;
+    int64_t DataVersion();
     std::string ColumnList(const TAssignedFields* only = nullptr) const;
     std::string QuotedTable() const { return TKvSQLiteDatabase::QuoteIdentifier(tableName_); }
     void BindAndStep(sqlite3_stmt* statement, bool inserting, const std::vector<Variant>& values,
@@ -173,9 +200,15 @@ private:
     TKvSQLiteDatabase* db_ = nullptr;
     std::string tableName_;
     int fetchSize_ = 256;
+    int64_t keyTableThreshold_ = 10000;
 
     // While open:
     std::vector<TColumn> columns_;
+    std::string schema_;
+    // Key tables by their fields ("0;3"), and the field sets the temp schema refused one for.
+    std::map<std::string, TKeyTable> keyTables_;
+    std::set<std::string> keyTablesRefused_;
+    std::map<std::string, bool> lookupScans_; // lookup statements by key: whether SQLite scans the table
     bool hasRowid_ = false;
     std::string rowidName_;
     std::map<std::string, TSQLiteStatement> statements_;
