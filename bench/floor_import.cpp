@@ -32,7 +32,8 @@ constexpr size_t kBlock = 1 << 20;
 }
 
 void Check(sqlite3* db, int rc, const char* what) {
-    if (rc != SQLITE_OK && rc != SQLITE_DONE && rc != SQLITE_ROW) Fail(std::string(what) + ": " + sqlite3_errmsg(db));
+    if (rc != SQLITE_OK && rc != SQLITE_DONE && rc != SQLITE_ROW)
+        Fail(std::string(what) + ": " + sqlite3_errmsg(db));
 }
 
 // One record's fields. A field without doubled quotes points into the read buffer; one with them is copied,
@@ -64,8 +65,10 @@ Parse Split(const char*& p, const char* end, bool atEof, Record& rec) {
                     if (!atEof || !q) return atEof ? Parse::kMalformed : Parse::kNeedMore;
                 }
                 if (q + 1 < end && q[1] == '"') {
-                    if (!copied) scratch.assign(start, q + 1), copied = true;
-                    else scratch.append(s, q + 1);
+                    if (!copied)
+                        scratch.assign(start, q + 1), copied = true;
+                    else
+                        scratch.append(s, q + 1);
                     s = q + 2;
                     continue;
                 }
@@ -114,8 +117,8 @@ public:
         if (sqlite3_open_v2(dbFile, &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr) != SQLITE_OK)
             Fail(std::string("cannot open ") + dbFile + ": " + sqlite3_errmsg(db_));
         Check(db_,
-              sqlite3_prepare_v3(db_, "INSERT INTO orders VALUES (?,?,?,?,?,?,?)", -1, SQLITE_PREPARE_PERSISTENT,
-                                 &insert_, nullptr),
+              sqlite3_prepare_v3(db_, "INSERT INTO orders VALUES (?,?,?,?,?,?,?)", -1,
+                                 SQLITE_PREPARE_PERSISTENT, &insert_, nullptr),
               "prepare");
         Exec("BEGIN");
     }
@@ -126,7 +129,8 @@ public:
     }
 
     void Row(const Record& rec, long record) {
-        if (rec.count != kColumns) Fail("record " + std::to_string(record) + ": " + std::to_string(rec.count) + " fields");
+        if (rec.count != kColumns)
+            Fail("record " + std::to_string(record) + ": " + std::to_string(rec.count) + " fields");
         const std::string_view* f = rec.field;
 
         long long id = 0;
@@ -152,9 +156,12 @@ public:
         BindText(5, f[4]);
         BindText(6, f[5]);
 
-        if (f[6] == "true") sqlite3_bind_int(insert_, 7, 1);
-        else if (f[6] == "false") sqlite3_bind_int(insert_, 7, 0);
-        else Fail("record " + std::to_string(record) + ": boolean " + std::string(f[6]));
+        if (f[6] == "true")
+            sqlite3_bind_int(insert_, 7, 1);
+        else if (f[6] == "false")
+            sqlite3_bind_int(insert_, 7, 0);
+        else
+            Fail("record " + std::to_string(record) + ": boolean " + std::string(f[6]));
 
         if (sqlite3_step(insert_) != SQLITE_DONE) Fail("insert: " + std::string(sqlite3_errmsg(db_)));
         sqlite3_reset(insert_);
@@ -170,8 +177,10 @@ public:
 private:
     // An empty field is NULL, as kvimport stores it. The text lives until the step right after.
     void BindText(int column, std::string_view text) {
-        if (text.empty()) sqlite3_bind_null(insert_, column);
-        else sqlite3_bind_text(insert_, column, text.data(), static_cast<int>(text.size()), SQLITE_STATIC);
+        if (text.empty())
+            sqlite3_bind_null(insert_, column);
+        else
+            sqlite3_bind_text(insert_, column, text.data(), static_cast<int>(text.size()), SQLITE_STATIC);
     }
 
     void Exec(const char* sql) { Check(db_, sqlite3_exec(db_, sql, nullptr, nullptr, nullptr), sql); }
@@ -202,7 +211,8 @@ int main(int argc, char** argv) {
     long record = 0; // the header is record 0
     while (!eof || have > 0) {
         if (!eof) {
-            if (buffer.size() - have < kBlock / 2) buffer.resize(buffer.size() * 2); // a record longer than a block
+            if (buffer.size() - have < kBlock / 2)
+                buffer.resize(buffer.size() * 2); // a record longer than a block
             const ssize_t got = read(fd, buffer.data() + have, buffer.size() - have);
             if (got < 0) Fail("read failed");
             if (got == 0) eof = true;
@@ -218,8 +228,10 @@ int main(int argc, char** argv) {
                 break;
             }
             if (result == Parse::kMalformed) Fail("record " + std::to_string(record) + ": malformed record");
-            if (header) header = false;
-            else importer.Row(rec, record);
+            if (header)
+                header = false;
+            else
+                importer.Row(rec, record);
             ++record;
         }
         have = static_cast<size_t>(end - p);
