@@ -172,10 +172,6 @@ Variant TField::Value() const {
     return ds.CurrentValue(index_);
 }
 
-void TField::SetValue(Variant value) {
-    Store(value, true);
-}
-
 void TField::SetValueAsItStands(Variant value) {
     Store(value, !dataSet_->StoresAnyValue());
 }

@@ -143,7 +143,7 @@ public:
     Variant Value() const;
     /// Sets the value in the edit buffer, converted to the field's type; EDatabaseError "Dataset not in
     /// edit or insert mode" when the dataset is not editing, "Field 'X' cannot be modified" when ReadOnly.
-    void SetValue(Variant value);
+    void SetValue(Variant value) { Store(value, true); }
     /// Sets the value in the edit buffer as it is, not converted to the field's type: for a dataset that
     /// StoresAnyValue, to keep text that fits no number or date as the text it is.
     void SetValueAsItStands(Variant value);

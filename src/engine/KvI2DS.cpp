@@ -36,9 +36,22 @@ void TKvImportFromDataSet::DetectAutoMapping() {
 void TKvImportFromDataSet::BeforeImport() {
     if (!sourceDataset_->Active()) sourceDataset_->Open();
     fieldsByName_.clear();
+    knownNames_.clear();
 }
 
 Variant TKvImportFromDataSet::GetFieldValue(const Variant& value) {
+    // A mapping line hands over the same name, at the same address, for every row: found by that address
+    // (and its text, since a temporary may take an address another name had), the name is hashed once per
+    // run rather than once per value.
+    if (value.IsString()) {
+        const std::string& name = value.StringRef();
+        for (const TKnownName& known : knownNames_)
+            if (known.Address == name.data() && known.Name == name)
+                return known.Field ? known.Field->Value() : TKvImportBaseComponent::GetFieldValue(value);
+        TField* field = SourceField(name);
+        if (knownNames_.size() < 64) knownNames_.push_back({name.data(), name, field});
+        return field ? field->Value() : TKvImportBaseComponent::GetFieldValue(value);
+    }
     TField* field = SourceField(value.AsString());
     return field ? field->Value() : TKvImportBaseComponent::GetFieldValue(value);
 }

@@ -41,6 +41,12 @@ private:
     TDataSet* sourceDataset_ = nullptr;
     // Fields by the names mappings use, found once per run rather than once per value.
     std::unordered_map<std::string, TField*> fieldsByName_;
+    struct TKnownName {
+        const char* Address;
+        std::string Name;
+        TField* Field;
+    };
+    std::vector<TKnownName> knownNames_; ///< the same, by where the name's text lies
 };
 
 } // namespace kv

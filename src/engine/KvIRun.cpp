@@ -394,7 +394,7 @@ bool TKvImportBaseComponent::KeepsAsText(const TField& field, const Variant& val
 void TKvImportBaseComponent::StoreValue(TField& field, Variant& value) {
     if (value.IsNullOrEmpty()) {
         field.Clear();
-    } else if (KeepsAsText(field, value)) {
+    } else if (value.IsString() && KeepsAsText(field, value)) {
         // As written: the variant rules would round "3.5" into an integer field. A destination that keeps
         // any value reads "12" into its integer column as the number by itself. Booleans are the
         // exception: the dataset reads "true" and "yes" in any case, which the conversion leaves to it.

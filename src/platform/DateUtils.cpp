@@ -608,25 +608,27 @@ bool IsoDigits(std::string_view s, size_t pos, size_t width, int& out) {
 }
 
 // "yyyy-mm-dd[(T| )hh:nn[:ss[(.|,)f...]]]" from the start of `s`; `pos` is left after what was read.
-// "hh:nn[:ss[.fff]]" at `pos`: false when no time stands there, or a part is out of range.
-bool ScanIsoTime(std::string_view s, size_t& pos, TDateTime& out) {
+// "hh:nn[:ss[.fff]]" at `pos`: isNone when no "hh:nn" stands there, isBad when a part is out of range.
+enum TIsoTimeScan { isNone, isBad, isTime };
+
+TIsoTimeScan ScanIsoTime(std::string_view s, size_t& pos, TDateTime& out) {
     int hour, minute, second = 0;
     if (!IsoDigits(s, pos, 2, hour) || pos + 2 >= s.size() || s[pos + 2] != ':' ||
         !IsoDigits(s, pos + 3, 2, minute))
-        return false;
+        return isNone;
     size_t at = pos + 5;
     int64_t msec = 0;
     if (at < s.size() && s[at] == ':') {
-        if (!IsoDigits(s, at + 1, 2, second)) return false;
+        if (!IsoDigits(s, at + 1, 2, second)) return isBad;
         at += 3;
         if (at + 1 < s.size() && (s[at] == '.' || s[at] == ',') && s[at + 1] >= '0' && s[at + 1] <= '9')
             msec = ReadFractionMSecs(s, ++at);
     }
-    if (hour > 23 || minute > 59 || second > 59) return false;
+    if (hour > 23 || minute > 59 || second > 59) return isBad;
     const int64_t ms = ((hour * 60LL + minute) * 60 + second) * 1000 + msec;
     out = static_cast<double>(ms) / static_cast<double>(MSecsPerDay);
     pos = at;
-    return true;
+    return isTime;
 }
 
 bool ScanIsoDateTime(std::string_view s, size_t& pos, TDateTime& out, bool& hasTime) {
@@ -641,12 +643,10 @@ bool ScanIsoDateTime(std::string_view s, size_t& pos, TDateTime& out, bool& hasT
     out = date;
     if (pos == s.size() || (s[pos] != 'T' && s[pos] != 't' && s[pos] != ' ')) return true;
     size_t at = pos + 1;
-    int hour, minute;
-    if (!IsoDigits(s, at, 2, hour) || at + 2 >= s.size() || s[at + 2] != ':' ||
-        !IsoDigits(s, at + 3, 2, minute))
-        return true; // the date alone; what follows is for the caller to judge
     TDateTime time;
-    if (!ScanIsoTime(s, at, time)) return false;
+    const TIsoTimeScan scan = ScanIsoTime(s, at, time);
+    if (scan == isNone) return true; // the date alone; what follows is for the caller to judge
+    if (scan == isBad) return false;
     pos = at;
     out = CombineDateTime(date, time);
     hasTime = true;
@@ -675,7 +675,7 @@ bool TryISO8601ToDateTime(std::string_view text, TDateTime& out) {
 bool TryISO8601ToTime(std::string_view text, TDateTime& out) {
     size_t pos = 0;
     TDateTime value;
-    if (!ScanIsoTime(text, pos, value) || pos != text.size()) return false;
+    if (ScanIsoTime(text, pos, value) != isTime || pos != text.size()) return false;
     out = value;
     return true;
 }
