@@ -10,6 +10,7 @@
 #include "readers/text/KvTextFields.h"
 #include "readers/text/KvTextFile.h"
 #include "readers/text/KvTextReadAhead.h"
+#include "readers/text/KvTextSniff.h"
 #include "readers/text/KvTextTypes.h"
 
 #include <algorithm>
@@ -55,6 +56,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const char32_t delimiters[] = {U',', U'\t', U';', 0, U'\u00A7', U'|', U'"', U'\n'};
     static const char32_t qualifiers[] = {U'"', U'\'', 0, U'\u00AB'};
     static const char* const separators[] = {"\r\n", "\n", "", "||", "\xC2\xB6", ";", "\r", "ab"};
+    // The guess of the delimiter is one of its candidates, or the fallback; a delimiter given is kept.
+    const std::string_view sample(reinterpret_cast<const char*>(data) + 3, size - 3);
+    const char32_t guessed = kv::SniffTextDialect(sample, U'\t').Delimiter;
+    if (guessed != U',' && guessed != U';' && guessed != U'\t' && guessed != U'|') std::abort();
+    if (kv::SniffTextDialect(sample, U',', U'\u00A7').Delimiter != U'\u00A7') std::abort();
+
     kv::TKvTextFileSettings settings;
     settings.FieldDelimiter = delimiters[data[0] & 7];
     settings.TextQualifier = qualifiers[(data[0] >> 3) & 3];
