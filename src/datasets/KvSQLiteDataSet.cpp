@@ -845,9 +845,9 @@ bool TKvSQLiteDataSet::InternalLocate(const std::vector<int>& fields, const std:
         }
         key += IntToStr(fields[k]) + mode;
     }
-    std::string fieldsKey;
-    for (int field : fields) fieldsKey += IntToStr(field) + ";";
-    if (exact) {
+    // Made only where key tables are in play: a lookup through an index builds no second key.
+    const std::string fieldsKey = exact && !keyTables_.empty() ? FieldsKey(fields) : std::string();
+    if (exact && !keyTables_.empty()) {
         if (auto found = keyTables_.find(fieldsKey); found != keyTables_.end()) {
             TKeyTable* table = &found->second;
             // Rows another connection committed are not in the key table: copy the keys afresh.
@@ -899,16 +899,22 @@ bool TKvSQLiteDataSet::InternalLocate(const std::vector<int>& fields, const std:
         }
     }
     // Enough rows scanned to pay for copying the keys once: later lookups go to a key table.
-    if (lookupScans_[key] && keyTableThreshold_ >= 0 && !keyTablesRefused_.contains(fieldsKey) &&
-        sqlite3_stmt_status(statement, SQLITE_STMTSTATUS_FULLSCAN_STEP, 0) >= keyTableThreshold_)
-        BuildKeyTable(fieldsKey, fields);
+    if (exact && lookupScans_[key] && keyTableThreshold_ >= 0 &&
+        sqlite3_stmt_status(statement, SQLITE_STMTSTATUS_FULLSCAN_STEP, 0) >= keyTableThreshold_) {
+        const std::string scanned = FieldsKey(fields);
+        if (!keyTablesRefused_.contains(scanned)) BuildKeyTable(scanned, fields);
+    }
     return located;
 }
 
+std::string TKvSQLiteDataSet::FieldsKey(const std::vector<int>& fields) {
+    std::string key;
+    for (int field : fields) key += IntToStr(field) + ";";
+    return key;
+}
+
 bool TKvSQLiteDataSet::HasKeyTable(const std::vector<int>& fields) const {
-    std::string fieldsKey;
-    for (int field : fields) fieldsKey += IntToStr(field) + ";";
-    return keyTables_.contains(fieldsKey);
+    return keyTables_.contains(FieldsKey(fields));
 }
 
 int64_t TKvSQLiteDataSet::DataVersion() {

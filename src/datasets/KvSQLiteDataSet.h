@@ -149,6 +149,8 @@ protected:
     int InternalRecordCount() override;
 
 private:
+    /// The fields of a lookup as the name of its key table ("0;2;").
+    static std::string FieldsKey(const std::vector<int>& fields);
     friend class TKvSQLiteDatabase;
 
     struct TColumn {
