@@ -111,33 +111,5 @@ TEST(FaultInjection, EachReadFailsInTurn) {
     }
 }
 
-TEST(FaultInjection, TheCheckTellsAWrongTableFromARightOne) {
-    // The rule itself: a table with a row of an uncommitted transaction, or a statistic that does not
-    // match, is reported.
-    TFaultPlan plan;
-    plan.CommitCount = 3;
-    TFaultRun clean;
-    clean.Result = irExecuted;
-    clean.Statistic.TotalImported = clean.Statistic.TotalAdded = 6;
-    clean.Table = FirstRows(6);
-    TFaultRun failed;
-    failed.Result = irFailed;
-    failed.Statistic.TotalImported = 5;
-    failed.Statistic.TotalAdded = 4;
-    failed.Statistic.TotalErrors = 1;
-    failed.FailedRows = {5};
-    failed.RolledBack = 1;
-    failed.Table = FirstRows(3);
-    EXPECT_EQ(CheckFaultRun(plan, clean, failed), "");
-    failed.Table = FirstRows(4);
-    EXPECT_EQ(CheckFaultRun(plan, clean, failed), "the table holds [1 2 3 4] where [1 2 3] were due");
-    failed.Table = FirstRows(3);
-    failed.RolledBack = 0;
-    EXPECT_EQ(CheckFaultRun(plan, clean, failed), "4 rows added, 0 rolled back, 3 in the table");
-    failed.RolledBack = 1;
-    failed.Statistic.TotalErrors = 2;
-    EXPECT_EQ(CheckFaultRun(plan, clean, failed), "2 errors counted for the failed rows [5]");
-}
-
 } // namespace
 } // namespace kv::test

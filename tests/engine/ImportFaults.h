@@ -1,8 +1,7 @@
 #pragma once
-// A CSV imported into an SQLite table the way the command line does it (a transaction open from the
-// start, a commit after every CommitCount rows, a rollback when the run fails), with one operation made
-// to fail: the Nth write of the table or the Nth read of the source stream. CheckFaultRun says whether
-// a run with a fault left what a run without one allows. Shared by the test and the fuzz target.
+// A CSV imported into an SQLite table in the command line's transactions, with the Nth write of the
+// table or the Nth read of the source failing; CheckFaultRun says whether what is left is allowed.
+// Shared by the test and the fuzz target.
 
 #include "datasets/KvSQLiteDataSet.h"
 #include "engine/KvISettings.h"
@@ -19,8 +18,7 @@
 
 namespace kv::test {
 
-/// A table whose write number FailAt (counted from 1) fails: a row error, or a database that refuses
-/// every write from then on.
+/// Write number FailAt (from 1) fails: a row error, or a database refusing every write from then on.
 class TFaultyTable : public TKvSQLiteDataSet {
 public:
     using TKvSQLiteDataSet::TKvSQLiteDataSet;
@@ -39,8 +37,7 @@ protected:
     }
 };
 
-/// Seekable bytes (not a TMemoryStream, so the reader reads them block by block) whose read number
-/// FailAt (counted from 1) raises EReadError.
+/// Seekable bytes (no TMemoryStream, so they are read block by block); read number FailAt fails.
 class TFaultyStream : public TStream {
 public:
     explicit TFaultyStream(std::string_view bytes) : bytes_(bytes) {}
@@ -66,14 +63,6 @@ public:
 private:
     std::string_view bytes_;
     size_t position_ = 0;
-};
-
-/// The text source reading its stream in small blocks, so that a small text takes many reads.
-class TSmallBlockText : public TKvImportFromText {
-public:
-    TSmallBlockText(TComponent* owner, size_t blockSize) : TKvImportFromText(owner) {
-        File().Settings().BlockSize = blockSize;
-    }
 };
 
 struct TFaultPlan {
@@ -107,6 +96,11 @@ inline TFaultRun RunWithFault(const TFaultPlan& plan) {
     table->SetTableName("t");
     table->FailAt = plan.FailPost;
     table->Unwritable = plan.Unwritable;
+    struct TSmallBlockText : TKvImportFromText { // small blocks: a small text takes many reads
+        TSmallBlockText(TComponent* owner, size_t size) : TKvImportFromText(owner) {
+            File().Settings().BlockSize = size;
+        }
+    };
     auto* text = new TSmallBlockText(&root, plan.BlockSize);
     text->SetAnimatedStatus(false);
     text->SetDataSet(table);
@@ -120,7 +114,7 @@ inline TFaultRun RunWithFault(const TFaultPlan& plan) {
     text->Mappings().Add("b=Field2");
 
     TFaultRun run;
-    // The command line's transactions: commits follow the rows done, whatever the rows' outcome.
+    // Commits follow the rows done, whatever the rows' outcome.
     const TKvIStatistic& s = text->Statistic();
     int committedWrites = 0;
     const auto writes = [&] { return s.TotalAdded + s.TotalUpdated + s.TotalDeleted; };
@@ -161,9 +155,8 @@ inline TFaultRun RunWithFault(const TFaultPlan& plan) {
     return run;
 }
 
-/// What is wrong with `run`, a run of `plan` with its fault, given `clean`, the run without one: ""
-/// when nothing. A run that went on keeps every row but the failed ones; a run that failed keeps the
-/// rows of its committed transactions only; the statistic matches the table.
+/// What is wrong with `run` given `clean`, the run without the fault ("" when nothing): a run that went
+/// on keeps every row but the failed ones, a failed one its committed rows only; the statistic matches.
 inline std::string CheckFaultRun(const TFaultPlan& plan, const TFaultRun& clean, const TFaultRun& run) {
     const TKvIStatistic& s = run.Statistic;
     const auto list = [](const std::vector<int>& rows) {
@@ -176,7 +169,6 @@ inline std::string CheckFaultRun(const TFaultPlan& plan, const TFaultRun& clean,
     if (s.TotalErrors != static_cast<int>(run.FailedRows.size()))
         return std::to_string(s.TotalErrors) + " errors counted for the failed rows " + list(run.FailedRows);
     if (run.FailedRows.size() > 1) return "one fault failed the rows " + list(run.FailedRows);
-    // The rows a run that went on keeps; a failed run keeps those of the commits before its last row.
     int last = clean.Statistic.TotalImported;
     if (run.Result == irFailed) {
         last = s.TotalImported == 0   ? 0
