@@ -8,7 +8,6 @@
 #include "platform/SysUtils.h"
 
 #include <cstdint>
-#include <functional>
 #include <memory>
 
 namespace kv {
@@ -27,8 +26,6 @@ public:
     virtual TDataSet& Reopen() = 0;
     /// Any value goes into any field, whatever its type (TField::SetValueAsItStands keeps it).
     virtual bool StoresAnyValue() const = 0;
-    /// Fields read back with the types they were made with; otherwise with a type of the same kind.
-    virtual bool KeepsFieldTypes() const = 0;
 };
 
 class MemTables : public TableFactory {
@@ -44,7 +41,6 @@ public:
         return table_;
     }
     bool StoresAnyValue() const override { return false; }
-    bool KeepsFieldTypes() const override { return true; }
 
 private:
     TKvMemDataSet table_;
@@ -61,7 +57,6 @@ public:
     }
     TDataSet& Reopen() override { return *db_.OpenDataSet(table_, &root_); }
     bool StoresAnyValue() const override { return storesAnyValue_; }
-    bool KeepsFieldTypes() const override { return false; }
 
 private:
     test::TempDir dir_;
@@ -71,23 +66,10 @@ private:
     const std::string table_ = "conformance \"table\"";
 };
 
-struct Implementation {
-    std::string Name;
-    std::function<std::unique_ptr<TableFactory>()> Make;
-};
-
-void PrintTo(const Implementation& implementation, std::ostream* out) {
-    *out << implementation.Name;
-}
-
-std::string ImplementationName(const ::testing::TestParamInfo<Implementation>& param) {
-    return param.param.Name;
-}
-
-std::vector<Implementation> Implementations() {
-    std::vector<Implementation> all = {{"Memory", [] { return std::make_unique<MemTables>(); }}};
-    for (const test::DatabaseTarget& target : test::DatabaseTargets())
-        all.push_back({target.Name, [target] { return std::make_unique<DatabaseTables>(target); }});
+// The memory table first, marked by a target without Make, then each database.
+std::vector<test::DatabaseTarget> Implementations() {
+    std::vector<test::DatabaseTarget> all = test::DatabaseTargets();
+    all.insert(all.begin(), {"Memory", nullptr});
     return all;
 }
 
@@ -99,9 +81,14 @@ bool SameValue(const Variant& a, const Variant& b) {
     return integer(a) && integer(b) ? a.AsInt64() == b.AsInt64() : a.Identical(b);
 }
 
-class DataSetConformance : public ::testing::TestWithParam<Implementation> {
+std::unique_ptr<TableFactory> Factory(const test::DatabaseTarget& target) {
+    if (!target.Make) return std::make_unique<MemTables>();
+    return std::make_unique<DatabaseTables>(target);
+}
+
+class DataSetConformance : public ::testing::TestWithParam<test::DatabaseTarget> {
 protected:
-    DataSetConformance() : factory(GetParam().Make()) {}
+    DataSetConformance() : factory(Factory(GetParam())) {}
 
     // ID, Name and Age, one row per name (ages 20, 21, ...; IDs 1, 2, ...).
     TDataSet& People(const std::vector<std::string>& names) {
@@ -137,27 +124,18 @@ protected:
 };
 
 TEST_P(DataSetConformance, FirstAndNextWalkTheRowsInTheOrderTheyWereAdded) {
-    TDataSet& empty = factory->Make({Field("N", ftInteger)});
-    EXPECT_TRUE(empty.Active());
-    EXPECT_TRUE(empty.Eof());
-    EXPECT_TRUE(empty.Bof());
-    EXPECT_TRUE(empty.IsEmpty());
-    EXPECT_EQ(empty.RecordCount(), 0);
-    empty.Next(); // at the end: stays there
-    EXPECT_TRUE(empty.Eof());
-    EXPECT_TRUE(empty.Fields(0).IsNull()); // no current record
-
-    auto other = GetParam().Make();
-    TDataSet& ds = other->Make({Field("N", ftInteger)});
+    TDataSet& ds = factory->Make({Field("N", ftInteger)});
+    EXPECT_TRUE(ds.Eof() && ds.Bof() && ds.IsEmpty());
+    ds.Next(); // at the end: stays there
+    EXPECT_TRUE(ds.Eof());
+    EXPECT_TRUE(ds.Fields(0).IsNull()); // no current record
     for (int n : {30, 10, 20}) Insert(ds, {n});
     EXPECT_EQ(ds.RecordCount(), 3);
     ds.First();
     EXPECT_TRUE(ds.Bof());
     EXPECT_EQ(Walk(ds), "30,10,20");
     EXPECT_EQ(ds.Fields(0).AsString(), "20"); // still on the last row
-    ds.Next();
-    EXPECT_TRUE(ds.Eof());
-    EXPECT_EQ(Walk(other->Reopen()), "30,10,20");
+    EXPECT_EQ(Walk(factory->Reopen()), "30,10,20");
 }
 
 TEST_P(DataSetConformance, AppendPostsANewRowAndCancelDropsIt) {
@@ -167,7 +145,6 @@ TEST_P(DataSetConformance, AppendPostsANewRowAndCancelDropsIt) {
     EXPECT_EQ(ds.State(), dsInsert);
     EXPECT_TRUE(name.IsNull());
     name.SetValue("Bob");
-    EXPECT_EQ(name.AsString(), "Bob");
     ds.Post();
     EXPECT_EQ(ds.State(), dsBrowse);
     EXPECT_EQ(name.AsString(), "Bob"); // on the new row
@@ -204,11 +181,9 @@ TEST_P(DataSetConformance, EditWritesTheAssignedFieldsOnly) {
     ds.FieldByName("Name").Clear();
     ds.Post();
     EXPECT_EQ(ds.FieldByName("Age").AsString(), "40"); // still on the edited row
-    EXPECT_EQ(ds.RecordCount(), 2);
-    TDataSet& stored = factory->Reopen();
-    EXPECT_EQ(Walk(stored), "1|Ada|20,2||40");
+    EXPECT_EQ(Walk(factory->Reopen()), "1|Ada|20,2||40");
 
-    auto other = GetParam().Make();
+    auto other = Factory(GetParam());
     TDataSet& none = other->Make({Field("N", ftInteger)});
     none.Edit(); // nothing to edit: a new record
     EXPECT_EQ(none.State(), dsInsert);
@@ -289,53 +264,35 @@ TEST_P(DataSetConformance, LocateFindsTheFirstMatchAndStaysPutOtherwise) {
     EXPECT_EQ(ds.RecordCount(), 7);
 }
 
-TEST_P(DataSetConformance, FieldsAreFoundByNameOrIndex) {
-    TDataSet& ds = People({"Ada"});
-    ASSERT_EQ(ds.FieldCount(), 3);
-    const char* names[] = {"ID", "Name", "Age"};
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(ds.Fields(i).FieldName(), names[i]);
-        EXPECT_EQ(ds.Fields(i).Index(), i);
-        EXPECT_EQ(&ds.Fields(i).DataSet(), &ds);
-        EXPECT_EQ(ds.FindField(UpperCase(names[i])), &ds.Fields(i));
-    }
-    EXPECT_EQ(ds.FindField("Nope"), nullptr);
-    EXPECT_EQ(ds.GetFieldValue("age").AsInteger(), 20);
-    EXPECT_EQ(ErrorOf([&] { ds.FieldByName("Nope"); }), "Field 'Nope' not found");
-    EXPECT_EQ(ErrorOf([&] { ds.Fields(3); }), "List index out of bounds (3)");
-    EXPECT_THROW(ds.Fields(-1), EListError);
-    ds.SetName("People"); // errors then name the dataset
-    EXPECT_EQ(ErrorOf([&] { ds.FieldByName("Nope"); }), "People: Field 'Nope' not found");
-    EXPECT_EQ(ErrorOf([&] { ds.Fields(1).SetValue("x"); }), "People: Dataset not in edit or insert mode");
-}
-
 TEST_P(DataSetConformance, WritesAreRefusedOutsideEditModeAndToReadOnlyFields) {
     TDataSet& ds = People({"Ada"});
     TField& name = ds.FieldByName("Name");
-    EXPECT_EQ(ErrorOf([&] { name.SetValue("x"); }), "Dataset not in edit or insert mode");
     EXPECT_EQ(ErrorOf([&] { name.Clear(); }), "Dataset not in edit or insert mode");
+    ds.SetName("People"); // errors then name the dataset
+    EXPECT_EQ(ErrorOf([&] { name.SetValue("x"); }), "People: Dataset not in edit or insert mode");
     EXPECT_EQ(name.AsString(), "Ada");
+    EXPECT_EQ(ds.FindField("NAME"), &name);
+    EXPECT_EQ(ds.FindField("Nope"), nullptr);
+    EXPECT_THROW(ds.Fields(3), EListError);
 
     name.SetReadOnly(true);
     ds.Edit();
-    EXPECT_EQ(ErrorOf([&] { name.SetValue("x"); }), "Field 'Name' cannot be modified");
+    EXPECT_EQ(ErrorOf([&] { name.SetValue("x"); }), "People: Field 'Name' cannot be modified");
     ds.FieldByName("Age").SetValue(30);
     ds.Post();
     ds.Append();
-    EXPECT_EQ(ErrorOf([&] { name.SetValue("y"); }), "Field 'Name' cannot be modified");
+    EXPECT_THROW(name.SetValue("y"), EDatabaseError);
     ds.Fields(0).SetValue(2);
     ds.Post();
     EXPECT_EQ(Walk(factory->Reopen()), "1|Ada|30,2||");
 
     ds.Close();
     EXPECT_EQ(ErrorOf([&] { ds.First(); }), "Cannot perform this operation on a closed dataset");
-    EXPECT_EQ(ErrorOf([&] { ds.Append(); }), "Cannot perform this operation on a closed dataset");
-    EXPECT_EQ(ErrorOf([&] { ds.RecordCount(); }), "Cannot perform this operation on a closed dataset");
+    EXPECT_THROW(ds.Append(), EDatabaseError);
 }
 
 TEST_P(DataSetConformance, RequiredFieldsRefuseNullAndTheNextRowStillGoesIn) {
     TDataSet& ds = factory->Make({Field("Code", ftInteger), Field("Name", ftString, true)});
-    EXPECT_TRUE(ds.FieldByName("Name").Required());
     ds.Append();
     ds.Fields(0).SetValue(1);
     EXPECT_THROW(ds.Post(), EDatabaseError);
@@ -353,7 +310,8 @@ TEST_P(DataSetConformance, RequiredFieldsRefuseNullAndTheNextRowStillGoesIn) {
 }
 
 TEST_P(DataSetConformance, AutoIncFieldsNumberTheRowsThatComeWithoutOne) {
-    TDataSet& ds = factory->Make({Field("ID", ftAutoInc), Field("Name", ftString)});
+    // Required, yet a row without a number goes in.
+    TDataSet& ds = factory->Make({Field("ID", ftAutoInc, true), Field("Name", ftString)});
     EXPECT_EQ(ds.Fields(0).DataType(), ftAutoInc);
     Insert(ds, {Variant::Null(), "a"});
     EXPECT_EQ(ds.Fields(0).Value().AsInteger(), 1); // the cursor is on the new row, with its number
@@ -417,10 +375,7 @@ TEST_P(DataSetConformance, ValuesReadBackAsTheyWereWritten) {
         EXPECT_TRUE(read->Eof());
         for (size_t c = 0; c < std::size(columns); ++c) {
             const TFieldType type = read->Fields(static_cast<int>(c)).DataType();
-            if (factory->KeepsFieldTypes())
-                EXPECT_EQ(type, columns[c].type) << FieldTypeName(type);
-            else
-                EXPECT_EQ(test::KindOf(type), test::KindOf(columns[c].type)) << FieldTypeName(type);
+            EXPECT_EQ(test::KindOf(type), test::KindOf(columns[c].type)) << FieldTypeName(type);
         }
     }
 }
@@ -441,7 +396,7 @@ TEST_P(DataSetConformance, TextThatFitsNoFieldTypeIsKeptOnlyWhereAnyValueGoes) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Implementations, DataSetConformance, ::testing::ValuesIn(Implementations()),
-                         ImplementationName);
+                         test::TargetName);
 
 } // namespace
 } // namespace kv

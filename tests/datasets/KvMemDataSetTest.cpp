@@ -77,12 +77,6 @@ TEST(KvMemDataSet, RowsAreStoredConvertedAndOutliveClose) {
     EXPECT_TRUE(ds.FieldByName("Extra").IsNull());
     ds.EmptyTable();
     EXPECT_TRUE(ds.IsEmpty());
-
-    EXPECT_FALSE(ds.PublishedProperty("TableName")); // published only when set
-    ds.SetTableName("Customers");
-    ds.SetIndexFieldName("Country;Code");
-    EXPECT_EQ(ds.PublishedProperty("TableName"), "Customers");
-    EXPECT_EQ(ds.PublishedProperty("IndexFieldName"), "Country;Code");
 }
 
 } // namespace

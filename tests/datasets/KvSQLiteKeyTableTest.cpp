@@ -5,6 +5,7 @@
 #include "platform/SysUtils.h"
 
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <memory>
 #include <sqlite3.h>
@@ -18,9 +19,9 @@ protected:
 
     std::unique_ptr<TKvSQLiteDataSet> Table(const std::string& name, int64_t threshold) {
         auto ds = std::make_unique<TKvSQLiteDataSet>();
+        ds->SetKeyTableThreshold(threshold);
         ds->SetDatabase(&db);
         ds->SetTableName(name);
-        ds->SetKeyTableThreshold(threshold);
         ds->Open();
         return ds;
     }
@@ -167,31 +168,42 @@ TEST_F(KeyTableTest, NeverWritesTheDatabaseFile) {
     EXPECT_EQ(FileBytes(), before);
 }
 
-TEST_F(KeyTableTest, SeesWhatOtherConnectionsCommit) {
-    db.Execute("CREATE TABLE t (id INTEGER PRIMARY KEY, code TEXT); INSERT INTO t (code) VALUES ('a')");
-    auto ds = Table("t", 0);
-    EXPECT_EQ(Find(*ds, "code", Variant("b")), "-");
-    ASSERT_TRUE(ds->HasKeyTable({1}));
+TEST_F(KeyTableTest, SeesWritesAroundIt) {
     TKvSQLiteDatabase other;
     other.Open(dir.File("test.db"));
-    other.Execute("INSERT INTO t (code) VALUES ('b'); DELETE FROM t WHERE code = 'a'");
-    EXPECT_EQ(Find(*ds, "code", Variant("b")), "2");
-    EXPECT_EQ(Find(*ds, "code", Variant("a")), "-");
-}
-
-TEST_F(KeyTableTest, SeesWritesOfOtherDataSetsOnTheConnection) {
-    db.Execute("CREATE TABLE t (id INTEGER PRIMARY KEY, code TEXT); INSERT INTO t (code) VALUES ('a')");
-    auto writer = Table("t", -1);
-    writer->Append(); // its insert is prepared before the key table and its triggers exist
-    writer->FieldByName("code").SetValue(Variant("b"));
-    writer->Post();
-    auto ds = Table("t", 0);
-    EXPECT_EQ(Find(*ds, "code", Variant("b")), "2");
-    ASSERT_TRUE(ds->HasKeyTable({1}));
-    writer->Append();
-    writer->FieldByName("code").SetValue(Variant("c"));
-    writer->Post();
-    EXPECT_EQ(Find(*ds, "code", Variant("c")), "3");
+    std::unique_ptr<TKvSQLiteDataSet> writer;
+    const auto append = [&](TKvSQLiteDataSet& ds, const char* code) {
+        ds.Append();
+        ds.FieldByName("code").SetValue(Variant(code));
+        ds.Post();
+    };
+    const struct {
+        const char* name;
+        std::function<void()> write;
+        std::string expected; // the ids of 'a', 'b' and 'c'
+    } cases[] = {
+        {"another connection commits",
+         [&] { other.Execute("INSERT INTO t (code) VALUES ('c'); DELETE FROM t WHERE code = 'a'"); }, "-23"},
+        {"another dataset on the connection", [&] { append(*writer, "c"); }, "123"},
+        // A REPLACE conflict deletes the old row without running delete triggers.
+        {"a row replaced on conflict", [&] { db.Execute("INSERT INTO t (code, u) VALUES ('c', 'x')"); },
+         "-23"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        db.Execute("DROP TABLE IF EXISTS t; CREATE TABLE t (id INTEGER PRIMARY KEY, code TEXT,"
+                   " u TEXT UNIQUE ON CONFLICT REPLACE); INSERT INTO t (code, u) VALUES ('a', 'x')");
+        writer = Table("t", -1);
+        append(*writer, "b"); // its insert is prepared before the key table and its triggers exist
+        auto ds = Table("t", 0);
+        EXPECT_EQ(Find(*ds, "code", Variant("b")), "2");
+        ASSERT_TRUE(ds->HasKeyTable({1}));
+        c.write();
+        std::string ids;
+        for (const char* code : {"a", "b", "c"}) ids += Find(*ds, "code", Variant(code));
+        EXPECT_EQ(ids, c.expected);
+        writer.reset();
+    }
 }
 
 TEST_F(KeyTableTest, FollowsRollbacks) {
@@ -211,18 +223,6 @@ TEST_F(KeyTableTest, FollowsRollbacks) {
         EXPECT_EQ(Find(*ds, "code", Variant("b")), "-");
         EXPECT_EQ(Find(*ds, "code", Variant("a")), "1");
     }
-}
-
-TEST_F(KeyTableTest, RowsReplacedOnConflictAreNotFound) {
-    // A REPLACE conflict deletes the old row without running delete triggers.
-    db.Execute("CREATE TABLE t (id INTEGER PRIMARY KEY, k TEXT, code TEXT UNIQUE ON CONFLICT REPLACE);"
-               "INSERT INTO t (k, code) VALUES ('a', 'x'), ('b', 'y')");
-    auto ds = Table("t", 0);
-    EXPECT_EQ(Find(*ds, "k", Variant("a")), "1");
-    ASSERT_TRUE(ds->HasKeyTable({1}));
-    db.Execute("INSERT INTO t (k, code) VALUES ('c', 'x')");
-    EXPECT_EQ(Find(*ds, "k", Variant("a")), "-");
-    EXPECT_EQ(Find(*ds, "k", Variant("c")), "3");
 }
 
 TEST_F(KeyTableTest, IndexedAndCaseInsensitiveLookupsNeedNone) {
