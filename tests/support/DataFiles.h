@@ -9,7 +9,6 @@
 
 namespace kv::test {
 
-/// Turns a file into text, or throws the reader's error.
 using TDataDump = std::function<std::string(const std::string& path)>;
 
 struct TDataReader {
@@ -17,14 +16,12 @@ struct TDataReader {
     TDataDump Dump;
 };
 
-/// Every reader that has files under tests/data.
 const std::vector<TDataReader>& DataReaders();
 
 struct TDataCase {
-    std::string Reader;   ///< the folder it is in
-    std::string File;     ///< its name ("quoted-multiline.csv")
-    std::string Path;     ///< the input
-    std::string Expected; ///< the expected output beside it
+    std::string Reader; ///< the folder it is in
+    std::string File;   ///< its name ("quoted-multiline.csv")
+    std::string Path, Expected;
     bool MustFail = false;
 };
 
