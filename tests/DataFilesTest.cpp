@@ -39,92 +39,69 @@ std::string Shout(const std::string& path) {
     return text;
 }
 
-TEST(DataFileWalk, FindsTheCasesOfEveryFolder) {
-    TempDir dir;
-    std::filesystem::create_directories(dir.File("shout"));
-    std::filesystem::create_directories(dir.File("other"));
-    for (const char* name : {"shout/b.txt", "shout/b.expected", "shout/bad-a.bin", "shout/.hidden",
-                             "shout/README.md", "other/x-1.dat", "top-level.txt"})
-        WriteFile(dir.File(name), "");
-    std::string found;
-    for (const auto& c : DiscoverDataCases(dir.Path()))
-        found += DataCaseName(c) + (c.MustFail ? " fails" : "") + " " +
-                 std::filesystem::path(c.Expected).filename().string() + "\n";
-    EXPECT_EQ(found, "other_x_1_dat x-1.expected\n"
-                     "shout_b_txt b.expected\n"
-                     "shout_bad_a_bin fails bad-a.expected\n");
-    EXPECT_TRUE(DiscoverDataCases(dir.File("missing")).empty());
-}
-
-TEST(DataFileWalk, ComparesDumpsAndErrors) {
+TEST(DataFileWalk, ComparesDumpsAndErrorsAndUpdatesOnlyRightOutcomes) {
     struct Case {
         const char* Name;
         const char* Input;
         const char* Expected; ///< nullptr: no expected file
         std::string Failure;  ///< "" when the case passes
+        const char* Updated;  ///< the expected file after updating; nullptr: none
     } cases[] = {
-        {"same.txt", "abc\n", "ABC\n", ""},
-        {"differs.txt", "abc\n", "ABD\n", "expected:\nABD\n\nbut reading gave:\nABC\n"},
-        {"newline.txt", "abc", "ABC\n", "expected:\nABC\n\nbut reading gave:\nABC"},
-        {"missing.txt", "abc", nullptr, "there is no missing.expected; reading gave:\nABC"},
-        {"fails.txt", "!broken", "", "reading failed: cannot read: broken"},
-        {"bad-fails.txt", "!broken", "cannot read: broken\n", ""},
-        {"bad-no-newline.txt", "!broken", "cannot read: broken", ""},
+        {"same.txt", "abc\n", "ABC\n", "", "ABC\n"},
+        {"differs.txt", "abc\n", "ABD\n", "expected:\nABD\n\nbut reading gave:\nABC\n", "ABC\n"},
+        {"newline.txt", "abc", "ABC\n", "expected:\nABC\n\nbut reading gave:\nABC", "ABC"},
+        {"missing.txt", "abc", nullptr, "there is no missing.expected; reading gave:\nABC", "ABC"},
+        {"fails.txt", "!broken", "", "reading failed: cannot read: broken", ""},
+        {"bad-fails.txt", "!broken", "cannot read: broken\n", "", "cannot read: broken\n"},
+        {"bad-no-newline.txt", "!broken", "cannot read: broken", "", "cannot read: broken\n"},
         {"bad-other-error.txt", "!broken", "cannot read: other\n",
-         "expected:\ncannot read: other\n\nbut reading gave:\ncannot read: broken\n"},
-        {"bad-reads.txt", "fine", "",
-         "reading should have failed (the name starts with \"bad-\") but gave:\nFINE"},
+         "expected:\ncannot read: other\n\nbut reading gave:\ncannot read: broken\n",
+         "cannot read: broken\n"},
+        // A wrong outcome is never kept.
+        {"bad-reads.txt", "fine", nullptr,
+         "reading should have failed (the name starts with \"bad-\") but gave:\nFINE", nullptr},
     };
     TempDir dir;
     std::filesystem::create_directories(dir.File("shout"));
+    std::filesystem::create_directories(dir.File("other"));
+    const auto expectedOf = [&](const char* name) {
+        return std::filesystem::path(dir.File("shout/") + name).replace_extension(".expected").string();
+    };
     for (const auto& c : cases) {
         WriteFile(dir.File("shout/") + c.Name, c.Input);
-        if (c.Expected)
-            WriteFile(
-                std::filesystem::path(dir.File("shout/") + c.Name).replace_extension(".expected").string(),
-                c.Expected);
+        if (c.Expected) WriteFile(expectedOf(c.Name), c.Expected);
     }
-    const auto found = DiscoverDataCases(dir.Path());
-    ASSERT_EQ(found.size(), std::size(cases));
+    // Hidden files, READMEs and files outside a reader's folder are no cases.
+    for (const char* name : {"shout/.hidden", "shout/README.md", "top-level.txt", "other/x-1.dat"})
+        WriteFile(dir.File(name), "");
+    std::vector<TDataCase> found = DiscoverDataCases(dir.Path());
+    ASSERT_EQ(found.size(), std::size(cases) + 1);
+    EXPECT_EQ(DataCaseName(found.front()) + " " + found.front().Expected.substr(dir.Path().size()),
+              "other_x_1_dat /other/x-1.expected");
+    EXPECT_TRUE(DiscoverDataCases(dir.File("missing")).empty());
     for (const auto& c : cases) {
         SCOPED_TRACE(c.Name);
         const auto it =
             std::find_if(found.begin(), found.end(), [&](const TDataCase& f) { return f.File == c.Name; });
         ASSERT_NE(it, found.end());
+        EXPECT_EQ(it->MustFail, std::string_view(c.Name).starts_with("bad-"));
         EXPECT_EQ(CheckDataCase(*it, Shout), c.Failure);
+        CheckDataCase(*it, Shout, true);
+        if (c.Updated) {
+            EXPECT_EQ(ReadFile(expectedOf(c.Name)), c.Updated);
+        } else {
+            EXPECT_FALSE(std::filesystem::exists(expectedOf(c.Name)));
+        }
     }
-    EXPECT_EQ(CheckDataCase(found.front(), nullptr),
+    EXPECT_EQ(CheckDataCase(found.back(), nullptr),
               "no dump is registered for the folder \"shout\" (see DataReaders)");
 }
 
-TEST(DataFileWalk, UpdatingWritesWhatTheReaderGives) {
-    TempDir dir;
-    std::filesystem::create_directories(dir.File("shout"));
-    WriteFile(dir.File("shout/new.txt"), "abc\n");
-    WriteFile(dir.File("shout/bad-new.txt"), "!oops");
-    WriteFile(dir.File("shout/bad-wrong.txt"), "fine");
-    for (const auto& c : DiscoverDataCases(dir.Path())) {
-        const std::string failure = CheckDataCase(c, Shout, true);
-        EXPECT_EQ(failure.empty(), c.File != "bad-wrong.txt") << failure;
-    }
-    EXPECT_EQ(ReadFile(dir.File("shout/new.expected")), "ABC\n");
-    EXPECT_EQ(ReadFile(dir.File("shout/bad-new.expected")), "cannot read: oops\n");
-    EXPECT_FALSE(
-        std::filesystem::exists(dir.File("shout/bad-wrong.expected"))); // a wrong outcome is never kept
-}
-
 TEST(DataFileWalk, DumpsEscapeWhatWouldBreakTheirLines) {
-    const std::pair<std::string, std::string> cases[] = {
-        {"plain é", "plain é"},
-        {"a|b", "a\\|b"},
-        {"back\\slash", "back\\\\slash"},
-        {"two\r\nlines", "two\\r\\nlines"},
-        {std::string("tab\tnul\0bell\x07"
-                     "del\x7F",
-                     17),
-         "tab\\tnul\\x00bell\\x07del\\x7F"},
-    };
-    for (const auto& [value, dumped] : cases) EXPECT_EQ(DumpEscape(value), dumped);
+    EXPECT_EQ(DumpEscape(std::string("é a|b c\\d\r\n\tnul\0bell\x07"
+                                     "del\x7F",
+                                     26)),
+              "é a\\|b c\\\\d\\r\\n\\tnul\\x00bell\\x07del\\x7F");
 }
 
 } // namespace

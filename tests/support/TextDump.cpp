@@ -8,27 +8,16 @@
 
 namespace kv::test {
 
-namespace {
-
-const char* EncodingName(TTextEncoding encoding) {
-    switch (encoding) {
-    case encUtf8:
-        return "UTF-8";
-    case encUtf8Bom:
-        return "UTF-8 with BOM";
-    case encUtf16LE:
-        return "UTF-16LE";
-    case encUtf16BE:
-        return "UTF-16BE";
-    case encAnsi:
-        return "Windows-1252";
-    case encUtf8Mixed:
-        return "UTF-8 with stray Windows-1252 bytes";
-    }
+static const char* EncodingName(TTextEncoding encoding) {
+    static const std::pair<TTextEncoding, const char*> names[] = {
+        {encUtf8, "UTF-8"},        {encUtf8Bom, "UTF-8 with BOM"},
+        {encUtf16LE, "UTF-16LE"},  {encUtf16BE, "UTF-16BE"},
+        {encAnsi, "Windows-1252"}, {encUtf8Mixed, "UTF-8 with stray Windows-1252 bytes"},
+    };
+    for (const auto& [e, name] : names)
+        if (e == encoding) return name;
     return "?";
 }
-
-} // namespace
 
 std::string DumpTextFile(const std::string& path) {
     TKvTextFile file;
