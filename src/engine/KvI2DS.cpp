@@ -37,6 +37,18 @@ void TKvImportFromDataSet::BeforeImport() {
     if (!sourceDataset_->Active()) sourceDataset_->Open();
     fieldsByName_.clear();
     knownNames_.clear();
+    resolved_.clear();
+}
+
+int TKvImportFromDataSet::ResolveSourceColumn(const std::string& name) {
+    TField* field = SourceField(name);
+    if (!field) return -1; // a name no field has reads as itself, row by row
+    resolved_.push_back(field);
+    return static_cast<int>(resolved_.size()) - 1;
+}
+
+void TKvImportFromDataSet::ReadSourceColumn(int handle, Variant& value) {
+    value = resolved_[static_cast<size_t>(handle)]->Value();
 }
 
 Variant TKvImportFromDataSet::GetFieldValue(const Variant& value) {

@@ -29,6 +29,8 @@ protected:
     bool NeedMore() override { return !sourceDataset_->Eof(); }
     int GetTotalCount() override { return sourceDataset_->RecordCount(); }
     Variant GetFieldValue(const Variant& value) override;
+    int ResolveSourceColumn(const std::string& name) override;
+    void ReadSourceColumn(int handle, Variant& value) override;
     bool HasSourceColumn(const std::string& name) override;
     /// Bracketed when the name is no plain identifier; strField + its number when brackets cannot hold it.
     std::string GetColumnFieldName(int index) const override { return ColumnReference(index, true); }
@@ -47,6 +49,7 @@ private:
         TField* Field;
     };
     std::vector<TKnownName> knownNames_; ///< the same, by where the name's text lies
+    std::vector<TField*> resolved_;      ///< fields resolved for the run, by handle
 };
 
 } // namespace kv

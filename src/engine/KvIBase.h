@@ -269,6 +269,19 @@ protected:
     }
     /// The value of the source column a name refers to; the base gives the name itself.
     virtual Variant GetFieldValue(const Variant& value) { return value; }
+    /// Resolves `name` once per run for the mapping lines that read one source column and nothing else,
+    /// so that each row reads it without a lookup: a handle of 0 or more, or -1 when the source resolves
+    /// names only through GetFieldValue (the base). A source that answers promises that ReadSourceColumn
+    /// gives what GetFieldValue gives for the name.
+    virtual int ResolveSourceColumn(const std::string& name) {
+        (void)name;
+        return -1;
+    }
+    /// The current row's value of a column that ResolveSourceColumn resolved.
+    virtual void ReadSourceColumn(int handle, Variant& value) {
+        (void)handle;
+        value.SetNull();
+    }
     /// True when a mapping's source side is a reference the source resolves as one name, never parsed as
     /// an expression (a text source's "Text1-10", where the minus is no subtraction); the base has none.
     virtual bool IsWholeReference(std::string_view source) const {
@@ -323,11 +336,12 @@ protected:
 
 private:
     void RunRows();
+    void ResolveSourceColumns();
     void ApplyRow();
     void HandleError(const std::exception& error);
     void CheckSomethingMapped() const;
     /// The text conversion left in `value` is stored as it stands rather than converted by the field.
-    bool KeepsAsText(const TField& field, const Variant& value) const;
+    bool KeepsAsText(const TField& field, const Variant& value);
     void StoreValue(TField& field, Variant& value);
     bool EvaluateCondition(const std::string& text, std::unique_ptr<TKvIParser>& kept,
                            std::exception_ptr& error);

@@ -125,20 +125,12 @@ const int* TKvImportBaseComponent::StatisticCounter(std::string_view name) const
 }
 
 void TKvImportBaseComponent::FinishValue(Variant& value, bool isChild, TObject* sender) {
-    if (value.IsString()) {
-        switch (trimSpaces_) {
-        case tsTrimRight:
-            value = Variant(TrimRight(value.StringRef()));
-            break;
-        case tsTrimLeft:
-            value = Variant(TrimLeft(value.StringRef()));
-            break;
-        case tsTrimLeftRight:
-            value = Variant(Trim(value.StringRef()));
-            break;
-        case tsNoTrim:
-            break;
-        }
+    if (value.IsString() && trimSpaces_ != tsNoTrim) {
+        const std::string& text = value.StringRef();
+        const std::string_view trimmed = trimSpaces_ == tsTrimRight  ? TrimRightView(text)
+                                         : trimSpaces_ == tsTrimLeft ? TrimLeftView(text)
+                                                                     : TrimView(text);
+        if (trimmed.size() != text.size()) value.AssignText(trimmed);
     }
     // Only texts (and byte strings) can have an empty text; a number or a date never does.
     const bool textual = value.IsString() || value.VarType() == varBytes;

@@ -55,14 +55,45 @@ std::string TKvIValueConverter::DateTimeMask(bool withT) const {
     return date + " " + TimeMask(withT);
 }
 
-void TKvIValueConverter::Start(bool withT, bool mime, bool keepUnconverted) {
+void TKvIValueConverter::Start(bool withT, bool mime, bool keepUnconverted, bool isoDatesAsText) {
     withT_ = withT;
     mime_ = mime;
     keepUnconverted_ = keepUnconverted;
+    isoDatesAsText_ = isoDatesAsText;
+    maskReadsIso_ = -1;
     dateMask_.clear();
     timeMask_.clear();
     dateReader_.reset();
     timeReader_.reset();
+}
+
+const TKvDateMask& TKvIValueConverter::DateReader() {
+    if (dateMask_.empty()) dateMask_ = DateTimeMask(withT_);
+    return MaskReader(dateReader_, dateMask_, formats_.DateSeparator, formats_.TimeSeparator);
+}
+
+bool TKvIValueConverter::KeepsIsoDate(TFieldType type, const std::string& text) {
+    // Years before 1000 are left to the readers, which may take a small year for one of this century.
+    return isoDatesAsText_ && type == ftDate && IsIsoDate(text) && text[0] != '0' && MaskReadsIsoDates();
+}
+
+bool TKvIValueConverter::MaskReadsIsoDates() {
+    // A mask reads by the places of the digits, so two dates that differ in every place tell whether it
+    // reads every "yyyy-mm-dd" as that day.
+    if (maskReadsIso_ < 0) {
+        static const struct {
+            const char* Text;
+            int Year, Month, Day;
+        } probes[] = {{"2001-02-03", 2001, 2, 3}, {"1987-11-28", 1987, 11, 28}};
+        maskReadsIso_ = 1;
+        for (const auto& probe : probes) {
+            TDateTime read, expected;
+            if (!DateReader().TryRead(probe.Text, read) ||
+                !TryEncodeDate(probe.Year, probe.Month, probe.Day, expected) || read != expected)
+                maskReadsIso_ = 0;
+        }
+    }
+    return maskReadsIso_ == 1;
 }
 
 void TKvIValueConverter::Convert(const TField& field, Variant& value) {
@@ -133,11 +164,9 @@ void TKvIValueConverter::Convert(const TField& field, Variant& value) {
         }
         // A zone is no part of a date-time value: the text goes on whole, to be stored as it is.
         if (trimmed.size() > 10 && IsIsoDateTimeWithZone(trimmed)) return; // a date alone has no zone
-        if (dateMask_.empty()) dateMask_ = DateTimeMask(withT_);
+        if (KeepsIsoDate(type, text)) return;
         TDateTime dt;
-        if (MaskReader(dateReader_, dateMask_, formats_.DateSeparator, formats_.TimeSeparator)
-                .TryRead(trimmed, dt) ||
-            TryISO8601ToDateTime(trimmed, dt))
+        if (DateReader().TryRead(trimmed, dt) || TryISO8601ToDateTime(trimmed, dt))
             value = Variant::FromDateTime(dt);
         else
             unconverted(strNotADate);

@@ -28,15 +28,23 @@ public:
 
     /// Starts a run: the masks are built again at their first use. `withT`: the source's date-times
     /// carry a "T"; `mime`: its texts are base64 (BLOBIsMIME); `keepUnconverted`: text that fits no value
-    /// of its field's type is left as it is instead of raising.
-    void Start(bool withT, bool mime, bool keepUnconverted);
+    /// of its field's type is left as it is instead of raising; `isoDatesAsText`: a date field's text that
+    /// is already the "yyyy-mm-dd" the destination stores stays that text, once checked to be a real day
+    /// that the run's mask reads as that day.
+    void Start(bool withT, bool mime, bool keepUnconverted, bool isoDatesAsText = false);
     /// Converts `value` for `field` when it is text; other values pass unchanged. Raises EConvertError
     /// ("'x7' is not a valid integer value") for text that fits no value of the field's type.
     void Convert(const TField& field, Variant& value);
+    /// True when `text` is a date that stays text for a field of `type` (see Start).
+    bool KeepsIsoDate(TFieldType type, const std::string& text);
 
 private:
+    const TKvDateMask& DateReader();
+    bool MaskReadsIsoDates();
+
     const TKvIDataFormats& formats_;
-    bool withT_ = false, mime_ = false, keepUnconverted_ = false;
+    bool withT_ = false, mime_ = false, keepUnconverted_ = false, isoDatesAsText_ = false;
+    int maskReadsIso_ = -1;                                ///< -1 = not known yet
     std::string dateMask_, timeMask_;                      ///< the masks of the run, built at first use
     std::unique_ptr<TKvDateMask> dateReader_, timeReader_; ///< and read once
 };

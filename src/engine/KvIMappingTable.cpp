@@ -38,8 +38,7 @@ std::unique_ptr<TKvIParser> TKvIMappingTable::ParseOnce(const std::string& text,
     return parser;
 }
 
-void TKvIMappingTable::Build(const TStringList& mappings, const TDataSet* dataSet,
-                             const TKvIMappingHooks& hooks) {
+void TKvIMappingTable::Build(const TStringList& mappings, TDataSet* dataSet, const TKvIMappingHooks& hooks) {
     entries_.clear();
     fieldNames_.clear();
     for (int i = 0; i < mappings.Count(); ++i) {
@@ -51,8 +50,8 @@ void TKvIMappingTable::Build(const TStringList& mappings, const TDataSet* dataSe
         entry.Source = line.substr(eq + 1);
         // A line without a source side names a field that receives nothing.
         if (entry.FieldName.empty() || TrimView(entry.Source).empty()) continue;
-        if (const TField* field = dataSet ? dataSet->FindField(entry.FieldName) : nullptr)
-            entry.FieldIndex = field->Index();
+        entry.Field = dataSet ? dataSet->FindField(entry.FieldName) : nullptr;
+        if (entry.Field) entry.FieldIndex = entry.Field->Index();
         entry.Parser = hooks.MakeParser(entry.Source, entry.ParseError);
         entry.SourceValue = Variant(entry.Source);
         entry.WholeReference = hooks.IsWholeReference(entry.Source);

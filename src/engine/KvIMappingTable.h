@@ -20,6 +20,7 @@ namespace kv {
 struct TKvIMapEntry {
     std::string FieldName;              ///< destination field
     int FieldIndex = -1;                ///< its index in the destination, -1 when unknown
+    TField* Field = nullptr;            ///< and the field itself
     std::string Source;                 ///< source column reference or expression
     std::unique_ptr<TKvIParser> Parser; ///< the source side parsed once per run
     std::exception_ptr ParseError;      ///< raised again for every row when the text does not parse
@@ -29,6 +30,7 @@ struct TKvIMapEntry {
     std::string Name;                   ///< that name
     Variant NameValue;                  ///< the name as the handler hands it to GetFieldValue
     bool PlainColumn = false;           ///< a host name that reads a source column (or a parameter)
+    int SourceHandle = -1;              ///< that column as the source resolved it for the run, or -1
 };
 
 /// What building the table asks of the import component.
@@ -44,7 +46,7 @@ struct TKvIMappingHooks {
 class TKvIMappingTable {
 public:
     /// The lines of `mappings` with a source side, fields found in `dataSet` (which may be null).
-    void Build(const TStringList& mappings, const TDataSet* dataSet, const TKvIMappingHooks& hooks);
+    void Build(const TStringList& mappings, TDataSet* dataSet, const TKvIMappingHooks& hooks);
     /// The key fields, ";"-separated as DatasetKeys gives them.
     void SetKeys(const std::string& datasetKeys);
 

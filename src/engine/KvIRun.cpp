@@ -146,7 +146,13 @@ void TKvImportBaseComponent::Prepare() {
 
 void TKvImportBaseComponent::RunRows() {
     ResetRunState();
-    converter_.Start(DateTimeHasT(), BLOBIsMIME(), keepUnconverted_);
+    // ISO dates may stay the text they are where the destination stores that very text for a date, and no
+    // handler is there to see the value as a date.
+    const bool isoDatesAsText = actionKind_ == akDatasetApply && dataSet_->StoresAnyValue() &&
+                                !OnGetCellParams && !OnBeforeRecordEvent && !OnGetRowMode &&
+                                !OnBeforeFieldUpdate && !OnParsedValue && !OnParserEvaluate;
+    converter_.Start(DateTimeHasT(), BLOBIsMIME(), keepUnconverted_, isoDatesAsText);
+    ResolveSourceColumns();
     runTableName_ = GetTableName();
     if (actionKind_ == akGenerateSQL)
         sqlOutput_.Begin(sqlOptions_, runTableName_, sqlFileName_, keepSqlScript_, sqlPrologue_);
@@ -250,6 +256,18 @@ void TKvImportBaseComponent::RunRows() {
     if (animatedStatus_) ui.UpdateProgressDlg(ProgressOf(statistic_));
 }
 
+void TKvImportBaseComponent::ResolveSourceColumns() {
+    // The conditions under which GetParsedValue reads a plain column directly, settled once for the run.
+    const bool asked = OnParserEvaluate || OnParsedValue;
+    for (size_t i = 0; i < mappingTable_.Count(); ++i) {
+        TKvIMapEntry& entry = mappingTable_[i];
+        entry.SourceHandle = -1;
+        if (asked || !entry.PlainColumn || entry.WholeReference || parameters_.ParamByName(entry.Name))
+            continue;
+        entry.SourceHandle = ResolveSourceColumn(entry.NameValue.AsString());
+    }
+}
+
 void TKvImportBaseComponent::HandleError(const std::exception& error) {
     if (errorPlace_.Location.Record == 0 && errorPlace_.Location.Line == 0)
         errorPlace_.Location = SourceLocation();
@@ -328,8 +346,7 @@ void TKvImportBaseComponent::ApplyRow() {
     if (apply ? editing : true) {
         for (size_t i = 0; i < mappingTable_.Count(); ++i) {
             const TKvIMapEntry& entry = mappingTable_[i];
-            TField* field = entry.FieldIndex >= 0 ? &dataSet_->Fields(entry.FieldIndex)
-                                                  : dataSet_->FindField(entry.FieldName);
+            TField* field = entry.Field ? entry.Field : dataSet_->FindField(entry.FieldName);
             if (!field) continue;
             Variant& value = rowValues_[i]; // the row's values are not needed after its write: moved on
             bool accept = !(actionKind_ == akGenerateSQL && field->IsBlob() && field->DataType() != ftMemo &&
@@ -382,13 +399,14 @@ void TKvImportBaseComponent::ApplyRow() {
     }
 }
 
-bool TKvImportBaseComponent::KeepsAsText(const TField& field, const Variant& value) const {
+bool TKvImportBaseComponent::KeepsAsText(const TField& field, const Variant& value) {
     // Text the conversion left as it stands goes in as text where the destination keeps any value.
     if (!value.IsString()) return false;
     const TFieldType type = field.DataType();
-    return !IsTextType(type) &&
-           (keepUnconverted_ || (IsDateTimeType(type) && IsIsoDateTimeWithZone(value.StringRef()))) &&
-           dataSet_->StoresAnyValue();
+    if (IsTextType(type) || !dataSet_->StoresAnyValue()) return false;
+    if (keepUnconverted_) return true;
+    const std::string& text = value.StringRef();
+    return converter_.KeepsIsoDate(type, text) || (IsDateTimeType(type) && IsIsoDateTimeWithZone(text));
 }
 
 void TKvImportBaseComponent::StoreValue(TField& field, Variant& value) {
@@ -418,12 +436,17 @@ bool TKvImportBaseComponent::LoadRecord() {
     rowValues_.resize(mappingTable_.Count());
     for (size_t i = 0; i < mappingTable_.Count(); ++i) {
         const TKvIMapEntry& entry = mappingTable_[i];
-        TField* field = entry.FieldIndex >= 0 ? &dataSet_->Fields(entry.FieldIndex)
-                                              : dataSet_->FindField(entry.FieldName);
+        TField* field = entry.Field ? entry.Field : dataSet_->FindField(entry.FieldName);
         convertingField_ = field;
         Variant& value = rowValues_[i];
         try {
-            value = GetParsedValue(entry.SourceValue, static_cast<int>(i));
+            if (entry.SourceHandle >= 0) {
+                // What GetParsedValue does for a plain column, with the column found once for the run.
+                ReadSourceColumn(entry.SourceHandle, value);
+                FinishValue(value, false, entry.Parser.get());
+            } else {
+                value = GetParsedValue(entry.SourceValue, static_cast<int>(i));
+            }
         } catch (...) {
             errorPlace_.Location = SourceLocation();
             errorPlace_.Field = entry.FieldName;

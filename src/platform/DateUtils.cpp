@@ -727,6 +727,21 @@ char* PutTime(char* p, const TDateTimeParts& d) {
 
 } // namespace
 
+bool IsIsoDate(std::string_view text) {
+    if (text.size() != 10 || text[4] != '-' || text[7] != '-') return false;
+    int parts[3] = {0, 0, 0};
+    for (size_t i = 0, part = 0; i < 10; ++i) {
+        if (i == 4 || i == 7) {
+            ++part;
+            continue;
+        }
+        if (text[i] < '0' || text[i] > '9') return false;
+        parts[part] = parts[part] * 10 + (text[i] - '0');
+    }
+    return parts[0] >= 1 && parts[1] >= 1 && parts[1] <= 12 && parts[2] >= 1 &&
+           parts[2] <= DaysInMonth(parts[0], parts[1]);
+}
+
 std::string DateToISO8601(TDateTime value) {
     char buffer[16];
     return std::string(buffer, PutDate(buffer, DecodeDateTime(value)));

@@ -94,6 +94,8 @@ bool TryISO8601ToDateTime(std::string_view text, TDateTime& out);
 /// "+hh", "+hhmm" or "+hh:mm" (or with "-"). Such a text names an instant that a TDateTime, which has no
 /// zone, cannot hold.
 bool IsIsoDateTimeWithZone(std::string_view text);
+/// True when `text` is exactly "yyyy-mm-dd" of a real day, as DateToISO8601 writes it.
+bool IsIsoDate(std::string_view text);
 /// "hh:nn", "hh:nn:ss" or "hh:nn:ss.fff" (or with ","): a time of day alone, no zone.
 bool TryISO8601ToTime(std::string_view text, TDateTime& out);
 

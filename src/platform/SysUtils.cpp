@@ -45,16 +45,24 @@ std::string Trim(std::string_view s) {
     return std::string(TrimView(s));
 }
 
-std::string TrimLeft(std::string_view s) {
+std::string_view TrimLeftView(std::string_view s) {
     size_t b = 0;
     while (b < s.size() && IsTrimmed(s[b])) ++b;
-    return std::string(s.substr(b));
+    return s.substr(b);
+}
+
+std::string_view TrimRightView(std::string_view s) {
+    size_t e = s.size();
+    while (e > 0 && IsTrimmed(s[e - 1])) --e;
+    return s.substr(0, e);
+}
+
+std::string TrimLeft(std::string_view s) {
+    return std::string(TrimLeftView(s));
 }
 
 std::string TrimRight(std::string_view s) {
-    size_t e = s.size();
-    while (e > 0 && IsTrimmed(s[e - 1])) --e;
-    return std::string(s.substr(0, e));
+    return std::string(TrimRightView(s));
 }
 
 std::string UpperCase(std::string_view s) {

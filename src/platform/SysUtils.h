@@ -16,6 +16,8 @@ std::string Trim(std::string_view s);
 std::string TrimLeft(std::string_view s);
 std::string TrimRight(std::string_view s);
 std::string_view TrimView(std::string_view s);
+std::string_view TrimLeftView(std::string_view s);
+std::string_view TrimRightView(std::string_view s);
 
 /// ASCII-only case mapping (the rest is left as it is).
 std::string UpperCase(std::string_view s);

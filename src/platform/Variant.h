@@ -88,6 +88,19 @@ public:
                                                   : Variant(static_cast<long long>(v));
     }
 
+    /// Makes the value the text `text`, reusing the room of a text it already holds; `text` may lie within
+    /// that text.
+    void AssignText(std::string_view text) {
+        if (type_ == varString) {
+            u_.s.assign(text.data(), text.size());
+            return;
+        }
+        std::string copy(text);
+        Release();
+        new (&u_.s) std::string(std::move(copy));
+        type_ = varString;
+    }
+
     /// Makes the value Null, releasing what it held.
     void SetNull() noexcept {
         Release();

@@ -65,6 +65,7 @@ void TKvImportFromText::BeforeImport() {
         headerNames_ =
             TextColumnNames(file_.HeaderLine(), FieldDelimiterChar(), TextQualifierChar(), strField);
     references_.clear();
+    resolved_.clear();
     rowOrder_.clear();
     rowPosition_ = 0;
     row_ = 0;
@@ -110,24 +111,39 @@ Variant TKvImportFromText::GetFieldValue(const Variant& value) {
     if (rowPosition_ < rowOrder_.size() && rowOrder_[rowPosition_]->first == name)
         return ValueOf(rowOrder_[rowPosition_++]->second);
     auto it = references_.find(name);
-    if (it == references_.end()) {
-        // A header name first; otherwise Field<n>, Text<a>-<b>, Text, or a constant.
-        TKvTextRef ref;
-        for (size_t i = 0; i < headerNames_.size(); ++i) {
-            if (SameText(headerNames_[i], name)) {
-                ref.Kind = trkField;
-                ref.First = static_cast<int64_t>(i) + 1;
-                ref.Text = name;
-                break;
-            }
-        }
-        if (ref.Kind != trkField) ref = fields_.ParseReference(name);
-        it = references_.emplace(name, std::move(ref)).first;
-    }
+    if (it == references_.end()) it = references_.emplace(name, ReferenceTo(name)).first;
     // Remember the order of asking (map nodes stay where they are while the map grows).
     if (rowPosition_ >= rowOrder_.size()) rowOrder_.resize(rowPosition_ + 1);
     rowOrder_[rowPosition_++] = &*it;
     return ValueOf(it->second);
+}
+
+TKvTextRef TKvImportFromText::ReferenceTo(const std::string& name) const {
+    for (size_t i = 0; i < headerNames_.size(); ++i) {
+        if (SameText(headerNames_[i], name)) {
+            TKvTextRef ref;
+            ref.Kind = trkField;
+            ref.First = static_cast<int64_t>(i) + 1;
+            ref.Text = name;
+            return ref;
+        }
+    }
+    return fields_.ParseReference(name);
+}
+
+int TKvImportFromText::ResolveSourceColumn(const std::string& name) {
+    resolved_.push_back(ReferenceTo(name));
+    return static_cast<int>(resolved_.size()) - 1;
+}
+
+void TKvImportFromText::ReadSourceColumn(int handle, Variant& value) {
+    const TKvTextRef& ref = resolved_[static_cast<size_t>(handle)];
+    if (const std::string* prepared = fields_.PreparedValue(ref)) {
+        value.AssignText(*prepared);
+        return;
+    }
+    fields_.GetValue(ref, scratch_);
+    value.AssignText(scratch_);
 }
 
 bool TKvImportFromText::IsWholeReference(std::string_view source) const {

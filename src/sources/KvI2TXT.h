@@ -60,6 +60,8 @@ protected:
     int GetTotalCount() override;
     bool LoadRecord() override;
     Variant GetFieldValue(const Variant& value) override;
+    int ResolveSourceColumn(const std::string& name) override;
+    void ReadSourceColumn(int handle, Variant& value) override;
     bool HasSourceColumn(const std::string& name) override;
     /// "Text", "Text1-10": read as one reference, never as a subtraction.
     bool IsWholeReference(std::string_view source) const override;
@@ -73,6 +75,8 @@ protected:
 private:
     void SetCurrentRow(int64_t row, bool readAhead);
     Variant ValueOf(const TKvTextRef& ref) const;
+    /// What `name` refers to: a header name first; otherwise Field<n>, Text<a>-<b>, Text, or a constant.
+    TKvTextRef ReferenceTo(const std::string& name) const;
 
     int fixedLineLength_ = 0;
     bool readAhead_ = true;
@@ -88,6 +92,8 @@ private:
     // The references of one row in the order they were asked for: the next row asks in the same order.
     std::vector<const std::pair<const std::string, TKvTextRef>*> rowOrder_;
     size_t rowPosition_ = 0;
+    std::vector<TKvTextRef> resolved_; ///< the columns resolved for the run, by handle
+    std::string scratch_;
 };
 
 /// The clipboard's text as a source.

@@ -3,6 +3,7 @@
 #include "sources/KvI2TXT.h"
 #include "TestSupport.h"
 #include "datasets/KvMemDataSet.h"
+#include "datasets/KvSQLiteDataSet.h"
 #include "platform/Clipboard.h"
 #include "platform/DateUtils.h"
 #include "platform/Streams.h"
@@ -117,6 +118,37 @@ TEST_F(TextSource, ReadingAheadImportsWhatReadingRowByRowImports) {
     EXPECT_EQ(Import(bytes), rowByRow);
     EXPECT_EQ(errors, rowByRowErrors);
     EXPECT_EQ(dest.RowCount(), 2495); // the rows with "x" for a number fail
+}
+
+TEST_F(TextSource, DatesReachAnSqliteTableAlikeWhetherAHandlerLooksOrNot) {
+    const std::string db = dir.File("dates.sqlite");
+    TKvSQLiteDatabase database;
+    database.Open(db);
+    database.Execute("CREATE TABLE t(id INTEGER, day DATE)");
+    TKvSQLiteDataSet table;
+    table.SetDatabase(&database);
+    table.SetTableName("t");
+    text.SetDataSet(&table);
+    text.SetRowFirst(2);
+    text.DataFormats().DateOrder = doDMY;
+    std::string seen;
+    std::string stored[2];
+    for (const bool handler : {false, true}) {
+        if (handler) {
+            database.Execute("DELETE FROM t");
+            text.OnGetCellParams = [&](TObject*, TField* field, Variant& value) {
+                if (field && field->FieldName() == "day")
+                    seen += VarTypeName(value.VarType()) + std::string(" ");
+            };
+        }
+        Import("id,day\n1,2024-03-01\n2,02/03/2024\n3,2024-02-30\n4,0999-12-31\n");
+        stored[handler] = test::SqliteQuery(db, "SELECT id, day, typeof(day) FROM t ORDER BY id");
+    }
+    EXPECT_EQ(stored[0], "1|2024-03-01|text\n2|2024-03-02|text\n4|0999-12-31|text");
+    EXPECT_EQ(stored[1], stored[0]);
+    EXPECT_EQ(seen, "Date Date Date ");
+    EXPECT_EQ(errors, (std::vector<std::string>{"'2024-02-30' is not a valid date",
+                                                "'2024-02-30' is not a valid date"}));
 }
 
 TEST_F(TextSource, Utf16WithBomAndWindows1252) {
