@@ -29,6 +29,10 @@ public:
     /// open and usable, so that one bad row does not cost the rows before it.
     virtual void Execute(const std::string& sql) = 0;
 
+    /// Lets commits cost less where every commit still survives the process being killed. A bulk run
+    /// calls it before its first write; the base changes nothing.
+    virtual void PreferFastCommits() {}
+
     /// True when a table or view of that name exists.
     virtual bool TableExists(const std::string& name) = 0;
     /// `name` as an identifier of this database's SQL, quoted, its quote characters doubled inside.

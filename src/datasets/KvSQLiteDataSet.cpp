@@ -323,6 +323,14 @@ bool TKvSQLiteDatabase::InTransaction() const {
     return db_ && !sqlite3_get_autocommit(db_);
 }
 
+void TKvSQLiteDatabase::PreferFastCommits() {
+    CheckConnected();
+    TSQLiteStatement mode = Prepare("PRAGMA journal_mode");
+    if (sqlite3_step(mode.get()) != SQLITE_ROW) RaiseError();
+    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(mode.get(), 0));
+    if (text && SameText(text, "wal")) Execute("PRAGMA synchronous=NORMAL");
+}
+
 bool TKvSQLiteDatabase::TableExists(const std::string& name) {
     TSQLiteStatement statement = Prepare("SELECT 1 FROM pragma_table_list(?1)");
     sqlite3_bind_text64(statement.get(), 1, name.data(), name.size(), SQLITE_STATIC, SQLITE_UTF8);

@@ -301,6 +301,15 @@ TEST_F(SQLiteTest, StartTransactionTakesTheWriteLockAtOnce) {
     other.Rollback();
 }
 
+TEST_F(SQLiteTest, FastCommitsOnlyWhereAPowerCutCannotDamageTheFile) {
+    // synchronous: 2 = FULL, SQLite's default; 1 = NORMAL.
+    db.PreferFastCommits();
+    EXPECT_EQ(Query("PRAGMA synchronous"), "2");
+    db.Execute("PRAGMA journal_mode=WAL");
+    db.PreferFastCommits();
+    EXPECT_EQ(Query("PRAGMA synchronous"), "1");
+}
+
 TEST_F(SQLiteTest, OpenFailuresAreClearErrors) {
     test::WriteFile(dir.File("notes.txt"), std::string(4096, 'x'));
     TKvSQLiteDatabase bad;

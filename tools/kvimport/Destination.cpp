@@ -40,6 +40,7 @@ void Destination::AddLookup(const std::string& name, TKvImportBaseComponent& com
 void Destination::AttachTransactions(TKvImportBaseComponent& component) {
     if (sqlOnly_) return;
     component_ = &component;
+    database_->PreferFastCommits();
     // The component's own commit points fall before the row that completes a count, so its first
     // transaction holds one row less than the rest. Commits here follow the rows done instead: every
     // transaction holds exactly CommitCount rows, and a failed run keeps whole ones only.

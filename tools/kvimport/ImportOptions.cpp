@@ -75,7 +75,7 @@ const std::vector<OptionSpec> kRowOptions = {
          o.Params.emplace_back(v.substr(0, eq), v.substr(eq + 1));
      },
      ForImport | ForRun},
-    {"commit-count", "N", "rows per transaction (default 10000)",
+    {"commit-count", "N", "rows per transaction (default 100000)",
      [](ImportOptions& o, const std::string& v) {
          o.CommitCount = OptionNumber("commit-count", v, 1, "a number of at least 1");
      },

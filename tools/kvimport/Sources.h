@@ -29,7 +29,7 @@ public:
 
 /// Rows per transaction unless a specification or --commit-count says otherwise: a commit of an SQLite
 /// database waits for the disk, and a few hundred rows per commit would spend most of a run waiting.
-constexpr int DefaultCommitCount = 10000;
+constexpr int DefaultCommitCount = 100000;
 
 /// EFOpenError "Cannot open file ..." unless `file` is a file that exists (a directory says so).
 void CheckSourceFile(const std::string& file);
