@@ -224,6 +224,8 @@ void TDataSet::Open() {
     if (Active()) return;
     std::vector<TFieldDef> defs = InternalOpen();
     fields_.clear();
+    locateFields_.clear();
+    locateIndexes_.clear();
     for (size_t i = 0; i < defs.size(); ++i)
         fields_.push_back(std::make_unique<TField>(*this, defs[i], static_cast<int>(i)));
     buffer_.assign(fields_.size(), Variant::Null());
@@ -323,15 +325,21 @@ void TDataSet::Delete() {
 
 bool TDataSet::Locate(const std::string& keyFields, const Variant& keyValues, TLocateOptions options) {
     CheckBrowseMode();
-    std::vector<int> indexes;
-    size_t start = 0;
-    while (start <= keyFields.size()) {
-        size_t end = keyFields.find(';', start);
-        if (end == std::string::npos) end = keyFields.size();
-        const std::string name = Trim(std::string_view(keyFields).substr(start, end - start));
-        if (!name.empty()) indexes.push_back(FieldByName(name).Index());
-        start = end + 1;
+    // An import locates by the same key fields for every row: they are found once.
+    if (keyFields != locateFields_ || locateIndexes_.empty()) {
+        locateIndexes_.clear();
+        locateFields_.clear();
+        size_t start = 0;
+        while (start <= keyFields.size()) {
+            size_t end = keyFields.find(';', start);
+            if (end == std::string::npos) end = keyFields.size();
+            const std::string name = Trim(std::string_view(keyFields).substr(start, end - start));
+            if (!name.empty()) locateIndexes_.push_back(FieldByName(name).Index());
+            start = end + 1;
+        }
+        locateFields_ = keyFields;
     }
+    const std::vector<int>& indexes = locateIndexes_;
     if (indexes.empty()) return false;
     std::vector<Variant> values;
     if (indexes.size() == 1) {

@@ -258,6 +258,8 @@ private:
     mutable std::vector<Variant> current_;
     std::vector<Variant> buffer_;
     TAssignedFields assigned_;
+    std::string locateFields_;       ///< the key fields of the last Locate
+    std::vector<int> locateIndexes_; ///< and their indexes
 };
 
 } // namespace kv

@@ -724,8 +724,21 @@ void TKvSQLiteDataSet::BindValue(sqlite3_stmt* statement, int parameter, const V
 }
 
 void TKvSQLiteDataSet::InternalPost(bool inserting, const std::vector<Variant>& values,
-                                    const TAssignedFields& assigned) {
+                                    const TAssignedFields& given) {
     CheckWritable();
+    // Setting the rowid to the value it has would make SQLite move the row to where it already is.
+    const TAssignedFields* assignedFields = &given;
+    if (!inserting) {
+        for (size_t i = 0; i < columns_.size(); ++i) {
+            if (given[i] && columns_[i].Def.DataType == ftAutoInc && values[i].IsOrdinal() &&
+                values[i].AsInt64() == rowid_) {
+                unchangedRowid_ = given;
+                unchangedRowid_[i] = 0;
+                assignedFields = &unchangedRowid_;
+            }
+        }
+    }
+    const TAssignedFields& assigned = *assignedFields;
     // Rows of one import assign the same fields: the statement of the last write usually serves again.
     if (lastPostStatement_ && inserting == lastPostInserting_ && assigned == lastPostAssigned_) {
         BindAndStep(lastPostStatement_, inserting, values, assigned);

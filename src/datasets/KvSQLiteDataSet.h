@@ -223,6 +223,7 @@ private:
     sqlite3_stmt* lastPostStatement_ = nullptr;
     bool lastPostInserting_ = false;
     TAssignedFields lastPostAssigned_;
+    TAssignedFields unchangedRowid_; ///< an update's fields without a rowid it leaves as it is
     // The texts of bound dates, by parameter: they stay in place until the statement has run, as SQLite
     // needs (a deque does not move its items when it grows).
     mutable std::deque<std::string> boundTexts_;
