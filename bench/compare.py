@@ -10,7 +10,8 @@ hurts all of them alike.
     bench/compare.py check    [--rows N]   the CSV import's tables: the floor's and kvimport's row for row
 
 The CSV comparison includes the floor (bench/floor_import.cpp, from the bench build given by --floor) and
-DuckDB's Node client (after bench/setup.sh) when they are there.
+DuckDB's Node client (after bench/setup.sh) when they are there; the table-to-table one includes its floor
+(bench/floor_copy.cpp, given by --floor-copy) when it is there.
 """
 
 import argparse
@@ -128,15 +129,23 @@ def sqlite_benchmark(args, work, kvimport):
     upsert = (f"sqlite3 {db} \"ATTACH '{source}' AS s; INSERT INTO items SELECT * FROM s.items WHERE true "
               f"ON CONFLICT(ID) DO UPDATE SET NAME = excluded.NAME, PRICE = excluded.PRICE, QTY = excluded.QTY, "
               f"CREATED = excluded.CREATED;\"")
-    compare(f"{args.rows:,} rows copied table to table (append)", [
+    appends = [
         ("kvimport import", fresh, f"{kvimport} import {source} --source-table items --db {db} --quiet"),
         ("sqlite3 INSERT INTO ... SELECT", fresh, copy),
-    ], args.rounds)
-    compare(f"{args.rows:,} rows, appendupdate by key over a table holding half of them", [
+    ]
+    updates = [
         ("kvimport import --mode appendupdate", half,
          f"{kvimport} import {source} --source-table items --db {db} --mode appendupdate --keys ID --quiet"),
         ("sqlite3 INSERT ... ON CONFLICT DO UPDATE", half, upsert),
-    ], args.rounds)
+    ]
+    if os.path.exists(args.floor_copy):
+        for entries, setup, mode in ((appends, fresh, "append"), (updates, half, "appendupdate")):
+            entries.append(("floor (bench/floor_copy.cpp)", setup, f"{args.floor_copy} {source} {db} {mode}"))
+            entries.append(("floor, one transaction", setup, f"{args.floor_copy} {source} {db} {mode} 0"))
+    else:
+        print(f"(no floor: build {args.floor_copy} with the bench build)", file=sys.stderr)
+    compare(f"{args.rows:,} rows copied table to table (append)", appends, args.rounds)
+    compare(f"{args.rows:,} rows, appendupdate by key over a table holding half of them", updates, args.rounds)
 
 
 def check_benchmark(args, work, kvimport):
@@ -194,6 +203,7 @@ def main():
     parser.add_argument("--kvimport", default=os.path.join(ROOT, "build", "kvimport"))
     parser.add_argument("--baseline", help="another kvimport build to time beside this one (csv only)")
     parser.add_argument("--floor", default=os.path.join(ROOT, "build-bench", "bench", "floor_import"))
+    parser.add_argument("--floor-copy", default=os.path.join(ROOT, "build-bench", "bench", "floor_copy"))
     parser.add_argument("--work", default=os.path.join(ROOT, "out", "bench"))
     args = parser.parse_args()
     for tool in ("sqlite3", args.kvimport):
