@@ -9,7 +9,7 @@
 // prepared INSERT, texts without a copy: the dates are text in the source and stay the same text, which is
 // what kvimport stores for them. appendupdate looks the ID up in the destination first (its INTEGER PRIMARY
 // KEY, so a search of the table's B-tree) and then updates the other four columns by that ID, or inserts.
-// Like kvimport's command line it commits every 10,000 rows (COMMIT_EVERY 0: once at the end) in
+// Like kvimport's command line it commits every 100,000 rows (COMMIT_EVERY 0: once at the end) in
 // transactions begun IMMEDIATE, turns off SQLite's memory statistics and opens both connections without a
 // mutex; the destination keeps its default journal. The destination table must exist.
 
@@ -94,7 +94,7 @@ int main(int argc, char** argv) {
     }
     const bool update = std::strcmp(argv[3], "appendupdate") == 0;
     if (!update && std::strcmp(argv[3], "append") != 0) Fail(std::string("unknown mode ") + argv[3]);
-    const long commitEvery = argc == 5 ? std::atol(argv[4]) : 10000;
+    const long commitEvery = argc == 5 ? std::atol(argv[4]) : 100000;
 
     if (sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0) != SQLITE_OK) Fail("cannot turn off memory statistics");
     sqlite3* source = Open(argv[1], SQLITE_OPEN_READONLY);

@@ -4,7 +4,7 @@
 //
 //     floor_import FILE.csv DB.sqlite [COMMIT_EVERY]
 //
-// The table must exist. Like kvimport's command line it commits every 10,000 rows (COMMIT_EVERY 0: once at
+// The table must exist. Like kvimport's command line it commits every 100,000 rows (COMMIT_EVERY 0: once at
 // the end), turns off SQLite's memory statistics and opens the connection without a mutex; the database
 // keeps its default journal.
 
@@ -202,7 +202,7 @@ int main(int argc, char** argv) {
     if (fd < 0) Fail(std::string("cannot open ") + argv[1]);
     posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
 
-    Importer importer(argv[2], argc == 4 ? std::atol(argv[3]) : 10000);
+    Importer importer(argv[2], argc == 4 ? std::atol(argv[3]) : 100000);
     Record rec;
     std::vector<char> buffer(kBlock);
     size_t have = 0;
