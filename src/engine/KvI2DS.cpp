@@ -47,8 +47,9 @@ int TKvImportFromDataSet::ResolveSourceColumn(const std::string& name) {
     return static_cast<int>(resolved_.size()) - 1;
 }
 
-void TKvImportFromDataSet::ReadSourceColumn(int handle, Variant& value) {
+bool TKvImportFromDataSet::ReadSourceColumn(int handle, Variant& value) {
     value = resolved_[static_cast<size_t>(handle)]->Value();
+    return false;
 }
 
 Variant TKvImportFromDataSet::GetFieldValue(const Variant& value) {

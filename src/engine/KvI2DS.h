@@ -30,7 +30,7 @@ protected:
     int GetTotalCount() override { return sourceDataset_->RecordCount(); }
     Variant GetFieldValue(const Variant& value) override;
     int ResolveSourceColumn(const std::string& name) override;
-    void ReadSourceColumn(int handle, Variant& value) override;
+    bool ReadSourceColumn(int handle, Variant& value) override;
     bool HasSourceColumn(const std::string& name) override;
     /// Bracketed when the name is no plain identifier; strField + its number when brackets cannot hold it.
     std::string GetColumnFieldName(int index) const override { return ColumnReference(index, true); }

@@ -277,11 +277,17 @@ protected:
         (void)name;
         return -1;
     }
-    /// The current row's value of a column that ResolveSourceColumn resolved.
-    virtual void ReadSourceColumn(int handle, Variant& value) {
+    /// The current row's value of a column that ResolveSourceColumn resolved (each call gives a handle of
+    /// its own). True when the value has been finished already (see FinishColumnsAhead).
+    virtual bool ReadSourceColumn(int handle, Variant& value) {
         (void)handle;
         value.SetNull();
+        return false;
     }
+    /// Offers a source that reads ahead on a thread of its own to finish the values of the resolved
+    /// columns there (trimmed, converted for their fields, errors kept for the row's turn); the base
+    /// leaves them to the run.
+    virtual void FinishColumnsAhead(std::shared_ptr<TKvIColumnFinisher> finisher) { (void)finisher; }
     /// True when a mapping's source side is a reference the source resolves as one name, never parsed as
     /// an expression (a text source's "Text1-10", where the minus is no subtraction); the base has none.
     virtual bool IsWholeReference(std::string_view source) const {

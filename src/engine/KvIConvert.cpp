@@ -125,21 +125,10 @@ const int* TKvImportBaseComponent::StatisticCounter(std::string_view name) const
 }
 
 void TKvImportBaseComponent::FinishValue(Variant& value, bool isChild, TObject* sender) {
-    if (value.IsString() && trimSpaces_ != tsNoTrim) {
-        const std::string& text = value.StringRef();
-        const std::string_view trimmed = trimSpaces_ == tsTrimRight  ? TrimRightView(text)
-                                         : trimSpaces_ == tsTrimLeft ? TrimLeftView(text)
-                                                                     : TrimView(text);
-        if (trimmed.size() != text.size()) value.AssignText(trimmed);
-    }
-    // Only texts (and byte strings) can have an empty text; a number or a date never does.
-    const bool textual = value.IsString() || value.VarType() == varBytes;
-    if (value.IsNullOrEmpty() || (textual && value.StringRef().empty())) {
-        value = Variant::Null();
-        return;
-    }
     (void)sender;
-    if (!isChild && convertingField_) converter_.Convert(*convertingField_, value);
+    converter_.Finish(value, trimSpaces_,
+                      !isChild && convertingField_ ? std::optional(convertingField_->DataType())
+                                                   : std::nullopt);
 }
 
 } // namespace kv

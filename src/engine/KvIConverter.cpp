@@ -96,8 +96,24 @@ bool TKvIValueConverter::MaskReadsIsoDates() {
     return maskReadsIso_ == 1;
 }
 
-void TKvIValueConverter::Convert(const TField& field, Variant& value) {
-    const TFieldType type = field.DataType();
+void TKvIValueConverter::Finish(Variant& value, TKvITrimSpaces trim, std::optional<TFieldType> type) {
+    if (value.IsString() && trim != tsNoTrim) {
+        const std::string& text = value.StringRef();
+        const std::string_view trimmed = trim == tsTrimRight  ? TrimRightView(text)
+                                         : trim == tsTrimLeft ? TrimLeftView(text)
+                                                              : TrimView(text);
+        if (trimmed.size() != text.size()) value.AssignText(trimmed);
+    }
+    // Only texts (and byte strings) can have an empty text; a number or a date never does.
+    const bool textual = value.IsString() || value.VarType() == varBytes;
+    if (value.IsNullOrEmpty() || (textual && value.StringRef().empty())) {
+        value = Variant::Null();
+        return;
+    }
+    if (type) Convert(*type, value);
+}
+
+void TKvIValueConverter::Convert(TFieldType type, Variant& value) {
     if (value.IsString()) {
         const std::string& s = value.StringRef();
         if (!mime_) {
@@ -106,7 +122,7 @@ void TKvIValueConverter::Convert(const TField& field, Variant& value) {
         } else if (s.rfind("[CDATA[", 0) == 0) {
             value = Variant::FromBytes(
                 Decode64(s.size() >= 9 ? std::string_view(s).substr(7, s.size() - 9) : ""));
-        } else if (field.IsBlob()) {
+        } else if (IsBlobType(type)) {
             value = Variant::FromBytes(Decode64(s));
         }
     }
@@ -181,6 +197,30 @@ void TKvIValueConverter::Convert(const TField& field, Variant& value) {
                  .TryRead(trimmed, dt))
             dt = 0; // unreadable time text is midnight, unlike dates
         value = Variant::FromDateTime(dt);
+    }
+}
+
+TKvIColumnFinisher::TKvIColumnFinisher(const TKvIDataFormats& formats, TKvITrimSpaces trim)
+    : formats_(formats), trim_(trim) {}
+
+void TKvIColumnFinisher::SetColumn(int handle, std::optional<TFieldType> type) {
+    if (handle < 0) return;
+    const auto index = static_cast<size_t>(handle);
+    if (types_.size() <= index) {
+        types_.resize(index + 1);
+        set_.resize(index + 1);
+    }
+    types_[index] = type;
+    set_[index] = 1;
+}
+
+void TKvIColumnFinisher::Finish(int handle, Variant& value, std::exception_ptr& error) {
+    error = nullptr;
+    try {
+        converter_.Finish(value, trim_, types_[static_cast<size_t>(handle)]);
+    } catch (...) {
+        error = std::current_exception();
+        value.SetNull();
     }
 }
 

@@ -7,8 +7,11 @@
 #include "datasets/DataSet.h"
 #include "engine/KvISettings.h"
 
+#include <exception>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace kv {
 
@@ -34,7 +37,11 @@ public:
     void Start(bool withT, bool mime, bool keepUnconverted, bool isoDatesAsText = false);
     /// Converts `value` for `field` when it is text; other values pass unchanged. Raises EConvertError
     /// ("'x7' is not a valid integer value") for text that fits no value of the field's type.
-    void Convert(const TField& field, Variant& value);
+    void Convert(const TField& field, Variant& value) { Convert(field.DataType(), value); }
+    void Convert(TFieldType type, Variant& value);
+    /// What becomes of a value a mapping line reads before it is stored: text trimmed by `trim`, an empty
+    /// text (or nothing) made Null, then converted for a field of `type` when there is one.
+    void Finish(Variant& value, TKvITrimSpaces trim, std::optional<TFieldType> type);
     /// True when `text` is a date that stays text for a field of `type` (see Start).
     bool KeepsIsoDate(TFieldType type, const std::string& text);
 
@@ -47,6 +54,35 @@ private:
     int maskReadsIso_ = -1;                                ///< -1 = not known yet
     std::string dateMask_, timeMask_;                      ///< the masks of the run, built at first use
     std::unique_ptr<TKvDateMask> dateReader_, timeReader_; ///< and read once
+};
+
+/// Finishes the values of the source columns a run resolved once (see
+/// TKvImportBaseComponent::ResolveSourceColumn) as the run would, so that a source may do it on a thread
+/// of its own, ahead of the rows: it keeps its own copies of the formats and the field types.
+class TKvIColumnFinisher {
+public:
+    TKvIColumnFinisher(const TKvIDataFormats& formats, TKvITrimSpaces trim);
+    TKvIColumnFinisher(const TKvIColumnFinisher&) = delete;
+    TKvIColumnFinisher& operator=(const TKvIColumnFinisher&) = delete;
+
+    /// The converter, to Start as the run starts its own.
+    TKvIValueConverter& Converter() { return converter_; }
+    /// Column `handle` goes into a field of `type`; without one it is finished but not converted.
+    void SetColumn(int handle, std::optional<TFieldType> type);
+    /// True when `handle` has been set.
+    bool Has(int handle) const {
+        return handle >= 0 && static_cast<size_t>(handle) < types_.size() && set_[handle];
+    }
+    /// Finishes `value` of column `handle`; text that is no value of its field's type leaves its error in
+    /// `error` (and the value Null), to be raised in the row's turn.
+    void Finish(int handle, Variant& value, std::exception_ptr& error);
+
+private:
+    TKvIDataFormats formats_;
+    TKvIValueConverter converter_{formats_};
+    TKvITrimSpaces trim_;
+    std::vector<std::optional<TFieldType>> types_;
+    std::vector<uint8_t> set_;
 };
 
 } // namespace kv

@@ -153,6 +153,17 @@ void TKvImportBaseComponent::RunRows() {
                                 !OnBeforeFieldUpdate && !OnParsedValue && !OnParserEvaluate;
     converter_.Start(DateTimeHasT(), BLOBIsMIME(), keepUnconverted_, isoDatesAsText);
     ResolveSourceColumns();
+    auto finisher = std::make_shared<TKvIColumnFinisher>(dataFormats_, trimSpaces_);
+    finisher->Converter().Start(DateTimeHasT(), BLOBIsMIME(), keepUnconverted_, isoDatesAsText);
+    bool resolved = false;
+    for (size_t i = 0; i < mappingTable_.Count(); ++i) {
+        const TKvIMapEntry& entry = mappingTable_[i];
+        if (entry.SourceHandle < 0) continue;
+        finisher->SetColumn(entry.SourceHandle,
+                            entry.Field ? std::optional(entry.Field->DataType()) : std::nullopt);
+        resolved = true;
+    }
+    if (resolved) FinishColumnsAhead(std::move(finisher));
     runTableName_ = GetTableName();
     if (actionKind_ == akGenerateSQL)
         sqlOutput_.Begin(sqlOptions_, runTableName_, sqlFileName_, keepSqlScript_, sqlPrologue_);
@@ -442,8 +453,8 @@ bool TKvImportBaseComponent::LoadRecord() {
         try {
             if (entry.SourceHandle >= 0) {
                 // What GetParsedValue does for a plain column, with the column found once for the run.
-                ReadSourceColumn(entry.SourceHandle, value);
-                FinishValue(value, false, entry.Parser.get());
+                if (!ReadSourceColumn(entry.SourceHandle, value))
+                    FinishValue(value, false, entry.Parser.get());
             } else {
                 value = GetParsedValue(entry.SourceValue, static_cast<int>(i));
             }

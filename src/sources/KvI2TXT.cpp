@@ -136,14 +136,15 @@ int TKvImportFromText::ResolveSourceColumn(const std::string& name) {
     return static_cast<int>(resolved_.size()) - 1;
 }
 
-void TKvImportFromText::ReadSourceColumn(int handle, Variant& value) {
+bool TKvImportFromText::ReadSourceColumn(int handle, Variant& value) {
     const TKvTextRef& ref = resolved_[static_cast<size_t>(handle)];
     if (const std::string* prepared = fields_.PreparedValue(ref)) {
         value.AssignText(*prepared);
-        return;
+        return false;
     }
     fields_.GetValue(ref, scratch_);
     value.AssignText(scratch_);
+    return false;
 }
 
 bool TKvImportFromText::IsWholeReference(std::string_view source) const {

@@ -61,7 +61,7 @@ protected:
     bool LoadRecord() override;
     Variant GetFieldValue(const Variant& value) override;
     int ResolveSourceColumn(const std::string& name) override;
-    void ReadSourceColumn(int handle, Variant& value) override;
+    bool ReadSourceColumn(int handle, Variant& value) override;
     bool HasSourceColumn(const std::string& name) override;
     /// "Text", "Text1-10": read as one reference, never as a subtraction.
     bool IsWholeReference(std::string_view source) const override;
