@@ -143,6 +143,8 @@ void TKvIValueConverter::Convert(TFieldType type, Variant& value) {
             value = Variant(false);
         else if (text == "-1")
             value = Variant::Null(); // deliberately: "-1" is no answer
+        else if (SameText(text, "True") || SameText(text, "False"))
+            value = Variant(text.size() == 4); // as the field itself reads them, in any case
     } else if (IsIntegerType(type) || type == ftFloat || type == ftCurrency || type == ftBCD) {
         if (trimmed.empty()) {
             value = Variant::Null(); // blanks are no number

@@ -99,6 +99,8 @@ TEST_F(Converter, TypeRules) {
         {ftBoolean, "0", "boolean:False"},
         {ftBoolean, "F", "boolean:False"},
         {ftBoolean, "-1", "null"},
+        {ftBoolean, "fALSE", "boolean:False"},
+        {ftBoolean, "yes", "string:yes"}, // left to the field
         {ftString, "  kept  ", "string:  kept  "},
         {ftString, "[CDATA[inner]]", "string:inner"},
         {ftBlob, "[CDATA[raw]]", "string:raw"},
