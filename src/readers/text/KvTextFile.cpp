@@ -407,7 +407,7 @@ bool TKvTextFile::Advance(bool toHeader) {
         }
         const int64_t base = scanPos_;
         scanPos_ += static_cast<int64_t>(scanner.Feed(data, size, base, final));
-        if (lateCheck_) TryTwice(failure, [&] { CheckLateBytes(data, base, scanner); });
+        if (lateCheck_) TryTwice(failure, [&] { CheckLateBytes(data, base, size, scanner); });
         if (scanner.Unclosed >= 0 && !unclosedWarned_) TryTwice(failure, [&] { WarnUnclosed(scanner); });
         if (scanner.HeaderMet && scanner.HasHeader && !hasHeader_) {
             Decode(Fetch(scanner.Header), headerLine_);
@@ -438,19 +438,20 @@ bool TKvTextFile::Advance(bool toHeader) {
 }
 
 // Reads the window again from where the open record starts, so that the row it becomes is decoded from
-// there, to a block past where the scan stands. `more`: the bytes in hand were not enough, so the window
-// reaches further than before, twice as far once the record fills most of it.
+// there, and on past where the scan stands. `more`: the bytes in hand were not enough, so the window
+// reaches further than before. A record longer than a block doubles it, so it is read again only a few
+// times.
 void TKvTextFile::Refill(bool more) {
     const int64_t from = std::min(scanner_->RecordStart(), scanPos_);
     const int64_t windowEnd = windowStart_ + static_cast<int64_t>(windowLength_);
-    size_t want = static_cast<size_t>(scanPos_ - from) + blockSize_;
-    if (more && from >= windowStart_ && from < windowEnd)
-        want = std::max(want, 2 * static_cast<size_t>(windowEnd - from));
+    const int64_t reached =
+        more && from >= windowStart_ && from < windowEnd ? std::max(windowEnd, scanPos_) : scanPos_;
+    auto want = std::max(blockSize_, 2 * static_cast<size_t>(reached - from));
     want = static_cast<size_t>(std::min<int64_t>(static_cast<int64_t>(want), inputEnd_ - from));
     windowLength_ = 0;
     windowFinal_ = false;
     // A window grown for a long record goes back to a block afterwards.
-    if (window_.size() < want || (window_.size() > 4 * blockSize_ && want <= blockSize_)) {
+    if (window_.size() < want || window_.size() > 4 * std::max(want, blockSize_)) {
         std::vector<char>().swap(window_);
         window_.resize(want);
     }
@@ -464,22 +465,31 @@ void TKvTextFile::Refill(bool more) {
 
 // Checks as UTF-8 the bytes the last feed took that were not checked yet (up to the last wanted record),
 // and reads the text as encUtf8Mixed from the first stray byte on: the rows before it are UTF-8, which
-// encUtf8Mixed reads alike, so nothing served changes.
-void TKvTextFile::CheckLateBytes(const char* data, int64_t base, const TKvTextScanner& scanner) {
+// encUtf8Mixed reads alike, so nothing served changes. `size` bytes are in hand from `base`.
+void TKvTextFile::CheckLateBytes(const char* data, int64_t base, size_t size, const TKvTextScanner& scanner) {
     const int64_t to = scanner.Done() ? scanner.StopOffset : scanPos_;
-    if (to >= checkedTo_) {
+    if (to > checkedTo_) {
         lateCheck_->Feed(data + (checkedTo_ - base), static_cast<size_t>(to - checkedTo_));
         checkedTo_ = to;
-        if (scanner.Ended()) lateCheck_->Finish();
     }
+    // A record may end inside a sequence the bytes after it complete or break (a row of a fixed length
+    // that ends in the first byte of a broken one): they are in hand, as the scan keeps a whole sequence
+    // for its tail, and tell before the row is decoded. One still open at the end, or at the stop, is
+    // malformed.
+    const int64_t end = base + static_cast<int64_t>(size);
+    while (lateCheck_->Open() && scanStart_ + lateCheck_->OpenStart() < to && checkedTo_ < end)
+        lateCheck_->Feed(data + (checkedTo_++ - base), 1);
+    if (scanner.Ended()) lateCheck_->Finish();
     if (!lateCheck_->Valid()) {
         const int64_t at = scanStart_ + lateCheck_->FirstInvalid();
-        Warn(at, kNotUtf8, false);
-        encoding_ = encUtf8Mixed;
+        if (at < to) {
+            Warn(at, kNotUtf8, false);
+            encoding_ = encUtf8Mixed;
+        }
     } else if (!scanner.Ended()) {
         return;
     }
-    lateCheck_.reset();
+    if (scanner.Ended() || encoding_ == encUtf8Mixed) lateCheck_.reset();
 }
 
 void TKvTextFile::WarnUnclosed(const TKvTextScanner& scanner) {

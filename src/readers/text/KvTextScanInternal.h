@@ -20,6 +20,10 @@ public:
     /// The input has ended: a sequence left open is malformed too.
     void Finish();
     bool Valid() const { return invalid_ == 0; }
+    /// The bytes fed end inside a sequence, which starts at OpenStart (counted like FirstInvalid): the next
+    /// ones tell whether it is valid.
+    bool Open() const { return need_ > 0; }
+    int64_t OpenStart() const { return start_; }
     int64_t Sequences() const { return sequences_; }
     int64_t InvalidBytes() const { return invalid_; }
     /// Where the first invalid byte lies, counted from the first byte fed; -1 = none.

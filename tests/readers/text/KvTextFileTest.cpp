@@ -409,6 +409,13 @@ TEST(TextFile, DecodesEncodings) {
          CheckingFirst(FixedLength(2), 2),
          encUtf8Mixed,
          {"ab", "c\xC3\xA9", "\xE2\x82\xACy"}},
+        // The first record ends in the first byte of a sequence the bytes checked leave open: the bytes
+        // after it break it before the record is decoded.
+        {"a record ending in a broken sequence, checked late",
+         "ab\xE2\x82xy",
+         CheckingFirst(FixedLength(3), 4),
+         encUtf8Mixed,
+         {"ab\xC3\xA2", "\xE2\x80\x9Axy"}},
         {"a late stray byte after a BOM",
          "\xEF\xBB\277ab\r\n\xFF",
          CheckingFirst(Plain(), 1),
