@@ -46,6 +46,8 @@ void TKvImportFromText::BeforeImport() {
     s.SkipBlankLines = !keepEmptyRows_;
     s.Encoding = encoding_;
     reader_.Stop();
+    reader_.TakeWarnings(found_); // what an earlier run read ahead and never reached
+    found_.clear();
     if (TStream* stream = SourceStream())
         file_.OpenStream(*stream);
     else if (std::optional<std::string> text = TextToRead())
@@ -70,7 +72,6 @@ void TKvImportFromText::BeforeImport() {
     row_ = 0;
     place_ = {};
     rowCount_ = -1;
-    found_.clear();
 }
 
 void TKvImportFromText::AfterImport() {

@@ -168,7 +168,7 @@ TEST_F(TextSource, TheRowsAreCountedWhenAsked) {
 }
 
 // What the reading notices as it goes (a stray byte past the bytes checked when opening, a quote never
-// closed) is raised while the rows are imported, as the row where it was found comes.
+// closed) is raised while the rows are imported, as the row where it was found comes, and only then.
 TEST_F(TextSource, WarningsOfTheReadingComeInTheirTurn) {
     struct TCheckingLittle : TKvImportFromText {
         TCheckingLittle() { File().Settings().JudgeBytes = 16; }
@@ -196,12 +196,20 @@ TEST_F(TextSource, WarningsOfTheReadingComeInTheirTurn) {
             heard.push_back(std::to_string(w.Line) + " after " +
                             std::to_string(late.Statistic().TotalImported) + " rows: " + w.Message);
         };
+        const std::string notUtf8 =
+            "52 after 50 rows: bytes that are not UTF-8 were read as Windows-1252 characters";
+        // A run stopped early hears what it reached; the next hears everything once.
+        late.OnAfterRecordEvent = [&](TObject*, bool& stop) { stop = late.Statistic().TotalImported == 60; };
+        late.Execute();
+        EXPECT_EQ(heard, std::vector<std::string>{notUtf8});
+        late.OnAfterRecordEvent = nullptr;
+        heard.clear();
+        table.EmptyTable();
         late.Execute();
         EXPECT_EQ(heard,
                   (std::vector<std::string>{
-                      "52 after 50 rows: bytes that are not UTF-8 were read as Windows-1252 characters",
-                      "103 after 101 rows: the quoted field that starts on this line is never closed: it "
-                      "takes in the 1 line after it, to the end of the file"}));
+                      notUtf8, "103 after 101 rows: the quoted field that starts on this line is never "
+                               "closed: it takes in the 1 line after it, to the end of the file"}));
         ASSERT_EQ(table.RowCount(), 102);
         EXPECT_EQ(table.Row(50)[0].AsString(), "M\xC3\xBCller");
         EXPECT_TRUE(late.HadProblems());

@@ -64,7 +64,7 @@ struct TKvTextFileSettings {
 
 /// Something the reader noticed while loading that a user should hear of.
 struct TKvTextWarning {
-    int64_t Line = 0;     ///< physical line (1-based) of the file where it is
+    int64_t Line = 0;     ///< physical line (1-based) of the file where it is; 0 when nowhere in particular
     std::string Message;  ///< the reader's own text, without the line
     bool Problem = false; ///< data may be lost or changed: the run did not go as a user expects
     bool operator==(const TKvTextWarning&) const = default;
