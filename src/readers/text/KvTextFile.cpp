@@ -407,7 +407,7 @@ bool TKvTextFile::Advance(bool toHeader) {
         }
         const int64_t base = scanPos_;
         scanPos_ += static_cast<int64_t>(scanner.Feed(data, size, base, final));
-        if (lateCheck_) TryTwice(failure, [&] { CheckLateBytes(data, base, size, scanner); });
+        if (lateCheck_) TryTwice(failure, [&] { CheckLateBytes(data, base, size, final, scanner); });
         if (scanner.Unclosed >= 0 && !unclosedWarned_) TryTwice(failure, [&] { WarnUnclosed(scanner); });
         if (scanner.HeaderMet && scanner.HasHeader && !hasHeader_) {
             Decode(Fetch(scanner.Header), headerLine_);
@@ -465,8 +465,10 @@ void TKvTextFile::Refill(bool more) {
 
 // Checks as UTF-8 the bytes the last feed took that were not checked yet (up to the last wanted record),
 // and reads the text as encUtf8Mixed from the first stray byte on: the rows before it are UTF-8, which
-// encUtf8Mixed reads alike, so nothing served changes. `size` bytes are in hand from `base`.
-void TKvTextFile::CheckLateBytes(const char* data, int64_t base, size_t size, const TKvTextScanner& scanner) {
+// encUtf8Mixed reads alike, so nothing served changes. `size` bytes are in hand from `base`, and `final`
+// when they reach the end of the input.
+void TKvTextFile::CheckLateBytes(const char* data, int64_t base, size_t size, bool final,
+                                 const TKvTextScanner& scanner) {
     const int64_t to = scanner.Done() ? scanner.StopOffset : scanPos_;
     if (to > checkedTo_) {
         lateCheck_->Feed(data + (checkedTo_ - base), static_cast<size_t>(to - checkedTo_));
@@ -479,7 +481,7 @@ void TKvTextFile::CheckLateBytes(const char* data, int64_t base, size_t size, co
     const int64_t end = base + static_cast<int64_t>(size);
     while (lateCheck_->Open() && scanStart_ + lateCheck_->OpenStart() < to && checkedTo_ < end)
         lateCheck_->Feed(data + (checkedTo_++ - base), 1);
-    if (scanner.Ended()) lateCheck_->Finish();
+    if (scanner.Ended() || (final && checkedTo_ == end)) lateCheck_->Finish();
     if (!lateCheck_->Valid()) {
         const int64_t at = scanStart_ + lateCheck_->FirstInvalid();
         if (at < to) {

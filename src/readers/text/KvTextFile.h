@@ -181,7 +181,8 @@ private:
     void Judge(const TKvUtf8Validator& validator);
     bool Advance(bool toHeader);
     void Refill(bool more);
-    void CheckLateBytes(const char* data, int64_t base, size_t size, const TKvTextScanner& scanner);
+    void CheckLateBytes(const char* data, int64_t base, size_t size, bool final,
+                        const TKvTextScanner& scanner);
     void WarnUnclosed(const TKvTextScanner& scanner);
     void Rewind(int64_t index);
     void Warn(int64_t offset, std::string message, bool problem);
