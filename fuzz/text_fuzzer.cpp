@@ -1,8 +1,11 @@
 // Fuzz target: any bytes as a text file, under settings taken from the first four bytes. The text is
-// loaded from memory and through a stream in tiny blocks, and both must give the same rows, encoding and
-// warnings (at lines within the text); every row must be UTF-8; the fields of the byte walk must sit where
-// the character walk puts them; reading ahead on a second thread must serve the same records and values;
-// values by reference, column names and type guesses must come out without error.
+// loaded from memory and through a stream in tiny blocks with restart points every few rows, and both
+// must give the same rows, encoding and warnings (at lines within the text), whether the rows are read
+// forwards or backwards, and the count apart must agree; checking only the first bytes as UTF-8 when
+// opening must give the same rows unless the whole text reads as Windows-1252; every row must be UTF-8;
+// the fields of the byte walk must sit where the character walk puts them; reading ahead on a second
+// thread must serve the same records, places, values and warnings; values by reference, column names and
+// type guesses must come out without error.
 
 #include "platform/Exceptions.h"
 #include "platform/Streams.h"
@@ -18,6 +21,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -79,23 +83,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if ((data[3] >> 4) < 5) settings.Encoding = encodings[data[3] >> 4];
     const std::string text(reinterpret_cast<const char*>(data) + 4, size - 4);
 
-    kv::TKvTextFile memory, blocks;
+    kv::TKvTextFile memory, blocks, late;
     memory.Settings() = settings;
     memory.OpenText(text);
+    settings.JudgeBytes = 1 + (data[0] & 15);
+    late.Settings() = settings;
+    late.OpenText(text);
+    settings.JudgeBytes = 0;
     settings.BlockSize = 1 + (data[3] & 15);
+    settings.CheckpointRows = 1 + (data[3] & 3);
     blocks.Settings() = settings;
     TBlockStream stream(text);
     blocks.OpenStream(stream);
-
-    Check(memory.RowCount() == blocks.RowCount());
-    Check(memory.Encoding() == blocks.Encoding());
-    Check(memory.Warnings() == blocks.Warnings());
-    const int64_t lines = 1 + static_cast<int64_t>(std::count(text.begin(), text.end(), '\n') +
-                                                   std::count(text.begin(), text.end(), '\r'));
-    for (const kv::TKvTextWarning& warning : memory.Warnings())
-        Check(warning.Line >= 1 && warning.Line <= lines); // UTF-16 has a 0x0A or 0x0D byte for each
-    Check(memory.HasHeader() == blocks.HasHeader() && memory.HeaderLine() == blocks.HeaderLine());
-    Check(kv::IsValidUtf8(memory.HeaderLine()));
+    const size_t openWarnings = blocks.Warnings().size();
 
     kv::TKvTextFields fields;
     fields.SetDelimiter(settings.FieldDelimiter);
@@ -103,10 +103,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fields.SetFixedWidth(settings.FixedWidth);
     const char* const references[] = {"Text", "Text1-3", "Text2-9", "Field1", "Field2", "Field9", "x,\"\""};
     std::string value;
-    for (int64_t i = 0; i < memory.RowCount(); ++i) {
-        const std::string row = memory.Row(i);
-        Check(row == blocks.Row(i));
+    std::vector<std::string> rows;
+    for (int64_t i = 0; memory.HasRow(i); ++i) {
+        rows.push_back(memory.Row(i));
+        const std::string& row = rows.back();
+        Check(blocks.HasRow(i) && row == blocks.Row(i));
         Check(memory.LineNumber(i) == blocks.LineNumber(i));
+        Check(memory.RowSpan(i).Offset == blocks.RowSpan(i).Offset);
         Check(kv::IsValidUtf8(row));
         fields.SetLine(row);
         if (!settings.FixedWidth) {
@@ -121,13 +124,45 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             Check(kv::IsValidUtf8(value));
         }
     }
+    const auto count = static_cast<int64_t>(rows.size());
+    Check(!blocks.HasRow(count) && blocks.RowCount() == count && memory.CountRows() == count);
+    for (int64_t i = count - 1; i >= 0; --i) Check(blocks.Row(i) == rows[static_cast<size_t>(i)]);
+    Check(memory.Encoding() == blocks.Encoding());
+    Check(memory.Warnings() == blocks.Warnings());
+    const int64_t lines = 1 + static_cast<int64_t>(std::count(text.begin(), text.end(), '\n') +
+                                                   std::count(text.begin(), text.end(), '\r'));
+    for (const kv::TKvTextWarning& warning : memory.Warnings())
+        Check(warning.Line >= 1 && warning.Line <= lines); // UTF-16 has a 0x0A or 0x0D byte for each
+    Check(memory.HasHeader() == blocks.HasHeader() && memory.HeaderLine() == blocks.HeaderLine());
+    Check(kv::IsValidUtf8(memory.HeaderLine()));
+
+    // Stray bytes found late read as they would have, had the whole text been judged first.
+    if (memory.Encoding() != kv::encAnsi) {
+        for (int64_t i = 0; i < count; ++i)
+            Check(late.HasRow(i) && late.Row(i) == rows[static_cast<size_t>(i)]);
+        Check(!late.HasRow(count) && late.Encoding() == memory.Encoding());
+        Check(late.HasHeader() == memory.HasHeader() && late.HeaderLine() == memory.HeaderLine());
+        const auto byLine = [](std::vector<kv::TKvTextWarning> list) {
+            std::stable_sort(
+                list.begin(), list.end(),
+                [](const kv::TKvTextWarning& a, const kv::TKvTextWarning& b) { return a.Line < b.Line; });
+            return list;
+        };
+        Check(byLine(late.Warnings()) == byLine(memory.Warnings()));
+    }
+
     kv::TKvTextReadAhead reader;
     kv::TKvTextFields ahead = fields;
     kv::TKvTextRef field;
     field.Kind = kv::trkField;
-    for (int64_t i = 0; i < blocks.RowCount(); ++i) {
-        reader.Take(blocks, i, ahead);
-        fields.SetLine(memory.Row(i));
+    std::vector<kv::TKvTextWarning> warnings;
+    for (int64_t i = 0; reader.Has(blocks, i, ahead); ++i) {
+        kv::TKvTextRowPlace place;
+        reader.Take(blocks, i, ahead, place);
+        Check(i < count);
+        const kv::TKvTextRowPlace expected = memory.RowPlace(i);
+        Check(place.Record == expected.Record && place.Offset == expected.Offset);
+        fields.SetLine(rows[static_cast<size_t>(i)]);
         Check(ahead.Line() == fields.Line() && ahead.Count() == fields.Count());
         for (int f = 1; f <= fields.Count(); ++f) {
             field.First = f;
@@ -135,7 +170,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             Check(value == fields.FieldValue(f));
         }
     }
+    reader.TakeWarnings(warnings);
     reader.Stop();
+    Check(std::equal(warnings.begin(), warnings.end(),
+                     blocks.Warnings().begin() + static_cast<std::ptrdiff_t>(openWarnings),
+                     blocks.Warnings().end()));
     if (memory.HasHeader())
         kv::TextColumnNames(memory.HeaderLine(), settings.FieldDelimiter, settings.TextQualifier);
     kv::TKvTextTypeOptions options;

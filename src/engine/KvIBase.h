@@ -263,6 +263,12 @@ protected:
         return location;
     }
     virtual int GetTotalCount() { return 0; }
+    /// False when GetTotalCount costs a pass over the source: the run then asks for the count only when
+    /// an expression reads STATTOTALCOUNT, and at its end.
+    virtual bool TotalCountIsCheap() { return true; }
+    /// How far through the source the current row lies, from 0 to 1, for the progress display while the
+    /// count is not known; below 0 when the source cannot tell.
+    virtual double ReadFraction() { return -1; }
     virtual Variant GetValues(const std::string& columnName) {
         (void)columnName;
         return Variant::Null();

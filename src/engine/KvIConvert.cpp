@@ -88,6 +88,9 @@ void TKvImportBaseComponent::ParserEvaluate(TObject* sender, const std::string& 
                 }
             }
         } else if (const int* counter = StatisticCounter(eval)) {
+            // A count that costs a pass is made the first time an expression needs it.
+            if (counter == &statistic_.TotalCount && statistic_.TotalCount == 0 && !TotalCountIsCheap())
+                statistic_.TotalCount = std::min(GetTotalCount(), rowLast_);
             value = Variant(*counter);
         } else {
             own = false;

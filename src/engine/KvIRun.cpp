@@ -18,10 +18,11 @@ bool IsKeyedMode(TImportMode mode) {
     return mode == imUpdate || mode == imAppendUpdate || mode == imDelete || mode == imAppendNewOnly;
 }
 
-TProgressState ProgressOf(const TKvIStatistic& s) {
+TProgressState ProgressOf(const TKvIStatistic& s, double fraction = -1) {
     TProgressState p;
     p.Processed = s.TotalImported;
     p.Total = s.TotalCount;
+    p.Fraction = s.TotalCount > 0 ? -1 : fraction;
     p.Added = s.TotalAdded;
     p.Updated = s.TotalUpdated;
     p.Deleted = s.TotalDeleted;
@@ -182,14 +183,16 @@ void TKvImportBaseComponent::RunRows() {
     }
 
     GoFirst();
-    statistic_.TotalCount = std::min(GetTotalCount(), rowLast_);
-    if (animatedStatus_) ui.UpdateProgressDlg(ProgressOf(statistic_));
+    // A count that costs a pass waits until an expression asks for it (and the end of the run).
+    const bool cheapCount = TotalCountIsCheap();
+    if (cheapCount) statistic_.TotalCount = std::min(GetTotalCount(), rowLast_);
+    const auto progress = [&] { return ProgressOf(statistic_, ReadFraction()); };
+    if (animatedStatus_) ui.UpdateProgressDlg(progress());
     canceled_ = false;
 
     const int updateStep = statistic_.UpdateStep > 0 ? statistic_.UpdateStep : 1;
     while (!canceled_ && !ui.ProgressCanceled() && NeedMore()) {
-        if (animatedStatus_ && statistic_.TotalImported % updateStep == 0)
-            ui.UpdateProgressDlg(ProgressOf(statistic_));
+        if (animatedStatus_ && statistic_.TotalImported % updateStep == 0) ui.UpdateProgressDlg(progress());
         ++statistic_.TotalImported;
         statistic_.LastAction = iaUnknown;
         if (commitCount_ > 0 && statistic_.TotalImported % commitCount_ == 0) {
@@ -264,7 +267,8 @@ void TKvImportBaseComponent::RunRows() {
         if (OnAfterRecordEvent) OnAfterRecordEvent(this, canceled_);
         GoNext();
     }
-    if (animatedStatus_) ui.UpdateProgressDlg(ProgressOf(statistic_));
+    if (!cheapCount) statistic_.TotalCount = std::min(GetTotalCount(), rowLast_);
+    if (animatedStatus_) ui.UpdateProgressDlg(progress());
 }
 
 void TKvImportBaseComponent::ResolveSourceColumns() {

@@ -31,6 +31,8 @@ struct TPromptField {
 /// Counters shown while a run goes on.
 struct TProgressState {
     int Processed = 0, Total = 0, Added = 0, Updated = 0, Deleted = 0, Errors = 0, Skipped = 0;
+    /// How far through the source the run is, from 0 to 1, while Total is not known (below 0: unknown).
+    double Fraction = -1;
 };
 
 /// The user interface the library talks to. Every operation has a silent default.

@@ -46,6 +46,8 @@ void TKvImportFromText::BeforeImport() {
     s.SkipBlankLines = !keepEmptyRows_;
     s.Encoding = encoding_;
     reader_.Stop();
+    reader_.TakeWarnings(found_); // what an earlier run read ahead and never reached
+    found_.clear();
     if (TStream* stream = SourceStream())
         file_.OpenStream(*stream);
     else if (std::optional<std::string> text = TextToRead())
@@ -69,6 +71,8 @@ void TKvImportFromText::BeforeImport() {
     rowOrder_.clear();
     rowPosition_ = 0;
     row_ = 0;
+    place_ = {};
+    rowCount_ = -1;
 }
 
 void TKvImportFromText::AfterImport() {
@@ -78,25 +82,55 @@ void TKvImportFromText::AfterImport() {
     references_.clear();
 }
 
+bool TKvImportFromText::NeedMore() {
+    const bool more = readAhead_ ? reader_.Has(file_, row_, fields_) : file_.HasRow(row_);
+    ReportWarnings();
+    if (!more) rowCount_ = row_;
+    return more;
+}
+
+// Hands the warnings the reading noticed so far to the run, as they come.
+void TKvImportFromText::ReportWarnings() {
+    reader_.TakeWarnings(found_);
+    if (!reader_.Running()) file_.TakeNewWarnings(found_);
+    for (TKvTextWarning& w : found_) AddWarning({w.Line, std::move(w.Message), w.Problem});
+    found_.clear();
+}
+
 int TKvImportFromText::GetTotalCount() {
-    const int64_t n = file_.RowCount();
-    return n > INT32_MAX ? INT32_MAX : static_cast<int>(n);
+    if (rowCount_ < 0) {
+        if (file_.CanCountApart()) {
+            rowCount_ = file_.CountRows(); // beside the reading thread, which goes on
+        } else {
+            // A stream only its reader may read: the reading stops, and takes up again where it was.
+            reader_.Stop();
+            rowCount_ = file_.RowCount();
+        }
+    }
+    return rowCount_ > INT32_MAX ? INT32_MAX : static_cast<int>(rowCount_);
+}
+
+double TKvImportFromText::ReadFraction() {
+    return file_.ReadFraction(place_);
 }
 
 TKvISourceLocation TKvImportFromText::SourceLocation() {
     TKvISourceLocation location = TKvImportBaseComponent::SourceLocation();
-    if (row_ >= file_.RowCount()) return location;
-    location.Record = file_.LineNumber(row_);
-    location.Line = file_.StartLine(row_);
+    if (place_.Record == 0) return location;
+    location.Record = place_.Record;
+    location.Line = file_.StartLine(place_);
     if (location.Line == 0) location.Line = location.Record; // a stream only its reader may read
     return location;
 }
 
 void TKvImportFromText::SetCurrentRow(int64_t row, bool readAhead) {
-    if (readAhead)
-        reader_.Take(file_, row, fields_);
-    else
+    if (readAhead) {
+        reader_.Take(file_, row, fields_, place_);
+    } else {
+        place_ = {};
+        place_ = file_.RowPlace(row);
         fields_.SetLine(file_.Row(row));
+    }
     rowPosition_ = 0;
 }
 
@@ -247,7 +281,7 @@ std::vector<std::vector<std::string>> TKvImportFromText::PreviewRows(int count) 
         Columns().Clear();
         DetectAutoMapping();
         const int64_t headerRecord = file_.HasHeader() ? RowFieldNames() : 0;
-        for (int64_t r = 0; r < file_.RowCount() && static_cast<int>(rows.size()) < count; ++r) {
+        for (int64_t r = 0; static_cast<int>(rows.size()) < count && file_.HasRow(r); ++r) {
             if (headerRecord && file_.LineNumber(r) == headerRecord) continue;
             SetCurrentRow(r, false);
             std::vector<std::string>& row = rows.emplace_back();
@@ -257,6 +291,7 @@ std::vector<std::vector<std::string>> TKvImportFromText::PreviewRows(int count) 
                 row.push_back(v.AsString());
             }
         }
+        ReportWarnings();
     } catch (...) {
         AfterImport();
         throw;

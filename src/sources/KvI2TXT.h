@@ -54,10 +54,15 @@ protected:
     void AfterImport() override;
     void GoFirst() override { row_ = 0; }
     void GoNext() override { ++row_; }
-    bool NeedMore() override { return row_ < file_.RowCount(); }
+    /// Asks for the row, not for the count: the reading thread cuts rows no further than it reads them.
+    bool NeedMore() override;
     /// The line where the current record starts, and the record's number.
     TKvISourceLocation SourceLocation() override;
+    /// Counting the rows takes a scan of the text: the run asks only when it needs the count.
+    bool TotalCountIsCheap() override { return false; }
     int GetTotalCount() override;
+    /// Where the current row lies in the input.
+    double ReadFraction() override;
     bool LoadRecord() override;
     Variant GetFieldValue(const Variant& value) override;
     int ResolveSourceColumn(const std::string& name) override;
@@ -74,6 +79,7 @@ protected:
 
 private:
     void SetCurrentRow(int64_t row, bool readAhead);
+    void ReportWarnings();
     Variant ValueOf(const TKvTextRef& ref) const;
     /// What `name` refers to: a header name first; otherwise Field<n>, Text<a>-<b>, Text, or a constant.
     TKvTextRef ReferenceTo(const std::string& name) const;
@@ -87,6 +93,9 @@ private:
     TKvTextFields fields_;
     TKvTextReadAhead reader_; ///< after file_, so that it stops before the file goes
     int64_t row_ = 0;
+    TKvTextRowPlace place_;             ///< of the current row, as the reading handed it over
+    int64_t rowCount_ = -1;             ///< once counted, or once the rows have ended
+    std::vector<TKvTextWarning> found_; ///< warnings of the reading, on their way to AddWarning
     std::vector<std::string> headerNames_;
     std::unordered_map<std::string, TKvTextRef> references_; ///< by the names mappings use, per run
     // The references of one row in the order they were asked for: the next row asks in the same order.

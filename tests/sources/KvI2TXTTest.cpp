@@ -6,6 +6,7 @@
 #include "datasets/KvSQLiteDataSet.h"
 #include "platform/Clipboard.h"
 #include "platform/DateUtils.h"
+#include "platform/FrontEnd.h"
 #include "platform/Streams.h"
 
 namespace kv {
@@ -149,6 +150,102 @@ TEST_F(TextSource, DatesReachAnSqliteTableAlikeWhetherAHandlerLooksOrNot) {
     EXPECT_EQ(seen, "Date Date Date ");
     EXPECT_EQ(errors, (std::vector<std::string>{"'2024-02-30' is not a valid date",
                                                 "'2024-02-30' is not a valid date"}));
+}
+
+// The rows are not counted before the first is imported: the progress tells how far through the text
+// the run is, an expression that reads STATTOTALCOUNT has the rows counted when it first asks (beside the
+// reading thread, or with it stopped for a stream only it may read), and the count is there at the end.
+TEST_F(TextSource, TheRowsAreCountedWhenAsked) {
+    Fields({{"id", ftInteger}, {"of", ftInteger}});
+    text.SetRowFirst(2);
+    std::string bytes = "id\n", expected;
+    for (int i = 1; i <= 3000; ++i) {
+        bytes += std::to_string(i) + "\n";
+        expected += std::to_string(i) + "|3000\n";
+    }
+    struct Progress : IKvFrontEnd {
+        std::vector<TProgressState> States;
+        void UpdateProgressDlg(const TProgressState& state) override { States.push_back(state); }
+    } ui;
+    SetFrontEnd(&ui);
+    text.SetAnimatedStatus(true);
+    Import(bytes);
+    SetFrontEnd(nullptr);
+    EXPECT_EQ(text.Statistic().TotalCount, 3000);
+    ASSERT_GT(ui.States.size(), 3000u);
+    EXPECT_EQ(ui.States.back().Total, 3000);
+    double fraction = 0;
+    for (size_t i = 0; i + 1 < ui.States.size(); ++i) {
+        EXPECT_EQ(ui.States[i].Total, 0) << i;
+        EXPECT_GE(ui.States[i].Fraction, fraction) << i;
+        fraction = ui.States[i].Fraction;
+    }
+    EXPECT_GT(ui.States[1500].Fraction, 0.4);
+    EXPECT_LT(ui.States[1500].Fraction, 0.6);
+    EXPECT_LT(fraction, 1);
+
+    text.Mappings().Add("id=id");
+    text.Mappings().Add("of=STATTOTALCOUNT");
+    for (bool readAhead : {true, false}) {
+        SCOPED_TRACE(readAhead ? "reading ahead" : "row by row");
+        text.SetReadAhead(readAhead);
+        dest.EmptyTable();
+        EXPECT_EQ(Import(bytes), expected);
+        dest.EmptyTable();
+        TFileStream stream(dir.File("in.csv"), fmOpenRead);
+        text.LoadFromStream(stream);
+        EXPECT_EQ(Rows(), expected);
+    }
+    EXPECT_TRUE(errors.empty());
+}
+
+// What the reading notices as it goes (a stray byte past the bytes checked when opening, a quote never
+// closed) is raised while the rows are imported, as the row where it was found comes, and only then.
+TEST_F(TextSource, WarningsOfTheReadingComeInTheirTurn) {
+    struct TCheckingLittle : TKvImportFromText {
+        TCheckingLittle() { File().Settings().JudgeBytes = 16; }
+    };
+    std::string bytes = "name\n";
+    for (int i = 0; i < 50; ++i) bytes += "a" + std::to_string(i) + "\n";
+    bytes += "M\xFCller\n";
+    for (int i = 0; i < 50; ++i) bytes += "b" + std::to_string(i) + "\n";
+    bytes += "\"open\nx\n";
+    test::WriteFile(dir.File("late.csv"), bytes);
+    for (bool readAhead : {true, false}) {
+        SCOPED_TRACE(readAhead ? "reading ahead" : "row by row");
+        TKvMemDataSet table;
+        table.AddFieldDef("name", ftString, 50);
+        TCheckingLittle late;
+        late.SetAnimatedStatus(false);
+        late.SetDataSet(&table);
+        late.SetFieldDelimiterCustom(U',');
+        late.SetRowFirst(2);
+        late.SetReadAhead(readAhead);
+        late.SetSourceFileName(dir.File("late.csv"));
+        late.Mappings().Add("name=name"); // no type guess reads the rows first
+        std::vector<std::string> heard;
+        late.OnWarning = [&](TObject*, const TKvIWarning& w) {
+            heard.push_back(std::to_string(w.Line) + " after " +
+                            std::to_string(late.Statistic().TotalImported) + " rows: " + w.Message);
+        };
+        const std::string notUtf8 =
+            "52 after 50 rows: bytes that are not UTF-8 were read as Windows-1252 characters";
+        // A run stopped early hears what it reached; the next hears everything once.
+        late.OnAfterRecordEvent = [&](TObject*, bool& stop) { stop = late.Statistic().TotalImported == 60; };
+        late.Execute();
+        EXPECT_EQ(heard, std::vector<std::string>{notUtf8});
+        late.OnAfterRecordEvent = nullptr;
+        heard.clear();
+        table.EmptyTable();
+        late.Execute();
+        EXPECT_EQ(heard,
+                  (std::vector<std::string>{
+                      notUtf8, "103 after 101 rows: the quoted field that starts on this line is never "
+                               "closed: it takes in the 1 line after it, to the end of the file"}));
+        ASSERT_EQ(table.RowCount(), 102);
+        EXPECT_EQ(table.Row(50)[0].AsString(), "M\xC3\xBCller");
+        EXPECT_TRUE(late.HadProblems());
+    }
 }
 
 TEST_F(TextSource, Utf16WithBomAndWindows1252) {

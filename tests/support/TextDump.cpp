@@ -30,7 +30,7 @@ std::string DumpTextFile(const std::string& path) {
     fields.SetDelimiter(file.Settings().FieldDelimiter);
     fields.SetQualifier(file.Settings().TextQualifier);
     std::string out = "encoding: " + std::string(EncodingName(file.Encoding())) + "\n";
-    for (int64_t row = 0; row < file.RowCount(); ++row) {
+    for (int64_t row = 0; file.HasRow(row); ++row) {
         fields.SetLine(file.Row(row));
         out += std::to_string(file.LineNumber(row)) + ":";
         for (int i = 1; i <= fields.Count(); ++i)

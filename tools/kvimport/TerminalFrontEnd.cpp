@@ -99,10 +99,14 @@ void TerminalFrontEnd::UpdateProgressDlg(const TProgressState& state) {
     lastDrawn_ = now;
     const double seconds = std::chrono::duration<double>(now - started_).count();
     std::string line = "\r" + Grouped(state.Processed);
+    char percent[16];
     if (state.Total > 0) {
-        char percent[16];
         std::snprintf(percent, sizeof percent, "%.0f%%", 100.0 * state.Processed / state.Total);
         line += " of " + Grouped(state.Total) + " rows (" + percent + ")";
+    } else if (state.Fraction >= 0) {
+        // The rows are not counted ahead: how far through the source they are.
+        std::snprintf(percent, sizeof percent, "%.0f%%", 100.0 * state.Fraction);
+        line += std::string(" rows (") + percent + ")";
     } else {
         line += " rows";
     }

@@ -1,6 +1,8 @@
 #include "readers/text/KvTextReadAhead.h"
 
+#include <iterator>
 #include <system_error>
+#include <utility>
 
 namespace kv {
 
@@ -16,26 +18,62 @@ void Release(std::string& s) {
 
 } // namespace
 
-void TKvTextReadAhead::Take(TKvTextFile& file, int64_t row, TKvTextFields& fields) {
+// The waiting row `row`, reading on from it when another one is waiting; nullptr when no thread reads.
+TKvTextReadAhead::TRow* TKvTextReadAhead::Find(TKvTextFile& file, int64_t row, const TKvTextFields& layout) {
     for (bool restarted = false;; restarted = true) {
-        if (row < 0 || row >= file.RowCount() || (!Running() && !Start(file, row, fields))) break;
+        if (!Running() && !Start(file, row, layout)) return nullptr;
         if (!current_ || position_ >= current_->Count) {
             if (current_) Recycle(std::move(current_));
             current_ = NextBatch();
             position_ = 0;
         }
-        if (current_ && position_ < current_->Count && current_->Rows[position_].Index == row) {
-            TRow& next = current_->Rows[position_++];
-            if (next.Error) std::rethrow_exception(std::exchange(next.Error, nullptr));
-            fields.Swap(next.Split);
-            return;
+        if (current_ && position_ < current_->Count) {
+            TRow& next = current_->Rows[position_];
+            Reached(next);
+            if (next.Index == row) return &next;
         }
         // Another row than the one coming, or none left: read on from the row asked for.
         Stop();
-        if (restarted) break;
+        if (restarted) return nullptr;
+    }
+}
+
+void TKvTextReadAhead::Reached(TRow& row) {
+    if (row.Warnings.empty()) return;
+    warnings_.insert(warnings_.end(), std::make_move_iterator(row.Warnings.begin()),
+                     std::make_move_iterator(row.Warnings.end()));
+    row.Warnings.clear();
+}
+
+bool TKvTextReadAhead::Has(TKvTextFile& file, int64_t row, const TKvTextFields& layout) {
+    if (row < 0) return false;
+    if (const TRow* next = Find(file, row, layout)) {
+        if (next->End && next->Error) std::rethrow_exception(next->Error); // asked again, it fails again
+        return !next->End;
     }
     Stop();
+    return file.HasRow(row);
+}
+
+void TKvTextReadAhead::Take(TKvTextFile& file, int64_t row, TKvTextFields& fields, TKvTextRowPlace& place) {
+    place = {};
+    if (TRow* next = row >= 0 ? Find(file, row, fields) : nullptr; next && !next->End) {
+        ++position_;
+        place = next->Place;
+        if (next->Error) std::rethrow_exception(std::exchange(next->Error, nullptr));
+        fields.Swap(next->Split);
+        return;
+    }
+    Stop();
+    if (file.HasRow(row)) place = file.RowPlace(row);
     fields.SetLine(file.Row(row)); // out of range raises the file's own error
+}
+
+void TKvTextReadAhead::TakeWarnings(std::vector<TKvTextWarning>& out) {
+    if (warnings_.empty()) return;
+    out.insert(out.end(), std::make_move_iterator(warnings_.begin()),
+               std::make_move_iterator(warnings_.end()));
+    warnings_.clear();
 }
 
 bool TKvTextReadAhead::Start(TKvTextFile& file, int64_t row, const TKvTextFields& layout) {
@@ -58,6 +96,11 @@ void TKvTextReadAhead::Stop() {
         space_.notify_all();
         thread_.join();
     }
+    // What the file noticed while cutting rows that were not asked for is not lost.
+    if (current_)
+        for (size_t i = position_; i < current_->Count; ++i) Reached(current_->Rows[i]);
+    for (const std::unique_ptr<TBatch>& batch : waiting_)
+        for (size_t i = 0; i < batch->Count; ++i) Reached(batch->Rows[i]);
     waiting_.clear();
     spare_.clear();
     current_.reset();
@@ -80,9 +123,8 @@ void TKvTextReadAhead::Produce(TKvTextFile& file, int64_t row, TKvTextFields spl
 }
 
 void TKvTextReadAhead::ProduceRows(TKvTextFile& file, int64_t row, TKvTextFields& splitter) {
-    const int64_t count = file.RowCount();
-    bool failed = false;
-    while (row < count && !failed) {
+    bool last = false;
+    while (!last) {
         std::unique_ptr<TBatch> batch;
         {
             std::unique_lock<std::mutex> lock(mutex_);
@@ -96,20 +138,36 @@ void TKvTextReadAhead::ProduceRows(TKvTextFile& file, int64_t row, TKvTextFields
         if (!batch) batch = std::make_unique<TBatch>();
         batch->Count = 0;
         size_t bytes = 0;
-        while (row < count && batch->Count < kBatchRows && bytes < kBatchBytes && !failed) {
+        while (!last && batch->Count < kBatchRows && bytes < kBatchBytes) {
             if (batch->Rows.size() <= batch->Count) batch->Rows.emplace_back();
             TRow& next = batch->Rows[batch->Count++];
-            next.Index = row++;
+            next.Index = row;
+            next.End = false;
+            next.Place = {};
+            next.Warnings.clear();
+            next.Error = nullptr;
+            bool found = false;
             try {
-                splitter.SetLine(file.Row(next.Index));
-                if (splitter.Line().size() <= kLongText) splitter.PrepareValues();
-                splitter.Swap(next.Split);
-                bytes += next.Split.Line.size() * (next.Split.Prepared ? 2 : 1); // the line and its values
+                found = file.HasRow(row);
+                next.End = !found;
+                last = !found;
+                if (found) {
+                    next.Place = file.RowPlace(row);
+                    splitter.SetLine(file.Row(row));
+                    if (splitter.Line().size() <= kLongText) splitter.PrepareValues();
+                    splitter.Swap(next.Split);
+                    bytes +=
+                        next.Split.Line.size() * (next.Split.Prepared ? 2 : 1); // the line and its values
+                }
             } catch (...) {
-                // The row reports it in its turn; reading stops here, as the row loop may stop there.
+                // The row reports it in its turn, or the end when the file could not tell; reading stops
+                // here, as the row loop may stop there.
                 next.Error = std::current_exception();
-                failed = true;
+                next.End = !found;
+                last = true;
             }
+            file.TakeNewWarnings(next.Warnings);
+            ++row;
         }
         {
             std::lock_guard<std::mutex> lock(mutex_);

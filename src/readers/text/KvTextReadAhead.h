@@ -1,8 +1,9 @@
 #pragma once
-// TKvTextReadAhead: reads, decodes and splits the rows of a text file on a thread of its own while the
+// TKvTextReadAhead: cuts, decodes and splits the rows of a text file on a thread of its own while the
 // caller imports the rows before them, so that reading and importing overlap. Rows come in order, in
 // batches bounded by count and by bytes, and at most a few batches wait at a time, so memory stays small
-// whatever the file's size or the length of its lines.
+// whatever the file's size or the length of its lines. Each row comes with where it lies and with the
+// warnings the file noticed while cutting it, so the caller never asks the file while the thread reads.
 
 #include "readers/text/KvTextFields.h"
 #include "readers/text/KvTextFile.h"
@@ -30,11 +31,17 @@ public:
     TKvTextReadAhead(const TKvTextReadAhead&) = delete;
     TKvTextReadAhead& operator=(const TKvTextReadAhead&) = delete;
 
+    /// True when `file` has a data row `row`. Reading goes on ahead from there; a row out of order
+    /// restarts it. Until Stop the file belongs to the reading thread: the caller must not use it, but for
+    /// what TKvTextFile allows another thread. When the file fails to tell (a read failed twice in a
+    /// row), its error is raised here.
+    bool Has(TKvTextFile& file, int64_t row, const TKvTextFields& layout);
     /// Makes data row `row` of `file` the current record of `fields` (split by `fields`' own layout, its
-    /// values prepared). Reading goes on ahead from there; a row out of order restarts it. Until Stop the
-    /// file belongs to the reading thread: the caller must not read rows of it. A row the file fails to
-    /// read raises its error here, in its turn.
-    void Take(TKvTextFile& file, int64_t row, TKvTextFields& fields);
+    /// values prepared), and tells in `place` where it lies. A row the file fails to read raises its error
+    /// here, in its turn, with `place` set.
+    void Take(TKvTextFile& file, int64_t row, TKvTextFields& fields, TKvTextRowPlace& place);
+    /// Appends to `out` the warnings the file noticed while cutting the rows asked for so far.
+    void TakeWarnings(std::vector<TKvTextWarning>& out);
     /// Ends the reading thread; the file is the caller's again.
     void Stop();
     bool Running() const { return thread_.joinable(); }
@@ -42,14 +49,19 @@ public:
 private:
     struct TRow {
         int64_t Index = 0;
+        bool End = false; ///< there is no row Index: the file ends before it
+        TKvTextRowPlace Place;
         TKvTextSplit Split;
-        std::exception_ptr Error;
+        std::vector<TKvTextWarning> Warnings; ///< noticed while cutting it
+        std::exception_ptr Error;             ///< of the row, or with End of the reading
     };
     struct TBatch {
         std::vector<TRow> Rows;
         size_t Count = 0; ///< rows in use
     };
 
+    TRow* Find(TKvTextFile& file, int64_t row, const TKvTextFields& layout);
+    void Reached(TRow& row);
     bool Start(TKvTextFile& file, int64_t row, const TKvTextFields& layout);
     void Produce(TKvTextFile& file, int64_t row, TKvTextFields splitter);
     void ProduceRows(TKvTextFile& file, int64_t row, TKvTextFields& splitter);
@@ -65,9 +77,11 @@ private:
     bool stop_ = false;
     bool finished_ = false;
 
-    // The consumer's side: the batch being handed out, and the next row of it.
+    // The consumer's side: the batch being handed out, the next row of it, and the warnings of the rows
+    // reached.
     std::unique_ptr<TBatch> current_;
     size_t position_ = 0;
+    std::vector<TKvTextWarning> warnings_;
 };
 
 } // namespace kv

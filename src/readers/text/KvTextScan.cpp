@@ -95,56 +95,38 @@ void TKvUtf8Validator::Invalid(int64_t at, int count) {
     invalid_ += count;
 }
 
-void TKvTextSpanList::Push(const TKvTextRecordSpan& span) {
-    const size_t slot = size_ % kChunk;
-    if (slot == 0) chunks_.push_back(std::make_unique_for_overwrite<TChunk>());
-    TChunk& chunk = *chunks_.back();
-    chunk.Offsets[slot] = span.Offset;
-    if (span.Length >= static_cast<int64_t>(kLongLength)) {
-        chunk.Lengths[slot] = kLongLength;
-        longLengths_.emplace_back(size_, span.Length);
-    } else {
-        chunk.Lengths[slot] = static_cast<uint32_t>(span.Length);
-    }
-    ++size_;
-}
-
-TKvTextRecordSpan TKvTextSpanList::operator[](size_t index) const {
-    const TChunk& chunk = *chunks_[index / kChunk];
-    const size_t slot = index % kChunk;
-    TKvTextRecordSpan span{chunk.Offsets[slot], chunk.Lengths[slot]};
-    if (chunk.Lengths[slot] == kLongLength)
-        span.Length =
-            std::lower_bound(longLengths_.begin(), longLengths_.end(), std::make_pair(index, int64_t(0)))
-                ->second;
-    return span;
-}
-
-void TKvTextSpanList::Clear() {
-    std::vector<std::unique_ptr<TChunk>>().swap(chunks_);
-    longLengths_.clear();
-    size_ = 0;
-}
-
-TKvTextScanner::TKvTextScanner(const TKvTextScanConfig& config, int64_t start)
-    : config_(config), recordStart_(start) {
+TKvTextScanner::TKvTextScanner(const TKvTextScanConfig& config, int64_t start) : config_(config) {
     if (config_.SeparatorNever) config_.Separator.clear();
     if (!config_.Separator.empty()) config_.FixedChars = 0;
     if (config_.Separator.empty()) config_.SkipBlank = false; // records of a length are not lines
-    empty_ = config_.SkipEmpty;
-    blank_ = config_.SkipBlank;
     tail_ = std::max(config_.Separator.size(), config_.Qualifier.size());
     if (tail_) --tail_;
     if (config_.LineBreaks && !config_.Separator.empty()) tail_ = std::max<size_t>(tail_, 1); // CR, then LF?
     if (config_.FixedChars > 0 && config_.Utf8Chars) tail_ = 3; // a whole sequence, to judge it
     stopAt_ = std::max(config_.RowLast, config_.HeaderRecord);
+    Restart(start, 0);
+}
+
+void TKvTextScanner::Restart(int64_t offset, int64_t records) {
+    Records = records;
+    recordStart_ = offset;
+    inside_ = false;
+    chars_ = 0;
+    empty_ = config_.SkipEmpty;
+    blank_ = config_.SkipBlank;
+    ended_ = false;
+    End = Unclosed = StopOffset = -1;
+    Cut = HeaderMet = false;
+    separator_ = qualifier_ = TFound{};
     // Nothing wanted at all: no need to look at a byte.
-    done_ = stopAt_ < 1 || (config_.RowFirst > config_.RowLast && config_.HeaderRecord < 1);
-    if (done_) StopOffset = start;
+    done_ =
+        stopAt_ < 1 || (config_.RowFirst > config_.RowLast && config_.HeaderRecord < 1) || records >= stopAt_;
+    if (done_) StopOffset = offset;
 }
 
 size_t TKvTextScanner::Feed(const char* data, size_t size, int64_t base, bool final) {
-    if (done_) return size;
+    Cut = HeaderMet = false;
+    if (Ended()) return size;
     size_t consumed = size;
     const size_t limit = final ? size : (size > tail_ ? size - tail_ : 0);
     if (!config_.Separator.empty())
@@ -152,8 +134,10 @@ size_t TKvTextScanner::Feed(const char* data, size_t size, int64_t base, bool fi
     else if (config_.FixedChars > 0)
         consumed = FeedFixed(data, size, limit, base);
     if (done_) return size;
+    if (Cut || HeaderMet) return consumed; // the open record starts where the feed stopped
     if (empty_ || blank_) CheckBlank(data, OpenRecordIndex(base), consumed);
     if (final) {
+        ended_ = true;
         End = base + static_cast<int64_t>(size);
         if (inside_) Unclosed = recordStart_;
         if (recordStart_ < End) EndRecord(data, size, base);
@@ -174,6 +158,7 @@ size_t TKvTextScanner::FeedSeparated(const char* d, size_t n, size_t limit, int6
     const std::string& qual = config_.Qualifier;
     const bool hasQualifier = !qual.empty();
     const bool lineBreaks = config_.LineBreaks;
+    const int64_t end = base + static_cast<int64_t>(limit);
     const auto find = [&](char c, size_t from) -> size_t {
         const void* hit = std::memchr(d + from, c, limit - from);
         return hit ? static_cast<size_t>(static_cast<const char*>(hit) - d) : limit;
@@ -182,11 +167,17 @@ size_t TKvTextScanner::FeedSeparated(const char* d, size_t n, size_t limit, int6
         return pattern.size() == 1 ||
                (at + pattern.size() <= n && std::memcmp(d + at, pattern.data(), pattern.size()) == 0);
     };
+    const auto kept = [&](const TFound& found) {
+        return static_cast<size_t>(std::min(found.At, end) - base);
+    };
     size_t p = 0, nextSep = 0, nextQual = 0;
-    bool sepKnown = false, qualKnown = false;
+    bool sepKnown = Holds(separator_, base, end), qualKnown = Holds(qualifier_, base, end);
+    if (sepKnown) nextSep = kept(separator_);
+    if (qualKnown) nextQual = kept(qualifier_);
     while (p < limit && !done_) {
         if (!qualKnown || nextQual < p) {
             nextQual = hasQualifier ? find(qual[0], p) : limit;
+            qualifier_ = {base + static_cast<int64_t>(p), end, base + static_cast<int64_t>(nextQual)};
             qualKnown = true;
         }
         if (inside_) {
@@ -201,6 +192,7 @@ size_t TKvTextScanner::FeedSeparated(const char* d, size_t n, size_t limit, int6
         }
         if (!sepKnown || nextSep < p) {
             nextSep = lineBreaks ? FindLineBreak(d, p, limit) : find(sep[0], p);
+            separator_ = {base + static_cast<int64_t>(p), end, base + static_cast<int64_t>(nextSep)};
             sepKnown = true;
         }
         if (nextQual < nextSep) {
@@ -223,7 +215,9 @@ size_t TKvTextScanner::FeedSeparated(const char* d, size_t n, size_t limit, int6
             recordStart_ = base + static_cast<int64_t>(p);
         } else {
             p = nextSep + 1;
+            continue;
         }
+        if (Cut || HeaderMet) return p;
     }
     return p;
 }
@@ -237,6 +231,7 @@ size_t TKvTextScanner::FeedFixed(const char* d, size_t n, size_t limit, int64_t 
             const int64_t next = recordStart_ + width;
             EndRecord(d, static_cast<size_t>(next - base), base);
             recordStart_ = next;
+            if (Cut || HeaderMet) return static_cast<size_t>(next - base);
         }
         return n;
     }
@@ -249,6 +244,7 @@ size_t TKvTextScanner::FeedFixed(const char* d, size_t n, size_t limit, int64_t 
             EndRecord(d, i, base);
             recordStart_ = base + static_cast<int64_t>(i);
             chars_ = 0;
+            if (Cut || HeaderMet) return i;
         }
         ++chars_;
         if (static_cast<unsigned char>(d[i]) < 0x80)
@@ -283,16 +279,17 @@ void TKvTextScanner::Keep(int64_t offset, int64_t length, bool empty, bool blank
     ++Records;
     blank = blank && config_.SkipBlank;
     // A blank line where the names should be names nothing: the columns are then numbered.
-    if (Records == config_.HeaderRecord && !blank) {
-        HasHeader = true;
-        Header = {offset, length};
+    if (Records == config_.HeaderRecord) {
+        HeaderMet = true;
+        if (!blank) {
+            HasHeader = true;
+            Header = {offset, length};
+        }
     }
     if (Records >= config_.RowFirst && Records <= config_.RowLast && !(config_.SkipEmpty && empty) &&
         !blank) {
-        const auto index = static_cast<int64_t>(Rows.Size());
-        if (Numbering.empty() || Numbering.back().second - Numbering.back().first != Records - index)
-            Numbering.emplace_back(index, Records);
-        Rows.Push({offset, length});
+        Cut = true;
+        Row = {offset, length};
     }
     if (Records >= stopAt_) {
         done_ = true;

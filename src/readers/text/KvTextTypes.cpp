@@ -267,11 +267,11 @@ std::vector<TKvTextColumnType> GuessTextColumnTypes(TKvTextFile& file, const TKv
     // A thousand separator that is also the delimiter can only stand inside a qualified value.
     const bool groupingClashes = !format.FixedWidth() && options.ThousandSeparator == format.Delimiter();
     const int64_t limit = options.MaxScanRows == 0  ? KvTextDefaultScanRows
-                          : options.MaxScanRows < 0 ? file.RowCount()
+                          : options.MaxScanRows < 0 ? INT64_MAX
                                                     : options.MaxScanRows;
     std::string value;
     int64_t scanned = 0;
-    for (int64_t row = 0; row < file.RowCount() && scanned < limit; ++row) {
+    for (int64_t row = 0; scanned < limit && file.HasRow(row); ++row) {
         if (headerRecord && file.LineNumber(row) == headerRecord) continue;
         ++scanned;
         fields.SetLine(file.Row(row));

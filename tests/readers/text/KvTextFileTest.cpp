@@ -21,9 +21,11 @@ struct Loaded {
     bool operator==(const Loaded&) const = default;
 };
 
+// Reads the rows in order, then once more backwards: each step back starts the scan again from a restart
+// point, and must cut the same rows with the same numbers, and notice nothing twice.
 Loaded Collect(TKvTextFile& file) {
     Loaded r;
-    for (int64_t i = 0; i < file.RowCount(); ++i) {
+    for (int64_t i = 0; file.HasRow(i); ++i) {
         r.Rows.push_back(file.Row(i));
         r.Lines.push_back(file.LineNumber(i));
     }
@@ -31,6 +33,12 @@ Loaded Collect(TKvTextFile& file) {
     r.Header = file.HeaderLine();
     r.Encoding = file.Encoding();
     r.Warnings = file.Warnings();
+    for (auto i = static_cast<int64_t>(r.Rows.size()) - 1; i >= 0; --i) {
+        EXPECT_EQ(file.Row(i), r.Rows[static_cast<size_t>(i)]) << "row " << i << " read again";
+        EXPECT_EQ(file.LineNumber(i), r.Lines[static_cast<size_t>(i)]) << "row " << i << " read again";
+    }
+    EXPECT_EQ(file.RowCount(), static_cast<int64_t>(r.Rows.size()));
+    EXPECT_EQ(file.Warnings(), r.Warnings);
     return r;
 }
 
@@ -45,6 +53,7 @@ Loaded LoadFile(const std::string& bytes, TKvTextFileSettings settings, size_t b
     test::TempDir dir;
     test::WriteFile(dir.File("in.txt"), bytes);
     settings.BlockSize = blockSize;
+    settings.CheckpointRows = 2;
     TKvTextFile file;
     file.Settings() = settings;
     file.Open(dir.File("in.txt"));
@@ -52,7 +61,7 @@ Loaded LoadFile(const std::string& bytes, TKvTextFileSettings settings, size_t b
 }
 
 // Loads from memory, and from a file with block sizes small enough to cut every separator, qualifier and
-// character in two somewhere; every way must agree.
+// character in two somewhere, and restart points every other row; every way must agree.
 Loaded LoadEverywhere(const std::string& bytes, const TKvTextFileSettings& settings) {
     const Loaded expected = LoadText(bytes, settings);
     for (size_t block : {1, 2, 3, 4, 5, 7, 16, 0}) {
@@ -102,6 +111,12 @@ TKvTextFileSettings Forced(TKvTextFileSettings s, TTextEncoding encoding) {
 
 TKvTextFileSettings Upto(TKvTextFileSettings s, int rowLast) {
     s.RowLast = rowLast;
+    return s;
+}
+
+// Only the first `bytes` are checked when opening; the rest as the rows are cut.
+TKvTextFileSettings CheckingFirst(TKvTextFileSettings s, size_t bytes) {
+    s.JudgeBytes = bytes;
     return s;
 }
 
@@ -367,6 +382,55 @@ TEST(TextFile, DecodesEncodings) {
          {"\xEF\xBF\276a"}},
         // Only the bytes up to the last wanted record are judged.
         {"UTF-8 up to RowLast", "\xC3\xA9\r\n\xFF", Upto(Plain(), 1), encUtf8, {"\xC3\xA9"}},
+        {"UTF-8 up to RowLast, checked late",
+         "abc\r\n\xC3\xA9\r\n\xFF",
+         Upto(CheckingFirst(Plain(), 2), 2),
+         encUtf8,
+         {"abc", "\xC3\xA9"}},
+        // The first bytes are UTF-8: a stray byte met later is Windows-1252 from there on, and the rows
+        // before it read the same either way.
+        {"a stray byte after the bytes checked",
+         "Z\xC3\xBCrich\r\nM\xFCller\r\n\xC3\xA9",
+         CheckingFirst(Plain(), 4),
+         encUtf8Mixed,
+         {"Z\xC3\xBCrich", "M\xC3\xBCller", "\xC3\xA9"}},
+        {"a Windows-1252 text with an ASCII start",
+         "name\r\ncaf\xE9\r\n\xC3\xA9",
+         CheckingFirst(Plain(), 4),
+         encUtf8Mixed,
+         {"name", "caf\xC3\xA9", "\xC3\xA9"}},
+        {"a sequence cut by the end, checked late",
+         "ab\r\nc\xE2\x82",
+         CheckingFirst(Plain(), 3),
+         encUtf8Mixed,
+         {"ab", "c\xC3\xA2\xE2\x80\x9A"}},
+        {"fixed length, checked late",
+         "abc\xC3\xA9\x80y",
+         CheckingFirst(FixedLength(2), 2),
+         encUtf8Mixed,
+         {"ab", "c\xC3\xA9", "\xE2\x82\xACy"}},
+        // The first record ends in the first byte of a sequence the bytes checked leave open: the bytes
+        // after it break it before the record is decoded.
+        {"a record ending in a broken sequence, checked late",
+         "ab\xE2\x82xy",
+         CheckingFirst(FixedLength(3), 4),
+         encUtf8Mixed,
+         {"ab\xC3\xA2", "\xE2\x80\x9Axy"}},
+        {"a record ending in a sequence the text ends in, checked late",
+         "aa\xF0\xB1",
+         CheckingFirst(FixedLength(1), 2),
+         encUtf8Mixed,
+         {"a", "a", "\xC3\xB0", "\xC2\xB1"}},
+        {"a late stray byte after a BOM",
+         "\xEF\xBB\277ab\r\n\xFF",
+         CheckingFirst(Plain(), 1),
+         encUtf8Mixed,
+         {"ab", "\xC3\xBF"}},
+        {"UTF-8 by the setting, late",
+         "ab\r\nc\xE9",
+         Forced(CheckingFirst(Plain(), 1), encUtf8),
+         encUtf8,
+         {"ab", "c\xEF\xBF\xBD"}},
         {"a sequence cut by RowLast", "a\xE2\x82x", Upto(FixedLength(1), 2), encAnsi, {"a", "\xC3\xA2"}},
         {"binary",
          std::string("\x00\x01\xFF\r\n\xFE\x00", 7),
@@ -417,10 +481,19 @@ TEST(TextFile, WarnsWithTheLineAUserSees) {
          Plain(),
          {{4, notUtf8, false}}},
         {"after a BOM", "\xEF\xBB\xBFh\r\n\xE9", Plain(), {{2, notUtf8, false}}},
-        {"both, by line",
+        // The stray byte is found when opening, the open quote once the scan gets there.
+        {"both, as they are found",
          "h\n\xC3\xA9\xC3\xA9\n\"open\n\xE9\n",
          Plain(),
-         {{3, unclosed("1 line"), true}, {4, notUtf8, false}}},
+         {{4, notUtf8, false}, {3, unclosed("1 line"), true}}},
+        {"a stray byte met late",
+         "h\n\xC3\xA9\n\"a\"\"\nb\"\nM\xFCller\n\xE9\n",
+         CheckingFirst(Plain(), 4),
+         {{5, notUtf8, false}}},
+        {"a stray byte after the last wanted record",
+         "h\n1\n2\n\xE9\n",
+         Upto(CheckingFirst(Plain(), 4), 3),
+         {}},
         {"UTF-8 by the setting says nothing", "h\n\xE9", Forced(Plain(), encUtf8), {}},
     };
     for (const Case& c : cases) {
@@ -434,14 +507,32 @@ TEST(TextFile, WarnsWithTheLineAUserSees) {
     TMemoryStream memory("skipped\nh\n\"x");
     memory.SetPosition(8);
     file.OpenStream(memory);
+    EXPECT_TRUE(file.Warnings().empty()); // the scan has not been there yet
+    EXPECT_EQ(file.RowCount(), 2);
     EXPECT_EQ(file.Warnings(), (std::vector<TKvTextWarning>{{2, unclosed("0 lines"), true}}));
     file.OpenText(std::string("\xFF\xFEh\0\r\0\n\0\"\0x\0\n\0y\0", 16));
+    file.RowCount();
     EXPECT_EQ(file.Warnings(), (std::vector<TKvTextWarning>{{2, unclosed("1 line"), true}}));
-    // Every open starts afresh.
+    // Every open starts afresh, and each warning of the reading is handed out once.
     file.OpenText("a\nb");
+    EXPECT_EQ(file.RowCount(), 2);
     EXPECT_TRUE(file.Warnings().empty());
-    file.OpenText("\"");
+    file.Settings().RowFieldNames = 0;
+    file.OpenText("\"\n");
+    std::vector<TKvTextWarning> taken;
+    file.TakeNewWarnings(taken);
+    EXPECT_TRUE(taken.empty());
+    EXPECT_TRUE(file.HasRow(0));
+    file.TakeNewWarnings(taken);
+    file.TakeNewWarnings(taken);
+    EXPECT_EQ(taken, (std::vector<TKvTextWarning>{{1, unclosed("0 lines"), true}}));
+    // Found when opening, while the header was looked for: a warning of the open, not one to take.
+    file.Settings().RowFieldNames = 1;
+    file.OpenText("\"\n");
     EXPECT_EQ(file.Warnings().size(), 1u);
+    taken.clear();
+    file.TakeNewWarnings(taken);
+    EXPECT_TRUE(taken.empty());
     file.Close();
     EXPECT_TRUE(file.Warnings().empty());
 }
@@ -459,8 +550,12 @@ TEST(TextFile, StartLinesAreTheLinesAUserSees) {
         file.Settings().RowFirst = 2;
         fromFile ? file.Open(dir.File("lines.csv")) : file.OpenText(bytes);
         ASSERT_EQ(file.RowCount(), 4);
-        for (int64_t i = 0; i < 4; ++i) EXPECT_EQ(file.StartLine(i), expected[static_cast<size_t>(i)]) << i;
-        for (int64_t i = 3; i >= 0; --i) EXPECT_EQ(file.StartLine(i), expected[static_cast<size_t>(i)]) << i;
+        std::vector<TKvTextRowPlace> places;
+        for (int64_t i = 0; i < 4; ++i) places.push_back(file.RowPlace(i));
+        for (int64_t i = 0; i < 4; ++i)
+            EXPECT_EQ(file.StartLine(places[size_t(i)]), expected[static_cast<size_t>(i)]) << i;
+        for (int64_t i = 3; i >= 0; --i)
+            EXPECT_EQ(file.StartLine(places[size_t(i)]), expected[static_cast<size_t>(i)]) << i;
         EXPECT_EQ(file.Row(0), "1,\"two\nlines\""); // read back through a window of one block
         EXPECT_EQ(file.RowSpan(0).Offset, 3);
         EXPECT_EQ(file.RowSpan(0).Length, 13);
@@ -470,20 +565,78 @@ TEST(TextFile, StartLinesAreTheLinesAUserSees) {
     TFileStream stream(dir.File("lines.csv"), fmOpenRead);
     TKvTextFile file;
     file.OpenStream(stream);
-    EXPECT_EQ(file.StartLine(1), 0);
+    EXPECT_EQ(file.StartLine(file.RowPlace(1)), 0);
 }
 
-TEST(TextFile, SpanListKeepsEveryOffsetAndLength) {
-    TKvTextSpanList list;
-    const int64_t huge = int64_t(5) << 30; // records of 4 GiB and more keep their length too
-    for (int64_t i = 0; i < 10000; ++i) list.Push({i * 7, i % 1000 == 999 ? huge + i : i % 13});
-    ASSERT_EQ(list.Size(), 10000u);
-    for (int64_t i : {0, 998, 999, 4095, 4096, 8999, 9999}) {
-        EXPECT_EQ(list[size_t(i)].Offset, i * 7) << i;
-        EXPECT_EQ(list[size_t(i)].Length, i % 1000 == 999 ? huge + i : i % 13) << i;
-    }
-    list.Clear();
-    EXPECT_EQ(list.Size(), 0u);
+// Opening checks the first bytes and finds the header; rows are cut only as far as they are asked for,
+// and a step back scans again from the restart point before the row, not from the start.
+TEST(TextFile, ReadsNoFurtherThanAsked) {
+    // Seekable bytes that count what is read of them (no TMemoryStream, which would be used in place).
+    class TCounting : public TStream {
+    public:
+        explicit TCounting(std::string_view bytes) : bytes_(bytes) {}
+        int64_t Furthest = 0, Bytes = 0;
+        size_t Read(void* buffer, size_t count) override {
+            const size_t n = std::min(count, bytes_.size() - std::min(position_, bytes_.size()));
+            bytes_.copy(static_cast<char*>(buffer), n, position_);
+            position_ += n;
+            Bytes += static_cast<int64_t>(n);
+            Furthest = std::max(Furthest, static_cast<int64_t>(position_));
+            return n;
+        }
+        size_t Write(const void*, size_t) override { return 0; }
+        int64_t Seek(int64_t offset, TSeekOrigin origin) override {
+            position_ = static_cast<size_t>(offset + (origin == soEnd ? static_cast<int64_t>(bytes_.size())
+                                                      : origin == soCurrent ? static_cast<int64_t>(position_)
+                                                                            : 0));
+            return static_cast<int64_t>(position_);
+        }
+
+    private:
+        std::string_view bytes_;
+        size_t position_ = 0;
+    };
+    std::string text = "id,note\r\n";
+    for (int i = 0; i < 20000; ++i) text += std::to_string(i) + ",\"a\r\nb\"\r\n";
+    test::TempDir dir;
+    test::WriteFile(dir.File("in.csv"), text);
+    TKvTextFile file;
+    file.Settings().RowFirst = 2;
+    file.Settings().BlockSize = 4096;
+    file.Settings().JudgeBytes = 8192;
+    file.Settings().CheckpointRows = 100;
+
+    TCounting stream(text);
+    file.OpenStream(stream);
+    EXPECT_EQ(file.HeaderLine(), "id,note");
+    EXPECT_LE(stream.Furthest, 8192 + 4096);
+    EXPECT_FALSE(file.CanCountApart()); // only the reader may read a stream it was handed
+
+    const auto rowAt = [&](int64_t i) {
+        return static_cast<int64_t>(text.find("\r\n" + std::to_string(i) + ",")) + 2;
+    };
+    ASSERT_TRUE(file.HasRow(999));
+    EXPECT_LE(stream.Furthest, rowAt(1000) + 4096);
+    stream.Bytes = 0;
+    EXPECT_EQ(file.Row(950), "950,\"a\r\nb\"");
+    EXPECT_EQ(file.LineNumber(950), 952);
+    EXPECT_EQ(file.RowSpan(950).Offset, rowAt(950));
+    EXPECT_LE(stream.Bytes, rowAt(1000) - rowAt(900) + 4096); // from the restart point at row 900
+    EXPECT_FALSE(file.HasRow(20000));
+    EXPECT_EQ(file.RowCount(), 20000);
+    EXPECT_EQ(file.RecordCount(), 20001);
+
+    // The same count by a scan of its own, from memory or through a file's own stream.
+    file.OpenText(text);
+    EXPECT_TRUE(file.CanCountApart());
+    EXPECT_EQ(file.CountRows(), 20000);
+    file.Open(dir.File("in.csv"));
+    EXPECT_TRUE(file.HasRow(5));
+    EXPECT_EQ(file.CountRows(), 20000);
+    EXPECT_EQ(file.Row(5), "5,\"a\r\nb\""); // the row scan was not disturbed
+    EXPECT_DOUBLE_EQ(file.ReadFraction(file.RowPlace(0)), 9.0 / static_cast<double>(text.size()));
+    file.Close();
+    EXPECT_EQ(file.CountRows(), 0);
 }
 
 TEST(TextFile, OpensEveryKindOfSource) {
@@ -590,7 +743,7 @@ TEST(TextFile, BadInput) {
     EXPECT_THROW(file.Row(-1), EListError);
     EXPECT_THROW(file.LineNumber(3), EListError);
 
-    // The file shrinks after the scan: the row that is gone is a read error.
+    // The file shrinks after it was opened: reading what is gone is a read error.
     test::WriteFile(dir.File("huge.csv"), "a\r\n");
     EXPECT_THROW(file.Row(1), EReadError);
 

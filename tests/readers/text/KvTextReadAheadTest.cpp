@@ -1,5 +1,6 @@
-// Reading ahead on a second thread serves exactly what reading row by row serves: the same lines, fields
-// and values, in any order of asking, with a read error in its row's turn.
+// Reading ahead on a second thread serves exactly what reading row by row serves: the same lines, fields,
+// values and places, in any order of asking, with the warnings met on the way and a read error in its
+// row's turn.
 
 #include "readers/text/KvTextReadAhead.h"
 #include "TestSupport.h"
@@ -57,11 +58,16 @@ std::vector<Row> ReadInOrder(TKvTextFile& file, const TKvTextFields& layout, std
     TKvTextReadAhead reader;
     std::vector<Row> rows;
     for (int64_t r : order) {
-        if (ahead)
-            reader.Take(file, r, fields);
-        else
+        TKvTextRowPlace place;
+        if (ahead) {
+            EXPECT_TRUE(reader.Has(file, r, fields));
+            reader.Take(file, r, fields, place);
+        } else {
+            place = file.RowPlace(r);
             fields.SetLine(file.Row(r));
+        }
         rows.push_back(Current(fields));
+        rows.back().Values.push_back(std::to_string(place.Record) + "@" + std::to_string(place.Offset));
     }
     return rows;
 }
@@ -73,6 +79,7 @@ TEST(TextReadAhead, ServesWhatRowByRowReadingServes) {
         test::WriteFile(dir.File("in.csv"), MixedText(3000, delimiter));
         TKvTextFile file;
         file.Settings().RowFieldNames = 0;
+        file.Settings().CheckpointRows = 64;
         file.Open(dir.File("in.csv"));
         ASSERT_EQ(file.RowCount(), 3000);
         const TKvTextFields layout = Layout(Utf8ToU32(delimiter)[0]);
@@ -98,44 +105,154 @@ TEST(TextReadAhead, RowsOutsideTheFileAndStopping) {
     file.Open(dir.File("in.csv"));
     TKvTextFields fields = Layout(U',');
     TKvTextReadAhead reader;
-    EXPECT_THROW(reader.Take(file, 2000, fields), EListError);
-    EXPECT_THROW(reader.Take(file, -1, fields), EListError);
+    TKvTextRowPlace place;
+    EXPECT_FALSE(reader.Has(file, 2000, fields));
+    EXPECT_FALSE(reader.Has(file, 2000, fields)); // asked again
+    EXPECT_TRUE(reader.Has(file, 1999, fields));
+    EXPECT_THROW(reader.Take(file, 2000, fields, place), EListError);
+    EXPECT_FALSE(reader.Has(file, -1, fields));
+    EXPECT_THROW(reader.Take(file, -1, fields, place), EListError);
 
     // Stopping while the reading thread waits for room, and again when it has already stopped.
-    reader.Take(file, 0, fields);
+    reader.Take(file, 0, fields, place);
     EXPECT_TRUE(reader.Running());
     reader.Stop();
     EXPECT_FALSE(reader.Running());
     reader.Stop();
-    reader.Take(file, 1999, fields);
+    reader.Take(file, 1999, fields, place);
     EXPECT_EQ(fields.FieldValue(1), "1999");
+    EXPECT_EQ(place.Record, 2000);
 }
 
-TEST(TextReadAhead, AReadErrorComesInItsRowsTurn) {
-    test::TempDir dir;
-    std::string text;
-    for (int i = 0; i < 5000; ++i) text += "row " + std::to_string(i) + "\n";
-    test::WriteFile(dir.File("in.csv"), text);
-    TKvTextFile file;
-    file.Settings().RowFieldNames = 0;
-    file.Settings().BlockSize = 4096;
-    file.Open(dir.File("in.csv"));
-    // The file shrinks after the scan: the rows that are gone fail, the ones before them do not.
-    test::WriteFile(dir.File("in.csv"), text.substr(0, text.find("row 3000\n")));
+// Seekable bytes whose read number FailAt fails, or every read from FailFrom on.
+class TFailingStream : public TStream {
+public:
+    explicit TFailingStream(std::string bytes) : bytes_(std::move(bytes)) {}
+    int FailAt = 0, Reads = 0;
+    size_t FailFrom = SIZE_MAX;
+    size_t Read(void* buffer, size_t count) override {
+        if (++Reads == FailAt || position_ + count > FailFrom) throw EReadError("Stream read error");
+        const size_t n = std::min(count, bytes_.size() - std::min(position_, bytes_.size()));
+        bytes_.copy(static_cast<char*>(buffer), n, position_);
+        position_ += n;
+        return n;
+    }
+    size_t Write(const void*, size_t) override { return 0; }
+    int64_t Seek(int64_t offset, TSeekOrigin origin) override {
+        position_ = static_cast<size_t>(offset + (origin == soEnd       ? static_cast<int64_t>(bytes_.size())
+                                                  : origin == soCurrent ? static_cast<int64_t>(position_)
+                                                                        : 0));
+        return static_cast<int64_t>(position_);
+    }
 
+private:
+    std::string bytes_;
+    size_t position_ = 0;
+};
+
+// How reading every row as an import does went: the rows that failed, and where the rows ended, because
+// there were no more or because the file could not tell.
+struct TReadOutcome {
+    std::vector<int64_t> FailedRows;
+    int64_t End = 0;
+    bool EndFailed = false;
+    bool operator==(const TReadOutcome&) const = default;
+};
+
+TReadOutcome ReadAll(TKvTextFile& file, bool ahead) {
     TKvTextFields fields = Layout(U',');
     TKvTextReadAhead reader;
-    int64_t row = 0;
-    for (; row < file.RowCount(); ++row) {
+    const auto has = [&](int64_t row) { return ahead ? reader.Has(file, row, fields) : file.HasRow(row); };
+    TReadOutcome outcome;
+    for (;; ++outcome.End) {
         try {
-            reader.Take(file, row, fields);
+            if (!has(outcome.End)) break;
         } catch (const EReadError&) {
+            outcome.EndFailed = true;
+            EXPECT_THROW(has(outcome.End), EReadError); // asked again, it fails again
             break;
         }
-        ASSERT_EQ(fields.Line(), "row " + std::to_string(row));
+        try {
+            TKvTextRowPlace place;
+            if (ahead)
+                reader.Take(file, outcome.End, fields, place);
+            else
+                fields.SetLine(file.Row(outcome.End));
+            EXPECT_EQ(fields.Line(), "row " + std::to_string(outcome.End));
+        } catch (const EReadError&) {
+            outcome.FailedRows.push_back(outcome.End);
+        }
     }
-    EXPECT_EQ(row, 3000);
-    EXPECT_THROW(reader.Take(file, row + 1, fields), EReadError); // asked again, it fails again
+    return outcome;
+}
+
+// A read that fails once fails the row being cut, and the rows after it come; reads that keep failing
+// end the rows with the error. Reading ahead meets both at the same row as reading row by row.
+TEST(TextReadAhead, AReadErrorComesInItsRowsTurn) {
+    std::string text;
+    for (int i = 0; i < 5000; ++i) text += "row " + std::to_string(i) + "\n";
+    for (bool persistent : {false, true}) {
+        SCOPED_TRACE(persistent ? "every read from a place on fails" : "one read fails");
+        std::vector<TReadOutcome> outcomes;
+        for (bool ahead : {true, false}) {
+            TFailingStream stream(text);
+            TKvTextFile file;
+            file.Settings().RowFieldNames = 0;
+            file.Settings().BlockSize = 4096;
+            file.OpenStream(stream);
+            if (persistent)
+                stream.FailFrom = text.find("row 3000\n");
+            else
+                stream.FailAt = stream.Reads + 3;
+            outcomes.push_back(ReadAll(file, ahead));
+        }
+        EXPECT_EQ(outcomes[0], outcomes[1]);
+        const TReadOutcome& outcome = outcomes[0];
+        EXPECT_EQ(outcome.EndFailed, persistent);
+        if (persistent) {
+            EXPECT_TRUE(outcome.FailedRows.empty());
+            EXPECT_GT(outcome.End, 2500);
+            EXPECT_LE(outcome.End, 3000);
+        } else {
+            EXPECT_EQ(outcome.FailedRows.size(), 1u);
+            EXPECT_EQ(outcome.End, 5000);
+        }
+    }
+}
+
+// What the file notices while the thread cuts rows comes over with the rows, in their turn.
+TEST(TextReadAhead, WarningsComeWithTheirRows) {
+    std::string text = "h\n";
+    for (int i = 0; i < 3000; ++i) text += std::to_string(i) + (i == 2000 ? ",M\xFCller\n" : ",x\n");
+    text += "3000,\"open\n";
+    test::TempDir dir;
+    test::WriteFile(dir.File("in.csv"), text);
+    TKvTextFile file;
+    file.Settings().RowFirst = 2;
+    file.Settings().JudgeBytes = 64;
+    file.Open(dir.File("in.csv"));
+    TKvTextFields fields = Layout(U',');
+    TKvTextReadAhead reader;
+    std::vector<TKvTextWarning> warnings;
+    std::vector<int64_t> seenAt;
+    int64_t row = 0;
+    for (; reader.Has(file, row, fields); ++row) {
+        const size_t before = warnings.size();
+        reader.TakeWarnings(warnings);
+        if (warnings.size() > before) seenAt.push_back(row);
+        TKvTextRowPlace place;
+        reader.Take(file, row, fields, place);
+    }
+    reader.TakeWarnings(warnings);
+    EXPECT_EQ(row, 3001);
+    ASSERT_EQ(warnings.size(), 2u);
+    EXPECT_EQ(warnings[0].Line, 2002);
+    EXPECT_FALSE(warnings[0].Problem);
+    EXPECT_EQ(warnings[1].Line, 3002);
+    EXPECT_TRUE(warnings[1].Problem);
+    EXPECT_EQ(seenAt, (std::vector<int64_t>{2000, 3000}));
+    reader.Stop();
+    EXPECT_EQ(file.Encoding(), encUtf8Mixed);
 }
 
 } // namespace
