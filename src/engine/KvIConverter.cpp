@@ -219,7 +219,7 @@ void TKvIColumnFinisher::SetColumn(int handle, std::optional<TFieldType> type) {
 void TKvIColumnFinisher::Finish(int handle, Variant& value, std::exception_ptr& error) {
     error = nullptr;
     try {
-        converter_.Finish(value, trim_, types_[static_cast<size_t>(handle)]);
+        converter_.Finish(value, trim_, Has(handle) ? types_[static_cast<size_t>(handle)] : std::nullopt);
     } catch (...) {
         error = std::current_exception();
         value.SetNull();

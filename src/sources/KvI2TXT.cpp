@@ -77,6 +77,7 @@ void TKvImportFromText::BeforeImport() {
 
 void TKvImportFromText::AfterImport() {
     reader_.Stop();
+    reader_.SetRowHook(nullptr);
     file_.Close();
     rowOrder_.clear();
     references_.clear();
@@ -170,8 +171,37 @@ int TKvImportFromText::ResolveSourceColumn(const std::string& name) {
     return static_cast<int>(resolved_.size()) - 1;
 }
 
+void TKvImportFromText::FinishColumnsAhead(std::shared_ptr<TKvIColumnFinisher> finisher) {
+    if (!readAhead_) return;
+    reader_.Stop();
+    // The hook has its own copy of the references: nothing it reads is the importing thread's.
+    reader_.SetRowHook(
+        [refs = resolved_, finisher = std::move(finisher), text = std::string()](TKvTextFields& row) mutable {
+            std::vector<Variant>& finished = row.Finished();
+            std::vector<std::exception_ptr>& errors = row.FinishErrors();
+            finished.resize(refs.size());
+            errors.resize(refs.size());
+            for (size_t handle = 0; handle < refs.size(); ++handle) {
+                Variant& value = finished[handle];
+                if (const std::string* prepared = row.PreparedValue(refs[handle])) {
+                    value.AssignText(*prepared);
+                } else {
+                    row.GetValue(refs[handle], text);
+                    value.AssignText(text);
+                }
+                finisher->Finish(static_cast<int>(handle), value, errors[handle]);
+            }
+        });
+}
+
 bool TKvImportFromText::ReadSourceColumn(int handle, Variant& value) {
-    const TKvTextRef& ref = resolved_[static_cast<size_t>(handle)];
+    const auto index = static_cast<size_t>(handle);
+    if (index < fields_.Finished().size()) {
+        if (const std::exception_ptr error = fields_.FinishErrors()[index]) std::rethrow_exception(error);
+        value = std::move(fields_.Finished()[index]);
+        return true;
+    }
+    const TKvTextRef& ref = resolved_[index];
     if (const std::string* prepared = fields_.PreparedValue(ref)) {
         value.AssignText(*prepared);
         return false;

@@ -67,6 +67,8 @@ protected:
     Variant GetFieldValue(const Variant& value) override;
     int ResolveSourceColumn(const std::string& name) override;
     bool ReadSourceColumn(int handle, Variant& value) override;
+    /// While reading ahead, the reading thread finishes the resolved columns' values.
+    void FinishColumnsAhead(std::shared_ptr<TKvIColumnFinisher> finisher) override;
     bool HasSourceColumn(const std::string& name) override;
     /// "Text", "Text1-10": read as one reference, never as a subtraction.
     bool IsWholeReference(std::string_view source) const override;

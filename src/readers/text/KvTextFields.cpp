@@ -143,6 +143,8 @@ void TKvTextFields::SetLine(std::string_view line) {
     lineAscii_ = -1;
     fields.clear();
     split_.Prepared = false; // the value strings stay, for their buffers
+    split_.Finished.clear();
+    split_.FinishErrors.clear();
     if (fixedWidth_) return;
     const auto emit = [&fields](int64_t start, int64_t end, bool qualified) {
         fields.push_back({start, end, qualified});

@@ -3,7 +3,10 @@
 // "Text<a>-<b>" (characters a..b, fixed-width mode), "Field<n>" (field n); anything else is a constant.
 // The words "Field" and "Text" are settable, since they come from the translatable messages.
 
+#include "platform/Variant.h"
+
 #include <cstdint>
+#include <exception>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -48,6 +51,10 @@ struct TKvTextSplit {
     std::vector<TKvTextRawField> Fields;
     std::vector<std::string> Values; ///< when prepared, the first Fields.size() are the values
     bool Prepared = false;
+    /// What a hook of the reading thread made of the values (TKvTextReadAhead::SetRowHook), and the
+    /// error of each it could not make; empty for a record no hook has seen.
+    std::vector<Variant> Finished;
+    std::vector<std::exception_ptr> FinishErrors;
 };
 
 /// A column reference, read once and used for every record.
@@ -83,6 +90,9 @@ public:
     /// Exchanges the current record with `split` (a record split and prepared elsewhere); `split` gets the
     /// old record's buffers, for reuse.
     void Swap(TKvTextSplit& split);
+    /// What a row hook made of the current record's values (empty when none did), and their errors.
+    std::vector<Variant>& Finished() { return split_.Finished; }
+    std::vector<std::exception_ptr>& FinishErrors() { return split_.FinishErrors; }
 
     /// Number of fields of the current record.
     int Count() const { return static_cast<int>(split_.Fields.size()); }

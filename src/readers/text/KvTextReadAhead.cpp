@@ -154,7 +154,10 @@ void TKvTextReadAhead::ProduceRows(TKvTextFile& file, int64_t row, TKvTextFields
                 if (found) {
                     next.Place = file.RowPlace(row);
                     splitter.SetLine(file.Row(row));
-                    if (splitter.Line().size() <= kLongText) splitter.PrepareValues();
+                    if (splitter.Line().size() <= kLongText) {
+                        splitter.PrepareValues();
+                        if (rowHook_) rowHook_(splitter);
+                    }
                     splitter.Swap(next.Split);
                     bytes +=
                         next.Split.Line.size() * (next.Split.Prepared ? 2 : 1); // the line and its values

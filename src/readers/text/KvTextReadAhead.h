@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <deque>
 #include <exception>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -42,6 +43,10 @@ public:
     void Take(TKvTextFile& file, int64_t row, TKvTextFields& fields, TKvTextRowPlace& place);
     /// Appends to `out` the warnings the file noticed while cutting the rows asked for so far.
     void TakeWarnings(std::vector<TKvTextWarning>& out);
+    /// Work for the reading thread on each record it has split and prepared (a record too long to prepare
+    /// is left alone): whatever the hook leaves in the record's Finished travels with it. Set while the
+    /// thread is not running; it stays for the runs after until set again.
+    void SetRowHook(std::function<void(TKvTextFields&)> hook) { rowHook_ = std::move(hook); }
     /// Ends the reading thread; the file is the caller's again.
     void Stop();
     bool Running() const { return thread_.joinable(); }
@@ -68,6 +73,7 @@ private:
     std::unique_ptr<TBatch> NextBatch();
     void Recycle(std::unique_ptr<TBatch> batch);
 
+    std::function<void(TKvTextFields&)> rowHook_;
     std::thread thread_;
     std::mutex mutex_;
     std::condition_variable ready_; ///< a batch is waiting, or the thread has finished
