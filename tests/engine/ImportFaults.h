@@ -3,6 +3,7 @@
 // table or the Nth read of the source failing; CheckFaultRun says whether what is left is allowed.
 // Shared by the test and the fuzz target.
 
+#include "../support/ByteStream.h"
 #include "datasets/KvSQLiteDataSet.h"
 #include "engine/KvISettings.h"
 #include "platform/Exceptions.h"
@@ -35,34 +36,6 @@ protected:
         }
         TKvSQLiteDataSet::InternalPost(inserting, values, assigned);
     }
-};
-
-/// Seekable bytes (no TMemoryStream, so they are read block by block); read number FailAt fails.
-class TFaultyStream : public TStream {
-public:
-    explicit TFaultyStream(std::string_view bytes) : bytes_(bytes) {}
-    int FailAt = 0;
-    int Reads = 0;
-
-    size_t Read(void* buffer, size_t count) override {
-        if (++Reads == FailAt) throw EReadError("Stream read error");
-        const size_t n = std::min(count, bytes_.size() - std::min(position_, bytes_.size()));
-        if (n) std::memcpy(buffer, bytes_.data() + position_, n);
-        position_ += n;
-        return n;
-    }
-    size_t Write(const void*, size_t) override { return 0; }
-    int64_t Seek(int64_t offset, TSeekOrigin origin) override {
-        const int64_t base = origin == soBeginning ? 0
-                             : origin == soCurrent ? static_cast<int64_t>(position_)
-                                                   : static_cast<int64_t>(bytes_.size());
-        position_ = static_cast<size_t>(std::max<int64_t>(base + offset, 0));
-        return static_cast<int64_t>(position_);
-    }
-
-private:
-    std::string_view bytes_;
-    size_t position_ = 0;
 };
 
 struct TFaultPlan {
@@ -135,7 +108,7 @@ inline TFaultRun RunWithFault(const TFaultPlan& plan) {
         abort = plan.AbortOnError;
     };
 
-    TFaultyStream stream(plan.Csv);
+    test::TByteStream stream(plan.Csv);
     stream.FailAt = plan.FailRead;
     text->LoadFromStream(stream);
     run.Result = s.Result;

@@ -3,6 +3,7 @@
 #include "readers/text/KvTextFile.h"
 #include "TestSupport.h"
 #include "platform/Exceptions.h"
+#include "support/ByteStream.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -572,30 +573,6 @@ TEST(TextFile, StartLinesAreTheLinesAUserSees) {
 // and a step back scans again from the restart point before the row, not from the start.
 TEST(TextFile, ReadsNoFurtherThanAsked) {
     // Seekable bytes that count what is read of them (no TMemoryStream, which would be used in place).
-    class TCounting : public TStream {
-    public:
-        explicit TCounting(std::string_view bytes) : bytes_(bytes) {}
-        int64_t Furthest = 0, Bytes = 0;
-        size_t Read(void* buffer, size_t count) override {
-            const size_t n = std::min(count, bytes_.size() - std::min(position_, bytes_.size()));
-            bytes_.copy(static_cast<char*>(buffer), n, position_);
-            position_ += n;
-            Bytes += static_cast<int64_t>(n);
-            Furthest = std::max(Furthest, static_cast<int64_t>(position_));
-            return n;
-        }
-        size_t Write(const void*, size_t) override { return 0; }
-        int64_t Seek(int64_t offset, TSeekOrigin origin) override {
-            position_ = static_cast<size_t>(offset + (origin == soEnd ? static_cast<int64_t>(bytes_.size())
-                                                      : origin == soCurrent ? static_cast<int64_t>(position_)
-                                                                            : 0));
-            return static_cast<int64_t>(position_);
-        }
-
-    private:
-        std::string_view bytes_;
-        size_t position_ = 0;
-    };
     std::string text = "id,note\r\n";
     for (int i = 0; i < 20000; ++i) text += std::to_string(i) + ",\"a\r\nb\"\r\n";
     test::TempDir dir;
@@ -606,7 +583,7 @@ TEST(TextFile, ReadsNoFurtherThanAsked) {
     file.Settings().JudgeBytes = 8192;
     file.Settings().CheckpointRows = 100;
 
-    TCounting stream(text);
+    test::TByteStream stream(text);
     file.OpenStream(stream);
     EXPECT_EQ(file.HeaderLine(), "id,note");
     EXPECT_LE(stream.Furthest, 8192 + 4096);
@@ -652,22 +629,8 @@ TEST(TextFile, OpensEveryKindOfSource) {
     EXPECT_EQ(file.Row(0), "2");
 
     // A stream that cannot seek (a pipe) is read into memory.
-    class Unseekable : public TStream {
-    public:
-        explicit Unseekable(std::string bytes) : bytes_(std::move(bytes)) {}
-        size_t Read(void* buffer, size_t count) override {
-            const size_t n = std::min(count, bytes_.size() - position_);
-            bytes_.copy(static_cast<char*>(buffer), n, position_);
-            position_ += n;
-            return n;
-        }
-        size_t Write(const void*, size_t) override { return 0; }
-        int64_t Seek(int64_t, TSeekOrigin) override { return -1; }
-
-    private:
-        std::string bytes_;
-        size_t position_ = 0;
-    } unseekable(text);
+    test::TByteStream unseekable(text);
+    unseekable.Seekable = false;
     file.OpenStream(unseekable);
     EXPECT_EQ(file.HeaderLine(), "n");
     ASSERT_EQ(file.RowCount(), 2);

@@ -6,6 +6,7 @@
 #include "TestSupport.h"
 #include "platform/Exceptions.h"
 #include "platform/Utf8.h"
+#include "support/ByteStream.h"
 
 namespace kv {
 namespace {
@@ -124,32 +125,6 @@ TEST(TextReadAhead, RowsOutsideTheFileAndStopping) {
     EXPECT_EQ(place.Record, 2000);
 }
 
-// Seekable bytes whose read number FailAt fails, or every read from FailFrom on.
-class TFailingStream : public TStream {
-public:
-    explicit TFailingStream(std::string bytes) : bytes_(std::move(bytes)) {}
-    int FailAt = 0, Reads = 0;
-    size_t FailFrom = SIZE_MAX;
-    size_t Read(void* buffer, size_t count) override {
-        if (++Reads == FailAt || position_ + count > FailFrom) throw EReadError("Stream read error");
-        const size_t n = std::min(count, bytes_.size() - std::min(position_, bytes_.size()));
-        bytes_.copy(static_cast<char*>(buffer), n, position_);
-        position_ += n;
-        return n;
-    }
-    size_t Write(const void*, size_t) override { return 0; }
-    int64_t Seek(int64_t offset, TSeekOrigin origin) override {
-        position_ = static_cast<size_t>(offset + (origin == soEnd       ? static_cast<int64_t>(bytes_.size())
-                                                  : origin == soCurrent ? static_cast<int64_t>(position_)
-                                                                        : 0));
-        return static_cast<int64_t>(position_);
-    }
-
-private:
-    std::string bytes_;
-    size_t position_ = 0;
-};
-
 // How reading every row as an import does went: the rows that failed, and where the rows ended, because
 // there were no more or because the file could not tell.
 struct TReadOutcome {
@@ -195,7 +170,7 @@ TEST(TextReadAhead, AReadErrorComesInItsRowsTurn) {
         SCOPED_TRACE(persistent ? "every read from a place on fails" : "one read fails");
         std::vector<TReadOutcome> outcomes;
         for (bool ahead : {true, false}) {
-            TFailingStream stream(text);
+            test::TByteStream stream(text);
             TKvTextFile file;
             file.Settings().RowFieldNames = 0;
             file.Settings().BlockSize = 4096;
