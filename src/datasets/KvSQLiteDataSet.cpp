@@ -828,16 +828,6 @@ bool TKvSQLiteDataSet::InternalDelete() {
     return true;
 }
 
-Variant TKvSQLiteDataSet::KeyValue(const Variant& value, const TColumn& column) const {
-    // A column without a declared type compares without conversions, so the key is bound as it comes.
-    if (column.Untyped || value.IsNullOrEmpty()) return value;
-    try {
-        return CoerceToFieldType(value, column.Def.DataType, column.Def.Name);
-    } catch (const Exception&) {
-        return value;
-    }
-}
-
 bool TKvSQLiteDataSet::KeysMatch(const std::vector<Variant>& row, const std::vector<int>& fields,
                                  const std::vector<Variant>& keys, TLocateOptions options) const {
     for (size_t k = 0; k < fields.size(); ++k)
@@ -847,10 +837,8 @@ bool TKvSQLiteDataSet::KeysMatch(const std::vector<Variant>& row, const std::vec
 
 bool TKvSQLiteDataSet::InternalLocate(const std::vector<int>& fields, const std::vector<Variant>& values,
                                       TLocateOptions options) {
-    std::vector<Variant> keys;
-    keys.reserve(values.size());
-    for (size_t k = 0; k < fields.size(); ++k)
-        keys.push_back(KeyValue(values[k], columns_[static_cast<size_t>(fields[k])]));
+    // The keys come in their fields' types already (a column without a declared type converts nothing).
+    const std::vector<Variant>& keys = values;
     if (!hasRowid_) return ForwardLocate(fields, keys, options);
 
     const bool noCase = options.Contains(loCaseInsensitive), partial = options.Contains(loPartialKey);

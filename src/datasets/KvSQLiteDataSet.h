@@ -180,7 +180,6 @@ private:
     size_t FillWindow(int64_t from);
     void ReadRow(sqlite3_stmt* statement, int firstColumn, std::vector<Variant>& out) const;
     void BindValue(sqlite3_stmt* statement, int parameter, const Variant& value, const TColumn& column) const;
-    Variant KeyValue(const Variant& value, const TColumn& column) const;
     bool KeysMatch(const std::vector<Variant>& row, const std::vector<int>& fields,
                    const std::vector<Variant>& keys, TLocateOptions options) const;
     bool ScanLocate(const std::vector<int>& fields, const std::vector<Variant>& keys, TLocateOptions options);
