@@ -1,12 +1,14 @@
 // Reading ahead on a second thread serves exactly what reading row by row serves: the same lines, fields,
-// values and places, in any order of asking, with the warnings met on the way and a read error in its
-// row's turn.
+// values and places, in any order of asking, and a read error in its row's turn. The warnings met on the
+// way are checked through the text source, which hands them on.
 
 #include "readers/text/KvTextReadAhead.h"
 #include "TestSupport.h"
 #include "platform/Exceptions.h"
 #include "platform/Utf8.h"
 #include "support/ByteStream.h"
+
+#include <numeric>
 
 namespace kv {
 namespace {
@@ -20,11 +22,8 @@ struct Row {
 Row Current(const TKvTextFields& fields) {
     Row r{fields.Line(), {}};
     for (int i = 1; i <= fields.Count(); ++i) {
-        TKvTextRef ref;
-        ref.Kind = trkField;
-        ref.First = i;
         std::string value;
-        fields.GetValue(ref, value);
+        fields.GetValue(fields.ParseReference("Field" + std::to_string(i)), value);
         EXPECT_EQ(value, fields.FieldValue(i)) << "row " << r.Line << ", field " << i; // prepared or not
         r.Values.push_back(value);
     }
@@ -86,7 +85,7 @@ TEST(TextReadAhead, ServesWhatRowByRowReadingServes) {
         const TKvTextFields layout = Layout(Utf8ToU32(delimiter)[0]);
 
         std::vector<int64_t> all(3000);
-        for (int64_t i = 0; i < 3000; ++i) all[static_cast<size_t>(i)] = i;
+        std::iota(all.begin(), all.end(), 0);
         const std::vector<Row> expected = ReadInOrder(file, layout, all, false);
         EXPECT_EQ(ReadInOrder(file, layout, all, true), expected);
 
@@ -107,12 +106,11 @@ TEST(TextReadAhead, RowsOutsideTheFileAndStopping) {
     TKvTextFields fields = Layout(U',');
     TKvTextReadAhead reader;
     TKvTextRowPlace place;
-    EXPECT_FALSE(reader.Has(file, 2000, fields));
-    EXPECT_FALSE(reader.Has(file, 2000, fields)); // asked again
+    for (int64_t row : {2000, 2000, -1}) { // asked twice, after the end has been met
+        EXPECT_FALSE(reader.Has(file, row, fields)) << row;
+        EXPECT_THROW(reader.Take(file, row, fields, place), EListError) << row;
+    }
     EXPECT_TRUE(reader.Has(file, 1999, fields));
-    EXPECT_THROW(reader.Take(file, 2000, fields, place), EListError);
-    EXPECT_FALSE(reader.Has(file, -1, fields));
-    EXPECT_THROW(reader.Take(file, -1, fields, place), EListError);
 
     // Stopping while the reading thread waits for room, and again when it has already stopped.
     reader.Take(file, 0, fields, place);
@@ -193,41 +191,6 @@ TEST(TextReadAhead, AReadErrorComesInItsRowsTurn) {
             EXPECT_EQ(outcome.End, 5000);
         }
     }
-}
-
-// What the file notices while the thread cuts rows comes over with the rows, in their turn.
-TEST(TextReadAhead, WarningsComeWithTheirRows) {
-    std::string text = "h\n";
-    for (int i = 0; i < 3000; ++i) text += std::to_string(i) + (i == 2000 ? ",M\xFCller\n" : ",x\n");
-    text += "3000,\"open\n";
-    test::TempDir dir;
-    test::WriteFile(dir.File("in.csv"), text);
-    TKvTextFile file;
-    file.Settings().RowFirst = 2;
-    file.Settings().JudgeBytes = 64;
-    file.Open(dir.File("in.csv"));
-    TKvTextFields fields = Layout(U',');
-    TKvTextReadAhead reader;
-    std::vector<TKvTextWarning> warnings;
-    std::vector<int64_t> seenAt;
-    int64_t row = 0;
-    for (; reader.Has(file, row, fields); ++row) {
-        const size_t before = warnings.size();
-        reader.TakeWarnings(warnings);
-        if (warnings.size() > before) seenAt.push_back(row);
-        TKvTextRowPlace place;
-        reader.Take(file, row, fields, place);
-    }
-    reader.TakeWarnings(warnings);
-    EXPECT_EQ(row, 3001);
-    ASSERT_EQ(warnings.size(), 2u);
-    EXPECT_EQ(warnings[0].Line, 2002);
-    EXPECT_FALSE(warnings[0].Problem);
-    EXPECT_EQ(warnings[1].Line, 3002);
-    EXPECT_TRUE(warnings[1].Problem);
-    EXPECT_EQ(seenAt, (std::vector<int64_t>{2000, 3000}));
-    reader.Stop();
-    EXPECT_EQ(file.Encoding(), encUtf8Mixed);
 }
 
 } // namespace
