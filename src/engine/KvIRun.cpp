@@ -18,6 +18,25 @@ bool IsKeyedMode(TImportMode mode) {
     return mode == imUpdate || mode == imAppendUpdate || mode == imDelete || mode == imAppendNewOnly;
 }
 
+// A value of the kind a field of `type` holds, which storing it would leave as it is.
+bool OfFieldKind(const Variant& value, TFieldType type) {
+    switch (value.VarType()) {
+    case varString:
+        return IsTextType(type);
+    case varBoolean:
+        return type == ftBoolean;
+    case varInteger:
+    case varInt64:
+        return type == ftInteger || type == ftAutoInc;
+    case varDouble:
+        return type == ftFloat || type == ftCurrency || type == ftBCD || type == ftFMTBcd;
+    case varDate:
+        return type == ftDateTime || type == ftTimeStamp;
+    default:
+        return false;
+    }
+}
+
 TProgressState ProgressOf(const TKvIStatistic& s, double fraction = -1) {
     TProgressState p;
     p.Processed = s.TotalImported;
@@ -427,6 +446,8 @@ bool TKvImportBaseComponent::KeepsAsText(const TField& field, const Variant& val
 void TKvImportBaseComponent::StoreValue(TField& field, Variant& value) {
     if (value.IsNullOrEmpty()) {
         field.Clear();
+    } else if (OfFieldKind(value, field.DataType())) {
+        field.SetValueAsItStands(std::move(value)); // what the conversion gave: nothing to convert again
     } else if (value.IsString() && KeepsAsText(field, value)) {
         // As written: the variant rules would round "3.5" into an integer field. A destination that keeps
         // any value reads "12" into its integer column as the number by itself. Booleans are the
