@@ -728,18 +728,10 @@ char* PutTime(char* p, const TDateTimeParts& d) {
 } // namespace
 
 bool IsIsoDate(std::string_view text) {
-    if (text.size() != 10 || text[4] != '-' || text[7] != '-') return false;
-    int parts[3] = {0, 0, 0};
-    for (size_t i = 0, part = 0; i < 10; ++i) {
-        if (i == 4 || i == 7) {
-            ++part;
-            continue;
-        }
-        if (text[i] < '0' || text[i] > '9') return false;
-        parts[part] = parts[part] * 10 + (text[i] - '0');
-    }
-    return parts[0] >= 1 && parts[1] >= 1 && parts[1] <= 12 && parts[2] >= 1 &&
-           parts[2] <= DaysInMonth(parts[0], parts[1]);
+    int year, month, day;
+    return text.size() == 10 && IsoDigits(text, 0, 4, year) && text[4] == '-' &&
+           IsoDigits(text, 5, 2, month) && text[7] == '-' && IsoDigits(text, 8, 2, day) && year >= 1 &&
+           day >= 1 && day <= DaysInMonth(year, month);
 }
 
 std::string DateToISO8601(TDateTime value) {
