@@ -41,5 +41,9 @@ std::string DumpEscape(const std::string& value);
 /// A delimited text file read with default settings (comma-delimited for .csv): "encoding: <name>", a line
 /// a record ("<line number>: <field>|<field>"), then the warnings ("warning line <n>: <message>").
 std::string DumpTextFile(const std::string& path);
+/// A table (with its memo file beside it) as its declared fields, then one line per record.
+std::string DumpDbfFile(const std::string& path);
+/// A calendar as its fields, then one line per event.
+std::string DumpVCalendarFile(const std::string& path);
 
 } // namespace kv::test

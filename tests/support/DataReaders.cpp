@@ -8,6 +8,8 @@ namespace kv::test {
 const std::vector<TDataReader>& DataReaders() {
     static const std::vector<TDataReader> readers = {
         {"text", DumpTextFile},
+        {"dbf", DumpDbfFile},
+        {"ics", DumpVCalendarFile},
     };
     return readers;
 }
