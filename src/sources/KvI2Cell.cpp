@@ -1,0 +1,293 @@
+#include "sources/KvI2Cell.h"
+
+#include "engine/Impcnst.h"
+#include "platform/StringList.h"
+#include "platform/SysUtils.h"
+
+#include <algorithm>
+
+namespace kv {
+
+TKvIDataType KvICellType2KvIDataType(TKvICellType cellType) {
+    switch (cellType) {
+    case ictInteger:
+        return itInteger;
+    case ictDecimal:
+        return itFloat;
+    case ictDateTime:
+        return itDateTime;
+    case ictBoolean:
+        return itBoolean;
+    case ictMemo:
+        return itMEMO;
+    default:
+        return itString;
+    }
+}
+
+TKvImportFromCell::TKvImportFromCell(TComponent* owner) : TKvImportBaseComponent(owner) {}
+
+TKvImportFromCell::~TKvImportFromCell() {
+    workBook_.reset(); // before the stream it reads
+    stream_.reset();
+}
+
+void TKvImportFromCell::SetSheetIndex(int v) {
+    sheetIndex_ = v;
+    if (v != -1) sheetName_.clear();
+}
+
+void TKvImportFromCell::SetSheetName(const std::string& v) {
+    sheetName_ = v;
+    if (!v.empty()) sheetIndex_ = -1;
+}
+
+bool TKvImportFromCell::NotDefined(std::string& propName) {
+    if (TKvImportBaseComponent::NotDefined(propName)) return true;
+    if (!SourceFileName().empty() || SourceStream()) return false;
+    propName = "SourceFileName";
+    return true;
+}
+
+void TKvImportFromCell::BeforeImport() {
+    TKvImportBaseComponent::BeforeImport();
+    workBook_.reset();
+    stream_.reset();
+    workBook_ = WorkBookCreation();
+    if (!workBook_) throw Exception(ClassName() + " has no reader");
+    workBook_->SetSheetFilter(sheetIndex_);
+    workBook_->SetLoadRowStatutes(loadRowStatutes_);
+    rowBuffer_ = TSpreadSheetRow();
+    ended_ = false;
+    row_ = 0;
+    current_ = nullptr;
+    resolved_.clear();
+    fieldNames_.clear();
+
+    if (workBook_->RecordMode()) {
+        workBook_->OnCellValue = [this](TObject*, int, int row, int column, int32_t formatIndex,
+                                        const Variant& value, TAlignment alignment, TKvICellType cellType) {
+            const TKvRange& range = workBook_->LoadRange();
+            if (column < 0 || row < range.FirstRow - 1 || row > range.LastRow) return;
+            TKvICell& cell = rowBuffer_.Cols().Cell(column);
+            cell.Value = value;
+            cell.Alignment = alignment;
+            cell.FormatIndex = formatIndex;
+            cell.CellType = cellType;
+        };
+    }
+    if (TStream* stream = SourceStream()) {
+        workBook_->LoadFromStream(*stream);
+    } else if (workBook_->RecordMode()) {
+        // The reader reads from the stream record by record for the whole run: the source keeps it open.
+        if (Trim(SourceFileName()).empty()) throw Exception(strFileNotDefined);
+        if (!FileExists(SourceFileName())) throw Exception(strEFileNotExist);
+        workBook_->SetFileName(SourceFileName());
+        stream_ = std::make_unique<TFileStream>(SourceFileName(), fmOpenRead | fmShareDenyNone);
+        workBook_->LoadFromStream(*stream_);
+    } else {
+        workBook_->LoadFromFile(SourceFileName());
+    }
+    if (!sheetName_.empty() && sheetIndex_ < 0) {
+        sheetIndex_ = workBook_->SpreadSheets().SheetIndexByName(sheetName_);
+        workBook_->SetSheetFilter(sheetIndex_);
+    }
+    if (ByFieldName())
+        for (const TKvIDeclaredField& field : workBook_->DeclaredFields()) fieldNames_.push_back(field.Name);
+}
+
+void TKvImportFromCell::AfterImport() {
+    if (workBook_ && !ended_) workBook_->AfterLoad();
+    workBook_.reset();
+    stream_.reset();
+    current_ = nullptr;
+    TKvImportBaseComponent::AfterImport();
+}
+
+void TKvImportFromCell::Inspect(const std::function<void(TSpreadSheetFile& reader)>& inspect) {
+    BeforeImport();
+    try {
+        inspect(*workBook_);
+    } catch (...) {
+        AfterImport();
+        throw;
+    }
+    AfterImport();
+}
+
+void TKvImportFromCell::GoFirst() {
+    row_ = std::max(RowFirst(), 1) - 1;
+    if (!workBook_ || !workBook_->RecordMode()) return;
+    // A record reader reads the file in order: the records before the first row are read and dropped,
+    // so that RowFirst skips records rather than renumbering them.
+    workBook_->BeforeLoad();
+    for (int record = 0; record < row_ && record < GetTotalCount(); ++record) {
+        rowBuffer_.ClearValues();
+        workBook_->LoadRecord(record);
+    }
+}
+
+TSpreadSheet* TKvImportFromCell::Sheet() const {
+    if (!workBook_ || sheetIndex_ < 0 || sheetIndex_ >= workBook_->SpreadSheets().Count()) return nullptr;
+    return &workBook_->SpreadSheets().Spreadsheet(sheetIndex_);
+}
+
+bool TKvImportFromCell::NeedMore() {
+    if (!workBook_ || ended_) return false;
+    bool more = row_ < RowLast();
+    if (more && workBook_->RecordMode()) {
+        more = GetTotalCount() > row_;
+    } else if (more) {
+        const TSpreadSheet* sheet = Sheet();
+        more = sheet && row_ < sheet->Cells().RowCount() && row_ < sheet->Cells().Count();
+    }
+    if (!more) {
+        workBook_->AfterLoad();
+        ended_ = true;
+    }
+    return more;
+}
+
+bool TKvImportFromCell::LoadRecord() {
+    if (workBook_ && workBook_->RecordMode()) {
+        rowBuffer_.ClearValues();
+        current_ = nullptr;
+        if (!workBook_->LoadRecord(row_)) return false;
+        current_ = &rowBuffer_;
+    } else {
+        const TSpreadSheet* sheet = Sheet();
+        current_ = sheet ? sheet->Cells().Row(row_) : nullptr;
+    }
+    return TKvImportBaseComponent::LoadRecord();
+}
+
+int TKvImportFromCell::GetTotalCount() {
+    if (!workBook_) return TKvImportBaseComponent::GetTotalCount();
+    if (workBook_->RecordMode() && workBook_->RecordCount() >= 0)
+        return static_cast<int>(std::min<int64_t>(workBook_->RecordCount(), INT32_MAX));
+    const TSpreadSheet* sheet = Sheet();
+    return sheet ? std::max(sheet->Cells().RowCount(), sheet->Cells().Count()) : 0;
+}
+
+double TKvImportFromCell::ReadFraction() {
+    const int total = GetTotalCount();
+    return total > 0 ? std::min(1.0, static_cast<double>(row_) / total) : -1;
+}
+
+TKvISourceLocation TKvImportFromCell::SourceLocation() {
+    TKvISourceLocation location;
+    location.Record = row_ + 1;
+    if (!ByFieldName())
+        if (const TSpreadSheet* sheet = Sheet()) location.Sheet = sheet->Name();
+    return location;
+}
+
+int TKvImportFromCell::ColumnOf(const std::string& name) const {
+    if (ByFieldName()) {
+        for (size_t i = 0; i < fieldNames_.size(); ++i)
+            if (SameText(fieldNames_[i], name)) return static_cast<int>(i);
+        return -1;
+    }
+    const TSpreadSheet* sheet = Sheet();
+    return GetSpreadSheetColID(name, sheet ? sheet->Cells().ColCount() : 0);
+}
+
+const TKvICell* TKvImportFromCell::CurrentCell(int column) const {
+    return current_ ? current_->Cols().GetCell(column) : nullptr;
+}
+
+Variant TKvImportFromCell::GetFieldValue(const Variant& value) {
+    const Variant name = TKvImportBaseComponent::GetFieldValue(value);
+    const int column = ColumnOf(name.AsString());
+    // A name that is no column is deliberately the value itself: a mapping can carry a constant.
+    if (column < 0) return name;
+    const TKvICell* cell = CurrentCell(column);
+    return cell ? cell->Value : Variant::Null();
+}
+
+int TKvImportFromCell::ResolveSourceColumn(const std::string& name) {
+    const int column = ColumnOf(name);
+    resolved_.push_back({column, column < 0 ? Variant(name) : Variant::Null()});
+    return static_cast<int>(resolved_.size()) - 1;
+}
+
+bool TKvImportFromCell::ReadSourceColumn(int handle, Variant& value) {
+    const TResolved& resolved = resolved_[static_cast<size_t>(handle)];
+    if (resolved.Column < 0) {
+        value = resolved.Constant;
+    } else if (const TKvICell* cell = CurrentCell(resolved.Column)) {
+        value = cell->Value;
+    } else {
+        value.SetNull();
+    }
+    return false;
+}
+
+bool TKvImportFromCell::HasSourceColumn(const std::string& name) {
+    return ColumnOf(name) >= 0;
+}
+
+std::string TKvImportFromCell::GetColumnFieldName(int index) const {
+    // Sheets are addressed by column letters whatever their captions say.
+    if (ByFieldName() || index < 0) return ColumnReference(index, false);
+    return GetSpreadSheetColByID(index + 1);
+}
+
+void TKvImportFromCell::DetectAutoMapping() {
+    if (!workBook_) return;
+    if (ByFieldName()) {
+        for (const TKvIDeclaredField& field : workBook_->DeclaredFields()) {
+            TKvIColumn& c = Columns().Add();
+            c.FieldName = field.Name;
+            c.Caption = field.Name;
+            c.DataType = KvICellType2KvIDataType(field.CellType);
+            c.Size = field.Size;
+            c.Precision = field.Decimals;
+            c.Alignment = c.DataType == itInteger || c.DataType == itFloat ? taRightJustify : taLeftJustify;
+        }
+        return;
+    }
+    const TSpreadSheet* sheet = Sheet();
+    if (!sheet) return;
+    const TSpreadSheetCells& cells = sheet->Cells();
+    const int captionRow = RowFieldNames() - 1;
+    const int firstData = std::max(RowFirst() - 1, captionRow + 1);
+    const int scanned = MaxScanRows() > 0 ? MaxScanRows() : 100;
+    for (int col = 0; col < cells.ColCount(); ++col) {
+        TKvIColumn& c = Columns().Add();
+        const std::string letters = GetSpreadSheetColByID(col + 1);
+        std::string caption =
+            captionRow >= 0 ? Trim(cells.GetValue(col, captionRow).AsString()) : std::string();
+        c.FieldName = caption.empty() ? letters : caption;
+        c.Caption = c.FieldName;
+        // The type of the first value below the captions: each cell carries the type its file gave it.
+        for (int row = firstData; row < cells.Count() && row < firstData + scanned; ++row) {
+            const TSpreadSheetRow* r = cells.Row(row);
+            const TKvICell* cell = r ? r->Cols().GetCell(col) : nullptr;
+            if (!cell || cell->Value.IsNullOrEmpty()) continue;
+            c.DataType = KvICellType2KvIDataType(cell->CellType);
+            c.Alignment = cell->Alignment;
+            break;
+        }
+    }
+}
+
+void TKvImportFromCell::LoadSpecificationFromStrings(const TStringList& list) {
+    TKvImportBaseComponent::LoadSpecificationFromStrings(list);
+    const std::string index = list.Values("SheetIndex");
+    int value = 0;
+    if (!index.empty() && TryStrToInt(index, value)) SetSheetIndex(value);
+    const std::string name = list.Values("SheetName");
+    if (!name.empty()) SetSheetName(name);
+}
+
+void TKvImportFromCell::SaveSpecificationToStream(TStream& stream, const std::string& description) {
+    TKvImportBaseComponent::SaveSpecificationToStream(stream, description);
+    TStringList l;
+    l.Add("[Sheet]");
+    l.Add("SheetIndex=" + IntToStr(sheetIndex_));
+    l.Add("SheetName=" + sheetName_);
+    l.SaveToStream(stream);
+}
+
+} // namespace kv

@@ -1,0 +1,87 @@
+#pragma once
+// TKvImportFromCell imports whatever a cell reader loads: it creates the format's reader, lets it load
+// the file (or, for readers that can, read one record at a time), picks the sheet and hands the run one
+// row at a time. Each format's source is a thin subclass that names its reader.
+
+#include "cells/KvCells.h"
+#include "engine/KvIBase.h"
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace kv {
+
+/// The engine's data type of a cell type; date-only and time-only cells are text on purpose.
+TKvIDataType KvICellType2KvIDataType(TKvICellType cellType);
+
+class TKvImportFromCell : public TKvImportBaseComponent {
+public:
+    explicit TKvImportFromCell(TComponent* owner = nullptr);
+    ~TKvImportFromCell() override;
+
+    /// The 0-based sheet to import; any value but -1 also clears the sheet name.
+    int SheetIndex() const { return sheetIndex_; }
+    void SetSheetIndex(int v);
+    /// A sheet by its exact name instead of its index (sets SheetIndex to -1 when not empty).
+    const std::string& SheetName() const { return sheetName_; }
+    void SetSheetName(const std::string& v);
+    /// The record statuses a database reader loads (normal records only by default).
+    TKvIRowStatuses LoadRowStatutes() const { return loadRowStatutes_; }
+    void SetLoadRowStatutes(TKvIRowStatuses v) { loadRowStatutes_ = v; }
+
+    /// The reader of the current run (created by BeforeImport, freed by AfterImport); nullptr between runs.
+    TSpreadSheetFile* WorkBook() const { return workBook_.get(); }
+    /// Opens the source as a run would, hands the reader to `inspect`, and closes it again.
+    void Inspect(const std::function<void(TSpreadSheetFile& reader)>& inspect);
+
+    std::string GetColumnFieldName(int index) const override;
+    void LoadSpecificationFromStrings(const TStringList& list) override;
+    void SaveSpecificationToStream(TStream& stream, const std::string& description) override;
+    std::string ClassName() const override { return "TKvImportFromCell"; }
+
+protected:
+    /// The reader of the source's format; the source owns it for one run.
+    virtual std::unique_ptr<TSpreadSheetFile> WorkBookCreation() { return nullptr; }
+
+    bool NotDefined(std::string& propName) override;
+    void BeforeImport() override;
+    void AfterImport() override;
+    void GoFirst() override;
+    void GoNext() override { ++row_; }
+    bool NeedMore() override;
+    bool LoadRecord() override;
+    int GetTotalCount() override;
+    double ReadFraction() override;
+    TKvISourceLocation SourceLocation() override;
+    Variant GetFieldValue(const Variant& value) override;
+    int ResolveSourceColumn(const std::string& name) override;
+    bool ReadSourceColumn(int handle, Variant& value) override;
+    bool HasSourceColumn(const std::string& name) override;
+    void DetectAutoMapping() override;
+
+private:
+    /// Where `name` is in a row: a declared field's position, or a column letter's; -1 for neither.
+    int ColumnOf(const std::string& name) const;
+    bool ByFieldName() const { return workBook_ && workBook_->NameKind() == nkFieldName; }
+    TSpreadSheet* Sheet() const;
+    const TKvICell* CurrentCell(int column) const;
+
+    int sheetIndex_ = 0;
+    std::string sheetName_;
+    TKvIRowStatuses loadRowStatutes_{rsNormal};
+    std::unique_ptr<TSpreadSheetFile> workBook_;
+    std::unique_ptr<TStream> stream_; ///< the file a record reader reads from, kept for the run
+    TSpreadSheetRow rowBuffer_;       ///< the record a record reader delivered last
+    std::vector<std::string> fieldNames_;
+    bool ended_ = false;
+    int row_ = 0;
+    const TSpreadSheetRow* current_ = nullptr;
+    struct TResolved {
+        int Column;
+        Variant Constant; ///< what a name that is no column gives
+    };
+    std::vector<TResolved> resolved_;
+};
+
+} // namespace kv
