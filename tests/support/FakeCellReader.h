@@ -43,7 +43,6 @@ public:
             for (const FakeCell& c : sheets_[s].Cells)
                 OnCellValue(this, static_cast<int>(s), c.Row, c.Col, 0, c.Value, taLeftJustify, c.Type);
         }
-        AfterLoad();
     }
     void LoadFromFile(const std::string& fileName) override {
         TSpreadSheetFile::LoadFromFile(fileName);
