@@ -8,10 +8,12 @@ hurts all of them alike.
     bench/compare.py csv      [--rows N] [--rounds R] [--baseline KVIMPORT]   CSV into a typed SQLite table
     bench/compare.py sqlite   [--rows N] [--rounds R]   table to table in SQLite, append and appendupdate
     bench/compare.py check    [--rows N]   the CSV import's tables: the floor's and kvimport's row for row
+    bench/compare.py dbf      [--rows N] [--rounds R]   a dBase table into a typed SQLite table, and read alone
 
 The CSV comparison includes the floor (bench/floor_import.cpp, from the bench build given by --floor) and
 DuckDB's Node client (after bench/setup.sh) when they are there; the table-to-table one includes its floor
-(bench/floor_copy.cpp, given by --floor-copy) when it is there.
+(bench/floor_copy.cpp, given by --floor-copy) when it is there; the dBase one includes dbview and Python's
+dbfread (after bench/setup.sh) when they are there, and leaves out kvimport while it cannot read the table.
 """
 
 import argparse
@@ -40,7 +42,7 @@ def run_timed(command):
     return elapsed, usage.ru_maxrss / 1024.0, usage.ru_utime + usage.ru_stime  # s, MiB, s
 
 
-def compare(title, entries, rounds):
+def compare(title, entries, rounds, versus="kvimport"):
     results = {label: [] for label, _, _ in entries}
     for _ in range(rounds):
         for label, setup, command in entries:
@@ -49,7 +51,7 @@ def compare(title, entries, rounds):
     base = [t for t, _, _ in results[entries[0][0]]]
     print(f"\n### {title}\n")
     # CPU time (user and system, all threads) is what the load of a shared machine changes least.
-    print("| tool | wall time (median of %d) | CPU time | peak memory | time vs. kvimport |" % rounds)
+    print("| tool | wall time (median of %d) | CPU time | peak memory | time vs. %s |" % (rounds, versus))
     print("|---|---|---|---|---|")
     for label, _, command in entries:
         times = [t for t, _, _ in results[label]]
@@ -195,9 +197,73 @@ def check_benchmark(args, work, kvimport):
             sys.exit(1)
 
 
+ACCOUNTS_SCHEMA = ("CREATE TABLE accounts(ID INTEGER, NAME TEXT, AMOUNT REAL, CREATED DATE, ACTIVE BOOLEAN, "
+                   "NOTE TEXT)")
+
+
+def accounts_dbf(args, work):
+    table = os.path.join(work, f"accounts-{args.rows}.dbf")
+    data = os.path.join(work, f"accounts-{args.rows}.csv")
+    if not all(map(os.path.exists, (table, table[:-4] + ".dbt", data))):
+        subprocess.run([sys.executable, os.path.join(HERE, "make_dbf.py"), str(args.rows), "-o", table, "--csv", data],
+                       check=True)
+    return table, data
+
+
+def kvimport_reads(kvimport, path):
+    probe = subprocess.run([kvimport, "preview", path, "--rows", "1"], capture_output=True, text=True)
+    if probe.returncode != 0:
+        reason = (probe.stderr.strip().splitlines() or ["exit status %d" % probe.returncode])[0]
+        print(f"(kvimport cannot read .dbf yet, left out: {reason})", file=sys.stderr)
+    return probe.returncode == 0
+
+
+def dbfread_python():
+    # Debian's python3-dbfread is for Debian's python3, which need not be the one running this script.
+    for python in (sys.executable, "/usr/bin/python3"):
+        if subprocess.run([python, "-c", "import dbfread"], capture_output=True).returncode == 0:
+            return python
+    return None
+
+
+def dbf_benchmark(args, work, kvimport):
+    table, data = accounts_dbf(args, work)
+    db = os.path.join(work, "accounts.sqlite")
+    reads = kvimport_reads(kvimport, table)
+    imports = []
+    if reads:
+        # kvimport creates the table from the declared fields.
+        imports.append(("kvimport import", f"rm -f {db}",
+                        f"{kvimport} import {table} --db {db} --table accounts --quiet"))
+    imports.append(("sqlite3 .import --csv (CSV twin)", f"rm -f {db} && sqlite3 {db} '{ACCOUNTS_SCHEMA}'",
+                    f"sqlite3 {db} '.import --csv --skip 1 {data} accounts'"))
+    readers = []
+    if reads:
+        readers.append(("kvimport preview --rows all", "true", f"{kvimport} preview {table} --rows all > /dev/null"))
+    if shutil.which("dbview"):
+        # dbview prints a memo field's block number, never the memo itself.
+        readers.append(("dbview -b (memo block numbers only)", "true", f"dbview -b {table} > /dev/null"))
+    else:
+        print("(no dbview: run bench/setup.sh)", file=sys.stderr)
+    python = dbfread_python()
+    if python:
+        readers.append(("Python dbfread, every record", "true",
+                        f"{python} -c \"import collections, dbfread; "
+                        f"collections.deque(dbfread.DBF('{table}'), maxlen=0)\""))
+    else:
+        print("(no dbfread: run bench/setup.sh)", file=sys.stderr)
+    size = (os.path.getsize(table) + os.path.getsize(table[:-4] + ".dbt")) / 1e6
+    # Without kvimport the ratios are to the first tool that ran.
+    compare(f"{args.rows:,} dBase records into a typed SQLite table ({size:.0f} MB with the memo file)", imports,
+            args.rounds, "kvimport" if reads else imports[0][0])
+    if readers:
+        compare(f"{args.rows:,} dBase records read, output discarded", readers, args.rounds,
+                "kvimport" if reads else readers[0][0])
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("benchmark", choices=["csv", "sqlite", "check"])
+    parser.add_argument("benchmark", choices=["csv", "sqlite", "check", "dbf"])
     parser.add_argument("--rows", type=int, default=1000000)
     parser.add_argument("--rounds", type=int, default=3)
     parser.add_argument("--kvimport", default=os.path.join(ROOT, "build", "kvimport"))
@@ -210,8 +276,8 @@ def main():
         if not shutil.which(tool):
             sys.exit(f"{tool} is needed (run scripts/setup.sh)")
     os.makedirs(args.work, exist_ok=True)
-    {"csv": csv_benchmark, "sqlite": sqlite_benchmark, "check": check_benchmark}[args.benchmark](
-        args, args.work, args.kvimport)
+    benchmarks = {"csv": csv_benchmark, "sqlite": sqlite_benchmark, "check": check_benchmark, "dbf": dbf_benchmark}
+    benchmarks[args.benchmark](args, args.work, args.kvimport)
 
 
 if __name__ == "__main__":

@@ -1,14 +1,21 @@
 #!/usr/bin/env bash
-# Installs what the whole-process comparisons need beyond scripts/setup.sh: Node from Debian when it is
-# missing, and the npm competitors into bench/node_modules (git-ignored). compare.py leaves out a
-# competitor whose package is not installed.
+# Installs what the whole-process comparisons need beyond scripts/setup.sh: Node, dbview and Python's
+# dbfread from Debian when they are missing, and the npm competitors into bench/node_modules
+# (git-ignored). compare.py leaves out a competitor whose package is not installed.
 set -euo pipefail
 cd "$(dirname "$0")"
 
 sudo_cmd=()
 [ "$(id -u)" -ne 0 ] && sudo_cmd=(sudo)
-if ! command -v node >/dev/null || ! command -v npm >/dev/null; then
+missing=()
+command -v node >/dev/null || missing+=(nodejs)
+command -v npm >/dev/null || missing+=(npm)
+# Debian's dbfread is for Debian's python3, which need not be the first on PATH: ask dpkg.
+for p in dbview python3-dbfread; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+if ((${#missing[@]})); then
     "${sudo_cmd[@]}" apt-get update -qq
-    DEBIAN_FRONTEND=noninteractive "${sudo_cmd[@]}" apt-get install -y -qq nodejs npm
+    DEBIAN_FRONTEND=noninteractive "${sudo_cmd[@]}" apt-get install -y -qq "${missing[@]}"
 fi
 npm install --no-package-lock --no-audit --no-fund --loglevel=error
