@@ -148,7 +148,7 @@ bool TKvImportFromCell::NeedMore() {
     return more;
 }
 
-bool TKvImportFromCell::LoadRecord() {
+bool TKvImportFromCell::ReadCurrentRow() {
     if (workBook_ && workBook_->RecordMode()) {
         rowBuffer_.ClearValues();
         current_ = nullptr;
@@ -158,7 +158,35 @@ bool TKvImportFromCell::LoadRecord() {
         const TSpreadSheet* sheet = Sheet();
         current_ = sheet ? sheet->Cells().Row(row_) : nullptr;
     }
-    return TKvImportBaseComponent::LoadRecord();
+    return true;
+}
+
+bool TKvImportFromCell::LoadRecord() {
+    return ReadCurrentRow() && TKvImportBaseComponent::LoadRecord();
+}
+
+void TKvImportFromCell::ReadRows(int64_t count,
+                                 const std::function<void(const std::vector<Variant>& values)>& row) {
+    BeforeImport();
+    try {
+        Columns().Clear();
+        DetectAutoMapping();
+        std::vector<Variant> values(static_cast<size_t>(Columns().Count()));
+        GoFirst();
+        for (int64_t done = 0; done < count && NeedMore(); GoNext()) {
+            if (!ReadCurrentRow()) continue;
+            for (size_t i = 0; i < values.size(); ++i) {
+                const TKvICell* cell = CurrentCell(static_cast<int>(i));
+                values[i] = cell ? cell->Value : Variant::Null();
+            }
+            row(values);
+            ++done;
+        }
+    } catch (...) {
+        AfterImport();
+        throw;
+    }
+    AfterImport();
 }
 
 int TKvImportFromCell::GetTotalCount() {

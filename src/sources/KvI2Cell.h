@@ -34,6 +34,9 @@ public:
     TSpreadSheetFile* WorkBook() const { return workBook_.get(); }
     /// Opens the source as a run would, hands the reader to `inspect`, and closes it again.
     void Inspect(const std::function<void(TSpreadSheetFile& reader)>& inspect);
+    /// Describes the columns (into Columns) and hands the values of up to `count` rows to `row`, one row
+    /// at a time, the way a run would read them (deleted records skipped unless LoadRowStatutes says).
+    void ReadRows(int64_t count, const std::function<void(const std::vector<Variant>& values)>& row);
 
     std::string GetColumnFieldName(int index) const override;
     void LoadSpecificationFromStrings(const TStringList& list) override;
@@ -61,6 +64,8 @@ protected:
     void DetectAutoMapping() override;
 
 private:
+    /// Makes the row at the current index current; false when the reader skips it.
+    bool ReadCurrentRow();
     /// Where `name` is in a row: a declared field's position, or a column letter's; -1 for neither.
     int ColumnOf(const std::string& name) const;
     bool ByFieldName() const { return workBook_ && workBook_->NameKind() == nkFieldName; }

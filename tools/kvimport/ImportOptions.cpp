@@ -46,56 +46,65 @@ const std::vector<OptionSpec> kDestinationOptions = {
      [](ImportOptions& o, const std::string& v) { o.Lookups.push_back(v); }, ForImport | ForRun},
 };
 
-const std::vector<OptionSpec> kRowOptions = {
-    {"map", "'FIELD=EXPR'", "a mapping line, in order (repeatable; none: by column name)",
-     [](ImportOptions& o, const std::string& v) {
-         if (v.find('=') == std::string::npos) throw UsageError("--map expects FIELD=EXPR, got '" + v + "'");
-         o.Maps.push_back(v);
-     },
-     ForImport | ForRun},
-    {"mode", "MODE", "append, update, appendupdate, delete, copy or appendnewonly",
-     SetChoice(&ImportOptions::Mode, "mode",
-               std::vector<std::pair<const char*, TImportMode>>{{"append", imAppend},
-                                                                {"update", imUpdate},
-                                                                {"appendupdate", imAppendUpdate},
-                                                                {"delete", imDelete},
-                                                                {"copy", imCopy},
-                                                                {"appendnewonly", imAppendNewOnly}}),
-     ForImport | ForRun},
-    {"keys", "'A;B'", "key fields for update, appendupdate, delete and appendnewonly",
-     Set(&ImportOptions::Keys), ForImport | ForRun},
-    {"load-when", "EXPR", "import a row only when EXPR is true", Set(&ImportOptions::LoadWhen),
-     ForImport | ForRun},
-    {"skip-if", "EXPR", "skip a row when EXPR is true", Set(&ImportOptions::SkipIf), ForImport | ForRun},
-    {"param", "NAME=VALUE", "a parameter whose value is the text VALUE (repeatable)",
-     [](ImportOptions& o, const std::string& v) {
-         const size_t eq = v.find('=');
-         if (eq == std::string::npos || eq == 0)
-             throw UsageError("--param expects NAME=VALUE, got '" + v + "'");
-         o.Params.emplace_back(v.substr(0, eq), v.substr(eq + 1));
-     },
-     ForImport | ForRun},
-    {"commit-count", "N", "rows per transaction (default 100000)",
-     [](ImportOptions& o, const std::string& v) {
-         o.CommitCount = OptionNumber("commit-count", v, 1, "a number of at least 1");
-     },
-     ForImport | ForRun},
-    {"trim", "none|right|left|both", "trim blanks of source values",
-     SetChoice(
-         &ImportOptions::Trim, "trim",
-         std::vector<std::pair<const char*, TKvITrimSpaces>>{
-             {"none", tsNoTrim}, {"right", tsTrimRight}, {"left", tsTrimLeft}, {"both", tsTrimLeftRight}})},
-    {"skip-empty-rows", nullptr, "skip rows whose values are all blank",
-     SetFlag(&ImportOptions::SkipEmptyRows)},
-    {"abort-on-error", nullptr, "stop at the first failing row (default: report it and go on)",
-     SetFlag(&ImportOptions::AbortOnError), ForImport | ForRun},
-    {"allow-errors", nullptr, "failed rows and warnings still end with exit status 0",
-     SetFlag(&ImportOptions::AllowErrors), ForImport | ForRun},
-    {"quiet", nullptr, "no progress line and no summary", SetFlag(&ImportOptions::Quiet), ForImport | ForRun},
-    {"rows", "N", "how many rows to show (default 10)",
-     [](ImportOptions& o,
-        const std::string& v) { o.PreviewRows = OptionNumber("rows", v, 0, "a number of rows, 0 or more"); },
-     ForPreview},
+const std::vector<OptionSpec>
+    kRowOptions =
+        {
+            {"map", "'FIELD=EXPR'", "a mapping line, in order (repeatable; none: by column name)",
+             [](ImportOptions& o, const std::string& v) {
+                 if (v.find('=') == std::string::npos)
+                     throw UsageError("--map expects FIELD=EXPR, got '" + v + "'");
+                 o.Maps.push_back(v);
+             },
+             ForImport | ForRun},
+            {"mode", "MODE", "append, update, appendupdate, delete, copy or appendnewonly",
+             SetChoice(&ImportOptions::Mode, "mode",
+                       std::vector<std::pair<const char*, TImportMode>>{{"append", imAppend},
+                                                                        {"update", imUpdate},
+                                                                        {"appendupdate", imAppendUpdate},
+                                                                        {"delete", imDelete},
+                                                                        {"copy", imCopy},
+                                                                        {"appendnewonly", imAppendNewOnly}}),
+             ForImport | ForRun},
+            {"keys", "'A;B'", "key fields for update, appendupdate, delete and appendnewonly",
+             Set(&ImportOptions::Keys), ForImport | ForRun},
+            {"load-when", "EXPR", "import a row only when EXPR is true", Set(&ImportOptions::LoadWhen),
+             ForImport | ForRun},
+            {"skip-if", "EXPR", "skip a row when EXPR is true", Set(&ImportOptions::SkipIf),
+             ForImport | ForRun},
+            {"param", "NAME=VALUE", "a parameter whose value is the text VALUE (repeatable)",
+             [](ImportOptions& o, const std::string& v) {
+                 const size_t eq = v.find('=');
+                 if (eq == std::string::npos || eq == 0)
+                     throw UsageError("--param expects NAME=VALUE, got '" + v + "'");
+                 o.Params.emplace_back(v.substr(0, eq), v.substr(eq + 1));
+             },
+             ForImport | ForRun},
+            {"commit-count", "N", "rows per transaction (default 100000)",
+             [](ImportOptions& o, const std::string& v) {
+                 o.CommitCount = OptionNumber("commit-count", v, 1, "a number of at least 1");
+             },
+             ForImport | ForRun},
+            {"trim", "none|right|left|both", "trim blanks of source values",
+             SetChoice(&ImportOptions::Trim, "trim",
+                       std::vector<std::pair<const char*, TKvITrimSpaces>>{{"none", tsNoTrim},
+                                                                           {"right", tsTrimRight},
+                                                                           {"left", tsTrimLeft},
+                                                                           {"both", tsTrimLeftRight}})},
+            {"skip-empty-rows", nullptr, "skip rows whose values are all blank",
+             SetFlag(&ImportOptions::SkipEmptyRows)},
+            {"abort-on-error", nullptr, "stop at the first failing row (default: report it and go on)",
+             SetFlag(&ImportOptions::AbortOnError), ForImport | ForRun},
+            {"allow-errors", nullptr, "failed rows and warnings still end with exit status 0",
+             SetFlag(&ImportOptions::AllowErrors), ForImport | ForRun},
+            {"quiet", nullptr, "no progress line and no summary", SetFlag(&ImportOptions::Quiet),
+             ForImport | ForRun},
+            {"rows", "N|all", "how many rows to show (default 10)",
+             [](ImportOptions& o, const std::string& v) {
+                 o.PreviewRows = v == "all"
+                                     ? INT64_MAX
+                                     : OptionNumber("rows", v, 0, "a number of rows, 0 or more, or all");
+             },
+             ForPreview},
 };
 
 const std::vector<OptionSpec> kValueOptions =

@@ -38,7 +38,7 @@ struct ImportOptions {
     bool AbortOnError = false;
     bool AllowErrors = false;
     bool Quiet = false;
-    int PreviewRows = 10;
+    int64_t PreviewRows = 10;
 
     /// The values of options a source kind declares, by option name, as the kind's table stored them.
     std::map<std::string, std::string> SourceValues;

@@ -68,52 +68,72 @@ int RunPreview(const std::vector<std::string>& args) {
     TKvImportBaseComponent& c = source->Component();
     ApplyImportOptions(o, c);
     source->ApplyOptions(o);
-    const std::vector<std::vector<std::string>> rows = source->Preview(std::max(o.PreviewRows, 0));
-    const TKvIColumns& columns = c.Columns();
-    // What the import would warn of, the preview says too.
-    for (const TKvIWarning& w : c.Warnings()) std::cerr << WarningText(w) << '\n';
 
-    std::cout << "Columns:\n";
-    size_t nameWidth = 4;
-    for (int i = 0; i < columns.Count(); ++i)
-        nameWidth = std::max(nameWidth, Utf8Length(columns.Columns(i).FieldName));
-    for (int i = 0; i < columns.Count(); ++i) {
-        std::string line = "  " + std::to_string(i + 1) + (i + 1 < 10 ? "   " : i + 1 < 100 ? "  " : " ");
-        Pad(line, columns.Columns(i).FieldName, nameWidth + 2);
-        line += TypeName(columns.Columns(i).DataType);
-        std::cout << line << '\n';
-    }
-
+    // The widths come from the first rows; later rows are printed as they come, so that a preview of
+    // every row of a large file holds one row at a time.
+    constexpr size_t kWidthRows = 100;
     constexpr size_t kMaxWidth = 24;
-    std::vector<size_t> widths(static_cast<size_t>(columns.Count()), 0);
-    std::vector<std::string> header;
-    for (int i = 0; i < columns.Count(); ++i) {
-        header.push_back(Cell(columns.Columns(i).FieldName, kMaxWidth));
-        widths[static_cast<size_t>(i)] = Utf8Length(header.back());
-    }
-    std::vector<std::vector<std::string>> cells;
-    for (const auto& row : rows) {
-        std::vector<std::string>& out = cells.emplace_back();
-        for (size_t i = 0; i < widths.size(); ++i) {
-            out.push_back(Cell(i < row.size() ? row[i] : std::string(), kMaxWidth));
-            widths[i] = std::max(widths[i], Utf8Length(out.back()));
-        }
-    }
-    std::cout << "\nFirst " << rows.size() << (rows.size() == 1 ? " row" : " rows") << ":\n";
-    auto print = [&](const std::vector<std::string>& values) {
+    std::vector<std::vector<std::string>> first;
+    std::vector<size_t> widths;
+    int64_t shown = 0;
+    bool started = false;
+    const auto print = [&](const std::vector<std::string>& values) {
         std::string line;
         for (size_t i = 0; i < widths.size(); ++i) {
             if (i) line += " | ";
-            Pad(line, values[i], widths[i]);
+            Pad(line, Cell(i < values.size() ? values[i] : std::string(), kMaxWidth), widths[i]);
         }
         while (!line.empty() && line.back() == ' ') line.pop_back();
         std::cout << line << '\n';
     };
-    print(header);
-    std::string rule;
-    for (size_t i = 0; i < widths.size(); ++i) rule += (i ? "-+-" : "") + std::string(widths[i], '-');
-    std::cout << rule << '\n';
-    for (const auto& row : cells) print(row);
+    const auto start = [&](bool streaming) {
+        started = true;
+        const TKvIColumns& columns = c.Columns();
+        // What the import would warn of, the preview says too.
+        for (const TKvIWarning& w : c.Warnings()) std::cerr << WarningText(w) << '\n';
+        for (const auto& [label, text] : source->Properties()) std::cout << label << ": " << text << '\n';
+        std::cout << "Columns:\n";
+        size_t nameWidth = 4;
+        for (int i = 0; i < columns.Count(); ++i)
+            nameWidth = std::max(nameWidth, Utf8Length(columns.Columns(i).FieldName));
+        std::vector<std::string> header;
+        for (int i = 0; i < columns.Count(); ++i) {
+            std::string line = "  " + std::to_string(i + 1) + (i + 1 < 10 ? "   " : i + 1 < 100 ? "  " : " ");
+            Pad(line, columns.Columns(i).FieldName, nameWidth + 2);
+            const std::string note = source->ColumnNote(i);
+            line += TypeName(columns.Columns(i).DataType);
+            if (!note.empty()) line += "  (" + note + ")";
+            std::cout << line << '\n';
+            header.push_back(Cell(columns.Columns(i).FieldName, kMaxWidth));
+            widths.push_back(Utf8Length(header.back()));
+        }
+        for (const auto& row : first)
+            for (size_t i = 0; i < widths.size() && i < row.size(); ++i)
+                widths[i] = std::max(widths[i], Utf8Length(Cell(row[i], kMaxWidth)));
+        if (streaming)
+            std::cout << "\nRows:\n";
+        else
+            std::cout << "\nFirst " << first.size() << (first.size() == 1 ? " row" : " rows") << ":\n";
+        print(header);
+        std::string rule;
+        for (size_t i = 0; i < widths.size(); ++i) rule += (i ? "-+-" : "") + std::string(widths[i], '-');
+        std::cout << rule << '\n';
+        for (const auto& row : first) print(row);
+        first.clear();
+    };
+    source->Preview(std::max<int64_t>(o.PreviewRows, 0), [&](const std::vector<std::string>& values) {
+        ++shown;
+        if (started) {
+            print(values);
+        } else {
+            first.push_back(values);
+            if (first.size() == kWidthRows) start(true);
+        }
+    });
+    if (!started)
+        start(false);
+    else
+        std::cout << "(" << shown << " rows)\n";
     return ExitOk;
 }
 

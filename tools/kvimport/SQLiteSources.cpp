@@ -29,15 +29,16 @@ public:
     std::vector<std::string> SpecificationLines() const override {
         return {"SourceKind=SQLite", "SourceTable=" + tableName_};
     }
-    std::vector<std::vector<std::string>> Preview(int rows) override {
+    void Preview(int64_t rows, const PreviewRow& row) override {
         component_->DescribeColumns();
-        std::vector<std::vector<std::string>> out;
         table_->Open();
-        for (table_->First(); !table_->Eof() && static_cast<int>(out.size()) < rows; table_->Next()) {
-            std::vector<std::string>& row = out.emplace_back();
-            for (int i = 0; i < table_->FieldCount(); ++i) row.push_back(table_->Fields(i).AsString());
+        std::vector<std::string> values;
+        int64_t done = 0;
+        for (table_->First(); !table_->Eof() && done < rows; table_->Next(), ++done) {
+            values.clear();
+            for (int i = 0; i < table_->FieldCount(); ++i) values.push_back(table_->Fields(i).AsString());
+            row(values);
         }
-        return out;
     }
     TFieldType ColumnType(const TKvIColumn& column) const override {
         // Large integers are described as text; the source field still knows they are numbers.

@@ -5,6 +5,7 @@
 #include "ImportOptions.h"
 #include "engine/KvIBase.h"
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -18,8 +19,17 @@ public:
     virtual TKvImportBaseComponent& Component() = 0;
     /// Lines of the command line's own section of a saved specification ("SourceKind=SQLite", ...).
     virtual std::vector<std::string> SpecificationLines() const { return {}; }
-    /// The source's columns (into Component().Columns()) and its first `rows` rows as text.
-    virtual std::vector<std::vector<std::string>> Preview(int rows) = 0;
+    using PreviewRow = std::function<void(const std::vector<std::string>& values)>;
+    /// The source's columns (into Component().Columns()), then its first `rows` rows as text, one at a
+    /// time.
+    virtual void Preview(int64_t rows, const PreviewRow& row) = 0;
+    /// What a preview shows of the source before its columns, as (label, text) pairs.
+    virtual std::vector<std::pair<std::string, std::string>> Properties() { return {}; }
+    /// What a preview adds to column `index`'s line: the type and size the source declares.
+    virtual std::string ColumnNote(int index) const {
+        (void)index;
+        return {};
+    }
     /// Puts the options of this kind of source into the component, after a specification was loaded.
     virtual void ApplyOptions(const ImportOptions& options) { (void)options; }
     /// The field type a column gets in a created table (the destination names it in its own terms);

@@ -81,7 +81,11 @@ public:
     }
     TKvImportBaseComponent& Component() override { return *component_; }
     std::vector<std::string> SpecificationLines() const override { return {"SourceKind=Text"}; }
-    std::vector<std::vector<std::string>> Preview(int rows) override { return component_->PreviewRows(rows); }
+    void Preview(int64_t rows, const PreviewRow& row) override {
+        for (const std::vector<std::string>& values :
+             component_->PreviewRows(static_cast<int>(std::min<int64_t>(rows, INT32_MAX))))
+            row(values);
+    }
     void ApplyOptions(const ImportOptions& o) override {
         TKvImportFromText& c = *component_;
         if (const std::string* v = o.SourceValue("delimiter")) c.SetFieldDelimiterCustom(CharOf(*v));
