@@ -2,6 +2,8 @@
 
 #include "Options.h"
 #include "SourceKinds.h"
+#include "platform/Streams.h"
+#include "platform/StringList.h"
 #include "platform/SysUtils.h"
 #include "platform/Utf8.h"
 
@@ -192,11 +194,30 @@ std::string RunUsage() {
            ImportOptionHelp(ForRun);
 }
 
+namespace {
+
+// The kind of source a saved specification names (text for one that names none); nullptr when the file
+// cannot be read, which running it reports.
+const SourceKind* SpecificationKind(const std::string& file) {
+    if (!FileExists(file)) return nullptr;
+    TStringList spec;
+    try {
+        spec.LoadFromFile(file);
+    } catch (const std::exception&) {
+        return nullptr;
+    }
+    const std::string saved = spec.Values("SourceKind");
+    return SourceKindBySpecificationName(saved.empty() ? "Text" : saved);
+}
+
+} // namespace
+
 ImportOptions ParseImportOptions(const std::vector<std::string>& args, CommandKind kind) {
     ImportOptions o;
     const unsigned command = CommandBit(kind);
     const std::vector<OptionSection> sections = Sections();
-    std::vector<std::string> positionals, sourceOptions;
+    std::vector<std::string> positionals;
+    std::vector<std::pair<std::string, std::string>> sourceOptions;
     ArgReader r(args);
     while (!r.AtEnd()) {
         if (!r.NextIsOption()) {
@@ -227,8 +248,13 @@ ImportOptions ParseImportOptions(const std::vector<std::string>& args, CommandKi
             throw UsageError("unknown option --" + name +
                              (nearest.empty() ? "" : "; did you mean --" + nearest + "?"));
         }
-        found->Apply(o, found->Value ? r.TakeValue(name) : std::string());
-        if (ofSource) sourceOptions.push_back(name);
+        const std::string value = found->Value ? r.TakeValue(name) : std::string();
+        // Kinds may share an option's name but not its values: a source's option is read once the
+        // source's kind is known.
+        if (ofSource)
+            sourceOptions.emplace_back(name, value);
+        else
+            found->Apply(o, value);
     }
     if (o.Clipboard) {
         if (!positionals.empty()) throw UsageError("--clipboard takes no SOURCE");
@@ -241,13 +267,15 @@ ImportOptions ParseImportOptions(const std::vector<std::string>& args, CommandKi
     if (kind != CommandKind::Preview && o.Database.empty() && !o.SqlFile)
         throw UsageError("--db DEST.sqlite is needed");
     // An option of another kind of source would be silently ignored: say so instead.
-    if (kind != CommandKind::Run) {
-        const SourceKind& chosen = SourceKindOf(o);
-        for (const std::string& name : sourceOptions) {
-            bool declared = false;
-            for (const OptionSpec& spec : chosen.Options) declared = declared || name == spec.Name;
-            if (!declared) throw UsageError("--" + name + " is not an option of " + chosen.Name + " sources");
-        }
+    const SourceKind* chosen = kind != CommandKind::Run ? &SourceKindOf(o) : SpecificationKind(o.Source);
+    for (const auto& [name, value] : sourceOptions) {
+        const OptionSpec* spec = nullptr;
+        for (size_t s = 4; s < sections.size() && !spec; ++s)
+            if (!chosen || sections[s].Options == &chosen->Options)
+                for (const OptionSpec& candidate : *sections[s].Options)
+                    if (name == candidate.Name && (candidate.Commands & command)) spec = &candidate;
+        if (!spec) throw UsageError("--" + name + " is not an option of " + chosen->Name + " sources");
+        spec->Apply(o, value);
     }
     return o;
 }
