@@ -86,16 +86,15 @@ std::string UnfoldVCalendarLines(std::string text) {
         std::memmove(text.data() + write, text.data() + from, end - from);
         write += end - from;
         read = end;
-        if (read < text.size() && text[read] == '\r') ++read;
-        if (read < text.size() && text[read] == '\n' && (read == end || text[read - 1] == '\r')) ++read;
-        if (write < read) {
-            text[write++] = '\n';
-        } else {
-            // The last line, without a line end of its own.
+        if (read < text.size() && text[read] == '\r') ++read; // CR, CR LF or LF
+        if (read < text.size() && text[read] == '\n') ++read;
+        if (write == read) {
+            // The last line, without a line end of its own, and nothing joined before it: no room.
             text.resize(write);
             text.push_back('\n');
             return text;
         }
+        text[write++] = '\n';
         hasLine = true;
     }
     text.resize(write);
