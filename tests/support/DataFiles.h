@@ -7,6 +7,10 @@
 #include <string>
 #include <vector>
 
+namespace kv {
+class TKvIVCalendar;
+}
+
 namespace kv::test {
 
 using TDataDump = std::function<std::string(const std::string& path)>;
@@ -43,7 +47,10 @@ std::string DumpEscape(const std::string& value);
 std::string DumpTextFile(const std::string& path);
 /// A table (with its memo file beside it) as its declared fields, then one line per record.
 std::string DumpDbfFile(const std::string& path);
-/// A calendar as its fields, then one line per event.
+/// A calendar as its event count and fields ("field: <name> <type> <size>"), then a line per row of sheet 0
+/// ("<row>: <name>=<value>|..."), date-times as yyyy-mm-dd hh:nn:ss.
 std::string DumpVCalendarFile(const std::string& path);
+/// A calendar loaded already, as DumpVCalendarFile writes it.
+std::string DumpVCalendar(TKvIVCalendar& calendar);
 
 } // namespace kv::test
