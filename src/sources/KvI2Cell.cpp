@@ -92,6 +92,7 @@ void TKvImportFromCell::BeforeImport() {
         sheetIndex_ = workBook_->SpreadSheets().SheetIndexByName(sheetName_);
         workBook_->SetSheetFilter(sheetIndex_);
     }
+    byFieldName_ = workBook_->NameKind() == nkFieldName;
     if (ByFieldName())
         for (const TKvIDeclaredField& field : workBook_->DeclaredFields()) fieldNames_.push_back(field.Name);
 }

@@ -68,7 +68,8 @@ private:
     bool ReadCurrentRow();
     /// Where `name` is in a row: a declared field's position, or a column letter's; -1 for neither.
     int ColumnOf(const std::string& name) const;
-    bool ByFieldName() const { return workBook_ && workBook_->NameKind() == nkFieldName; }
+    /// The reader names columns by the file's field names (kept between runs for GetColumnFieldName).
+    bool ByFieldName() const { return byFieldName_; }
     TSpreadSheet* Sheet() const;
     const TKvICell* CurrentCell(int column) const;
 
@@ -79,6 +80,7 @@ private:
     std::unique_ptr<TStream> stream_; ///< the file a record reader reads from, kept for the run
     TSpreadSheetRow rowBuffer_;       ///< the record a record reader delivered last
     std::vector<std::string> fieldNames_;
+    bool byFieldName_ = false;
     bool ended_ = false;
     int row_ = 0;
     const TSpreadSheetRow* current_ = nullptr;

@@ -101,8 +101,12 @@ int RunPreview(const std::vector<std::string>& args) {
             std::string line = "  " + std::to_string(i + 1) + (i + 1 < 10 ? "   " : i + 1 < 100 ? "  " : " ");
             Pad(line, columns.Columns(i).FieldName, nameWidth + 2);
             const std::string note = source->ColumnNote(i);
-            line += TypeName(columns.Columns(i).DataType);
-            if (!note.empty()) line += "  (" + note + ")";
+            if (note.empty()) {
+                line += TypeName(columns.Columns(i).DataType);
+            } else {
+                Pad(line, TypeName(columns.Columns(i).DataType), 10);
+                line += "(" + note + ")";
+            }
             std::cout << line << '\n';
             header.push_back(Cell(columns.Columns(i).FieldName, kMaxWidth));
             widths.push_back(Utf8Length(header.back()));

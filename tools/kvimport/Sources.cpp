@@ -8,6 +8,7 @@
 #include "platform/StringList.h"
 #include "platform/SysUtils.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 
@@ -92,8 +93,18 @@ std::vector<TFieldDef> ColumnsForNewTable(SourceSetup& source, const std::vector
         return d;
     };
     if (maps.empty()) {
-        for (int i = 0; i < c.Columns().Count(); ++i)
-            defs.push_back(def(c.Columns().Columns(i).FieldName, source.ColumnType(c.Columns().Columns(i))));
+        // A mapping line cannot name a field with "=" in it (a calendar's "DTSTART;TZID=Europe/Berlin"):
+        // such a column gets "_" instead, and then every column is mapped by a line of its own.
+        bool renamed = false;
+        for (int i = 0; i < c.Columns().Count(); ++i) {
+            std::string name = c.Columns().Columns(i).FieldName;
+            renamed = renamed || name.find('=') != std::string::npos;
+            std::replace(name.begin(), name.end(), '=', '_');
+            defs.push_back(def(std::move(name), source.ColumnType(c.Columns().Columns(i))));
+        }
+        if (renamed)
+            for (size_t i = 0; i < defs.size(); ++i)
+                c.Mappings().Add(defs[i].Name + "=" + c.GetColumnFieldName(static_cast<int>(i)));
         return defs;
     }
     for (const std::string& line : maps) {

@@ -212,8 +212,9 @@ void TKvIVCalendar::DeliverProperty(int row, std::string_view name, std::string_
     Variant cell;
     size_t length;
     if (field.CellType == ictDateTime) {
-        // A value that does not fit the mask reads as far as it fits: a date alone, or 0 for nothing.
-        cell = Variant::FromDateTime(DateTimeMask().Read(value));
+        // A value that does not fit the mask reads as far as it fits: a date alone. An empty one is no
+        // date at all, not the mask's 1899-12-30.
+        cell = Trim(value).empty() ? Variant::Null() : Variant::FromDateTime(DateTimeMask().Read(value));
         length = Utf8Length(value);
     } else {
         std::string text = DecodeVCalendarText(value);

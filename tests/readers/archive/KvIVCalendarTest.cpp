@@ -171,8 +171,8 @@ TEST(VCalendarReader, DateTimesAreReadByTheMask) {
         {"20240230T120000Z", EncodeTime(12, 0, 0, 0)},
         {"20240115T250000Z", EncodeDate(2024, 1, 15)},
         {"2024-01-15", 0},
-        {"", 0},
         {"not a date", 0},
+        {"", -1}, // no date at all: null
     };
     for (const auto& c : cases) {
         TKvIVCalendar calendar;
@@ -185,6 +185,10 @@ TEST(VCalendarReader, DateTimesAreReadByTheMask) {
         TStringStream stream(std::string("BEGIN:VEVENT\nDTSTART:") + c.Value + "\nEND:VEVENT\n");
         calendar.LoadFromStream(stream);
         ASSERT_EQ(values.size(), 1u) << c.Value;
+        if (c.Expected < 0) {
+            EXPECT_TRUE(values[0].IsNull());
+            continue;
+        }
         EXPECT_EQ(values[0].VarType(), varDate) << c.Value;
         EXPECT_DOUBLE_EQ(values[0].AsDateTime(), c.Expected) << c.Value;
     }

@@ -1,0 +1,148 @@
+// The shared part of the cell sources on the command line, and calendars as a source.
+
+#include "CellSources.h"
+
+#include "platform/DateUtils.h"
+#include "platform/SysUtils.h"
+#include "sources/KvI2VCalendar.h"
+
+#include <cmath>
+
+namespace kv::cli {
+
+std::function<void(ImportOptions&, const std::string&)> KeepOption(const char* name) {
+    return [name](ImportOptions& o, const std::string& v) { o.SourceValues[name] = v; };
+}
+
+std::function<void(ImportOptions&, const std::string&)> KeepNumberOption(const char* name, int minimum,
+                                                                         const char* what) {
+    return [=](ImportOptions& o, const std::string& v) {
+        o.SourceValues[name] = std::to_string(OptionNumber(name, v, minimum, what));
+    };
+}
+
+namespace {
+
+// A value as the preview shows it: dates in ISO form, whatever the locale.
+std::string PreviewText(const Variant& v) {
+    if (v.IsNullOrEmpty()) return {};
+    if (v.VarType() == varDate) {
+        const TDateTime d = v.AsDateTime();
+        return FormatDateTime(d == std::floor(d) ? "yyyy-mm-dd" : "yyyy-mm-dd hh:nn:ss", d);
+    }
+    if (v.VarType() == varBoolean) return v.AsBoolean() ? "true" : "false";
+    return v.AsString();
+}
+
+} // namespace
+
+CellSource::CellSource(TKvImportFromCell* component, std::string specificationName, const std::string& file)
+    : component_(component), specificationName_(std::move(specificationName)) {
+    CheckSourceFile(file);
+    component_->SetSourceFileName(file);
+}
+
+void CellSource::Preview(int64_t rows, const PreviewRow& row) {
+    component_->Inspect([this](TSpreadSheetFile& reader) {
+        properties_ = reader.FileProperties();
+        declared_ = reader.DeclaredFields();
+    });
+    std::vector<std::string> texts;
+    component_->ReadRows(rows, [&](const std::vector<Variant>& values) {
+        texts.clear();
+        for (const Variant& v : values) texts.push_back(PreviewText(v));
+        row(texts);
+    });
+    // A reader that learns its fields as it reads (a calendar) knows them all only now.
+    component_->Inspect([this](TSpreadSheetFile& reader) { properties_ = reader.FileProperties(); });
+}
+
+std::string CellSource::ColumnNote(int index) const {
+    if (index < 0 || static_cast<size_t>(index) >= declared_.size()) return {};
+    const TKvIDeclaredField& f = declared_[static_cast<size_t>(index)];
+    std::string note = f.TypeName;
+    if (f.Size > 0) note += (note.empty() ? "" : ", ") + std::to_string(f.Size);
+    if (f.Decimals > 0) note += "." + std::to_string(f.Decimals);
+    return note;
+}
+
+TFieldType CellSource::ColumnType(const TKvIColumn& column) const {
+    for (const TKvIDeclaredField& f : Declared()) {
+        if (!SameText(f.Name, column.FieldName)) continue;
+        switch (f.CellType) {
+        case ictInteger:
+            return ftLargeint;
+        case ictDecimal:
+            return ftFloat;
+        case ictDateTime:
+            return ftDateTime;
+        case ictDate:
+            return ftDate;
+        case ictTime:
+            return ftTime;
+        case ictBoolean:
+            return ftBoolean;
+        case ictMemo:
+            return ftMemo;
+        default:
+            return ftString;
+        }
+    }
+    return SourceSetup::ColumnType(column);
+}
+
+const std::vector<TKvIDeclaredField>& CellSource::Declared() const {
+    if (declared_.empty())
+        component_->Inspect([this](TSpreadSheetFile& reader) { declared_ = reader.DeclaredFields(); });
+    return declared_;
+}
+
+void CellSource::ApplyOptions(const ImportOptions& o) {
+    TKvImportFromCell& c = *component_;
+    if (const std::string* sheet = o.SourceValue("sheet")) {
+        int index = 0;
+        if (TryStrToInt(*sheet, index) && index >= 1)
+            c.SetSheetIndex(index - 1);
+        else
+            c.SetSheetName(*sheet);
+    }
+    if (const std::string* v = o.SourceValue("first-row")) c.SetRowFirst(std::stoi(*v));
+    if (const std::string* v = o.SourceValue("last-row")) c.SetRowLast(std::stoi(*v));
+    if (const std::string* v = o.SourceValue("names-row")) c.SetRowFieldNames(std::stoi(*v));
+    if (o.SourceValue("include-deleted")) c.SetLoadRowStatutes({rsNormal, rsDeleted});
+}
+
+std::vector<OptionSpec> CellRowOptions(bool sheets) {
+    std::vector<OptionSpec> options = {
+        {"first-row", "N", "the first row (record) imported",
+         KeepNumberOption("first-row", 1, "a row number of at least 1")},
+        {"last-row", "N", "the last row (record) imported",
+         KeepNumberOption("last-row", 1, "a row number of at least 1")},
+    };
+    if (sheets) {
+        options.push_back(
+            {"sheet", "N|NAME", "the sheet to import: its number from 1, or its name", KeepOption("sheet")});
+        options.push_back({"names-row", "N", "the row holding the column names, 0 for none",
+                           KeepNumberOption("names-row", 0, "a row number, 0 for none")});
+    }
+    return options;
+}
+
+namespace {
+
+const RegisterSourceKind kVCalendar({
+    "vcalendar",
+    {".ics", ".vcs"},
+    "VCalendar",
+    "Calendars (.ics .vcs): one row per event, one column per property",
+    false,
+    CellRowOptions(false),
+    [](const ImportOptions&, const std::string& file, const TStringList*,
+       TComponent& root) -> std::unique_ptr<SourceSetup> {
+        return std::make_unique<CellSource>(new TKvImportFromVCalendar(&root), "VCalendar", file);
+    },
+});
+
+} // namespace
+
+} // namespace kv::cli
