@@ -116,9 +116,15 @@ double ParseNumber(std::string_view text) {
             i = e;
         }
     }
+    const std::string_view number = text.substr(start, i - start);
     double value = 0;
-    const auto result = std::from_chars(text.data() + start, text.data() + i, value);
-    if (result.ec == std::errc::result_out_of_range) value = HUGE_VAL; // from_chars leaves it unset
+    if (std::from_chars(number.data(), number.data() + number.size(), value).ec ==
+        std::errc::result_out_of_range) {
+        // The value is left unset: a negative exponent made it too small, anything else too large.
+        const bool tiny =
+            number.find("e-") != std::string_view::npos || number.find("E-") != std::string_view::npos;
+        value = tiny ? 0.0 : HUGE_VAL;
+    }
     return negative ? -value : value;
 }
 

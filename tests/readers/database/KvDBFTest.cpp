@@ -244,6 +244,7 @@ TEST(DBFFields, EachTypeDecodes) {
         {"N partial", 0x03, 'N', 5, 0, "12abc", 12.0, ictDecimal, taRightJustify},
         {"N none", 0x03, 'N', 3, 0, "abc", 0.0, ictDecimal, taRightJustify},
         {"F exponent", 0x03, 'F', 7, 0, "-1.5e2 ", -150.0, ictDecimal, taRightJustify},
+        {"F too small", 0x03, 'F', 6, 2, "1e-999", 0.0, ictDecimal, taRightJustify},
         {"N blank", 0x03, 'N', 3, 0, "   ", null, ictEmpty, taRightJustify},
         {"D", 0x03, 'D', 8, 0, "19870301", Variant::FromDateTime(EncodeDate(1987, 3, 1)), ictDateTime,
          taLeftJustify},
