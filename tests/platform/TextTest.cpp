@@ -9,6 +9,7 @@
 
 #include <cmath>
 #include <limits>
+#include <optional>
 
 namespace kv {
 namespace {
@@ -229,6 +230,68 @@ TEST(Encoding, Utf8WithStrayWindows1252Bytes) {
         AppendUtf8OrWindows1252(out, bytes);
         EXPECT_EQ(out, std::string("x") + text) << bytes;
     }
+}
+
+TEST(Encoding, CodePagesByNumber) {
+    const struct {
+        int CodePage;
+        std::string Bytes, Text;
+    } cases[] = {
+        {866, "\x8F\xE0\xA8\xA2\xA5\xE2", "Привет"},
+        {1251, "\xCF\xF0\xE8\xE2\xE5\xF2", "Привет"},
+        {437, "\x84\xC9\xE1", "ä╔ß"},
+        {850, "\x90\xD5", "Éı"},
+        {1250, "\x8A\xE8", "Šč"},
+        {10000, "\x8A", "ä"},
+        {932, "\x93\xFA\x96\x7B", "日本"},
+        {936, "\xD6\xD0\xCE\xC4", "中文"},
+        {950, "\xA4\xA4\xA4\xE5", "中文"},
+        {949, "\xC7\xD1\xB1\xDB", "한글"},
+        {932, "a\x93", "a\xEF\xBF\xBD"}, // a lead byte cut by the end
+        {65001, "\xC3\xA9\xFF", "é\xEF\xBF\xBD"},
+        {1252, "\x80\x81", "€\xC2\x81"}, // undefined bytes keep their number
+        {99999, "\xE9", "é"},            // not available: Windows-1252
+        {866, "", ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.CodePage);
+        EXPECT_EQ(DecodeCodePage(c.Bytes, c.CodePage), c.Text);
+        std::string out = "x";
+        TKvCodePageDecoder(c.CodePage).Append(out, c.Bytes);
+        EXPECT_EQ(out, "x" + c.Text);
+    }
+    EXPECT_EQ(TKvCodePageDecoder(99999).CodePage(), 1252);
+    EXPECT_TRUE(CodePageAvailable(kCodePageUtf8));
+    EXPECT_FALSE(CodePageAvailable(0));
+    EXPECT_FALSE(CodePageAvailable(-1252));
+}
+
+TEST(Encoding, CodePageNamesAndDisplay) {
+    const std::pair<const char*, std::optional<int>> names[] = {
+        {"cp1251", 1251},
+        {"1251", 1251},
+        {"windows-1251", 1251},
+        {"CP866", 866},
+        {" ibm437 ", 437},
+        {"utf-8", 65001},
+        {"UTF8", 65001},
+        {"latin1", 28591},
+        {"iso-8859-5", 28595},
+        {"koi8-r", 20866},
+        {"mac", 10000},
+        {"cp", std::nullopt},
+        {"cp1251x", std::nullopt},
+        {"", std::nullopt},
+        {"cp99999", std::nullopt},
+        {"-866", std::nullopt},
+    };
+    for (const auto& [name, cp] : names) EXPECT_EQ(ParseCodePageName(name), cp) << name;
+    for (int cp : {1251, 866, 65001, 28591, 932, 20866}) {
+        const std::string shown = CodePageDisplayName(cp);
+        EXPECT_EQ(ParseCodePageName(shown), cp) << shown; // what is shown can be given back
+    }
+    EXPECT_EQ(CodePageDisplayName(1251), "cp1251");
+    EXPECT_EQ(CodePageDisplayName(65001), "utf-8");
 }
 
 } // namespace
