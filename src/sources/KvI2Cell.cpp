@@ -215,6 +215,13 @@ int TKvImportFromCell::ColumnOf(const std::string& name) const {
     if (ByFieldName()) {
         for (size_t i = 0; i < fieldNames_.size(); ++i)
             if (SameText(fieldNames_[i], name)) return static_cast<int>(i);
+        // Field<n> names the n-th field, for a field whose name an earlier one also has.
+        int number = 0;
+        if (name.size() > strField.size() &&
+            SameText(std::string_view(name).substr(0, strField.size()), strField) &&
+            TryStrToInt(std::string_view(name).substr(strField.size()), number) && number >= 1 &&
+            static_cast<size_t>(number) <= fieldNames_.size())
+            return number - 1;
         return -1;
     }
     const TSpreadSheet* sheet = Sheet();
@@ -258,6 +265,11 @@ bool TKvImportFromCell::HasSourceColumn(const std::string& name) {
 
 std::string TKvImportFromCell::GetColumnFieldName(int index) const {
     // Sheets are addressed by column letters whatever their captions say.
+    if (ByFieldName() && index >= 0 && index < Columns().Count()) {
+        const std::string& name = Columns().Columns(index).FieldName;
+        for (int i = 0; i < index; ++i)
+            if (SameText(Columns().Columns(i).FieldName, name)) return strField + IntToStr(index + 1);
+    }
     if (ByFieldName() || index < 0) return ColumnReference(index, false);
     return GetSpreadSheetColByID(index + 1);
 }
@@ -269,7 +281,10 @@ void TKvImportFromCell::DetectAutoMapping() {
             TKvIColumn& c = Columns().Add();
             c.FieldName = field.Name;
             c.Caption = field.Name;
-            c.DataType = KvICellType2KvIDataType(field.CellType);
+            // A declared date is a date: only cells of a date alone are deliberately read as text.
+            c.DataType = field.CellType == ictDate   ? itDate
+                         : field.CellType == ictTime ? itTime
+                                                     : KvICellType2KvIDataType(field.CellType);
             c.Size = field.Size;
             c.Precision = field.Decimals;
             c.Alignment = c.DataType == itInteger || c.DataType == itFloat ? taRightJustify : taLeftJustify;

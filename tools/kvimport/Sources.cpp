@@ -93,13 +93,20 @@ std::vector<TFieldDef> ColumnsForNewTable(SourceSetup& source, const std::vector
         return d;
     };
     if (maps.empty()) {
-        // A mapping line cannot name a field with "=" in it (a calendar's "DTSTART;TZID=Europe/Berlin"):
-        // such a column gets "_" instead, and then every column is mapped by a line of its own.
+        // A mapping line cannot name a field with "=" in it (a calendar's "DTSTART;TZID=Europe/Berlin"),
+        // and a table cannot have two columns of one name (a dBase table may): such a column gets "_" for
+        // "=" and a number after a name taken, and then every column is mapped by a line of its own.
         bool renamed = false;
         for (int i = 0; i < c.Columns().Count(); ++i) {
-            std::string name = c.Columns().Columns(i).FieldName;
-            renamed = renamed || name.find('=') != std::string::npos;
+            const std::string& given = c.Columns().Columns(i).FieldName;
+            std::string name = given;
             std::replace(name.begin(), name.end(), '=', '_');
+            const auto taken = [&defs](const std::string& n) {
+                return std::any_of(defs.begin(), defs.end(),
+                                   [&n](const TFieldDef& d) { return SameText(d.Name, n); });
+            };
+            for (int n = 2; taken(name); ++n) name = given + "_" + std::to_string(n);
+            renamed = renamed || name != given;
             defs.push_back(def(std::move(name), source.ColumnType(c.Columns().Columns(i))));
         }
         if (renamed)

@@ -707,6 +707,8 @@ std::vector<TKvIDeclaredField> TDBF::DeclaredFields() const {
             d.CellType = f.Decimals == 0 ? ictInteger : ictDecimal;
             break;
         case 'D':
+            d.CellType = ictDate; // declared a date alone, though its cells carry date-times
+            break;
         case '@':
         case 'T':
             d.CellType = ictDateTime;
