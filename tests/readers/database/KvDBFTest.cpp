@@ -381,7 +381,7 @@ TEST(DBFRecords, RecordModeFromAFileKeepsItOpenAndDescribesTheTable) {
         declared += f.Name + ":" + std::to_string(f.CellType) + ":" + f.TypeName + ":" +
                     std::to_string(f.Size) + "." + std::to_string(f.Decimals) + " ";
     EXPECT_EQ(declared,
-              "NAME:2:String:6.0 QTY:3:Number:5.0 PRICE:4:Number:7.2 DAY:5:Date:8.0 NOTE:7:MEMO:10.0 ");
+              "NAME:2:String:6.0 QTY:3:Number:5.0 PRICE:4:Number:7.2 DAY:8:Date:8.0 NOTE:7:MEMO:10.0 ");
     using P = std::pair<std::string, std::string>;
     EXPECT_EQ(
         dbf.FileProperties(),
