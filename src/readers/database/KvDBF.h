@@ -77,8 +77,9 @@ public:
     TDBFMemoType DBFMemoType() const { return memoType_; }
     void SetDBFMemoType(TDBFMemoType v) { memoType_ = v; }
 
-    /// The code page text is decoded from: the override, else the language driver's (1252 when the
-    /// table names none or one this system cannot decode).
+    /// The code page text is decoded from: the override, else the language driver's, 1252 when the
+    /// table names none. One this system cannot decode falls back to 852 (for the Polish DOS code pages
+    /// 620 and 895) or 1252, with a warning.
     int CodePage() const { return decoder_.CodePage(); }
     /// 0 takes the code page from the header; any other number overrides it, for tables that name the
     /// wrong one. Takes effect at the next load.
