@@ -290,6 +290,10 @@ public:
     /// What a preview shows of the file besides its rows, as (label, text) pairs: version, code page...
     virtual std::vector<std::pair<std::string, std::string>> FileProperties() const { return {}; }
 
+    /// What the last load noticed that puts data in doubt (a record count cut to the file, a code page
+    /// read as another): the import source reports each as a warning of the run.
+    const std::vector<std::string>& Warnings() const { return warnings_; }
+
     /// Sets the status of an existing row; a row beyond the sheet's rows is ignored.
     void SetRowStatus(int sheetNo, int row, TKvIRowStatus status);
     void UpdateProgress(int64_t position, int64_t totalSize);
@@ -298,6 +302,8 @@ public:
 
 protected:
     void SetCurrentRecord(int index) { currentRecord_ = index; }
+    void AddWarning(std::string warning) { warnings_.push_back(std::move(warning)); }
+    void ClearWarnings() { warnings_.clear(); }
 
 private:
     TKvIColumnNameKind nameKind_ = nkAlphabet;
@@ -306,6 +312,7 @@ private:
     bool checkFileName_ = true;
     int currentRecord_ = -1;
     TSpreadSheets sheets_;
+    std::vector<std::string> warnings_;
 };
 
 // ---- helpers ----

@@ -1,6 +1,7 @@
 #include "sources/KvI2Cell.h"
 
 #include "engine/Impcnst.h"
+#include "platform/FormatError.h"
 #include "platform/StringList.h"
 #include "platform/SysUtils.h"
 
@@ -76,22 +77,29 @@ void TKvImportFromCell::BeforeImport() {
             cell.CellType = cellType;
         };
     }
-    if (TStream* stream = SourceStream()) {
-        workBook_->LoadFromStream(*stream);
-    } else if (workBook_->RecordMode()) {
-        // The reader reads from the stream record by record for the whole run: the source keeps it open.
-        if (Trim(SourceFileName()).empty()) throw Exception(strFileNotDefined);
-        if (!FileExists(SourceFileName())) throw Exception(strEFileNotExist);
-        workBook_->SetFileName(SourceFileName());
-        stream_ = std::make_unique<TFileStream>(SourceFileName(), fmOpenRead | fmShareDenyNone);
-        workBook_->LoadFromStream(*stream_);
-    } else {
-        workBook_->LoadFromFile(SourceFileName());
+    try {
+        if (TStream* stream = SourceStream()) {
+            workBook_->LoadFromStream(*stream);
+        } else if (workBook_->RecordMode()) {
+            // The reader reads from the stream record by record for the whole run: the source keeps it open.
+            if (Trim(SourceFileName()).empty()) throw Exception(strFileNotDefined);
+            if (!FileExists(SourceFileName())) throw Exception(strEFileNotExist);
+            workBook_->SetFileName(SourceFileName());
+            stream_ = std::make_unique<TFileStream>(SourceFileName(), fmOpenRead | fmShareDenyNone);
+            workBook_->LoadFromStream(*stream_);
+        } else {
+            workBook_->LoadFromFile(SourceFileName());
+        }
+    } catch (const EKvFormatError& e) {
+        // The reader names the format and the byte; the user also needs to know which file.
+        if (SourceFileName().empty()) throw;
+        throw EKvFormatError(e.Kind(), SourceFileName() + ": " + e.Format(), e.Offset(), e.Detail());
     }
     if (!sheetName_.empty() && sheetIndex_ < 0) {
         sheetIndex_ = workBook_->SpreadSheets().SheetIndexByName(sheetName_);
         workBook_->SetSheetFilter(sheetIndex_);
     }
+    for (const std::string& warning : workBook_->Warnings()) AddWarning({0, warning, true});
     byFieldName_ = workBook_->NameKind() == nkFieldName;
     if (ByFieldName())
         for (const TKvIDeclaredField& field : workBook_->DeclaredFields()) fieldNames_.push_back(field.Name);

@@ -275,7 +275,7 @@ void TDBF::LoadFromStream(TStream& stream) {
     CloseMemo();
     TSpreadSheetFile::LoadFromStream(stream);
     BeforeLoad();
-    warnings_.clear();
+    ClearWarnings();
     fields_.clear();
     loaded_ = false;
     recordsRead_ = 0;
@@ -332,8 +332,8 @@ void TDBF::ReadHeader() {
     if (!CodePageAvailable(codePage)) {
         // The Polish DOS code pages iconv lacks read best as their neighbour with the same letters.
         const int fallback = codePage == 620 || codePage == 895 ? 852 : 1252;
-        warnings_.push_back("code page " + std::to_string(codePage) +
-                            " cannot be decoded here; reading the text as " + CodePageDisplayName(fallback));
+        AddWarning("code page " + std::to_string(codePage) + " cannot be decoded here; reading the text as " +
+                   CodePageDisplayName(fallback));
         codePage = fallback;
     }
     decoder_ = TKvCodePageDecoder(codePage);
@@ -388,9 +388,8 @@ void TDBF::ReadHeader() {
     recordCount_ = declaredCount;
     if (declaredCount > whole) {
         recordCount_ = static_cast<int64_t>(whole);
-        warnings_.push_back("the header announces " + std::to_string(declaredCount) +
-                            " records, but the file holds " + std::to_string(whole) + "; reading " +
-                            std::to_string(whole));
+        AddWarning("the header announces " + std::to_string(declaredCount) + " records, but the file holds " +
+                   std::to_string(whole) + "; reading " + std::to_string(whole));
     }
     recordCount_ = std::min<int64_t>(recordCount_, INT32_MAX);
     r.Seek(dataStart_);

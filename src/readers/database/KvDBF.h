@@ -91,8 +91,6 @@ public:
     /// to the file. For tables loaded from a stream with no file name, and for tests.
     void SetMemoStream(TStream* stream) { memoOverride_ = stream; }
 
-    /// What the last load noticed that a user should hear of (a record count cut to the file).
-    const std::vector<std::string>& Warnings() const { return warnings_; }
     /// The fields of the last load, as their descriptors declare them.
     const std::vector<TDBFField>& Fields() const { return fields_; }
     int FieldCount() const { return static_cast<int>(fields_.size()); }
@@ -134,7 +132,6 @@ private:
     TDBFMemoType memoType_ = dmDBT;
     int codePageOverride_ = 0;
     TKvCodePageDecoder decoder_;
-    std::vector<std::string> warnings_;
 
     std::string header_ = std::string(32, '\0'); ///< the 32-byte file header as read
     std::vector<TDBFField> fields_;
