@@ -12,8 +12,9 @@ hurts all of them alike.
 
 The CSV comparison includes the floor (bench/floor_import.cpp, from the bench build given by --floor) and
 DuckDB's Node client (after bench/setup.sh) when they are there; the table-to-table one includes its floor
-(bench/floor_copy.cpp, given by --floor-copy) when it is there; the dBase one includes dbview and Python's
-dbfread (after bench/setup.sh) when they are there, and leaves out kvimport while it cannot read the table.
+(bench/floor_copy.cpp, given by --floor-copy) when it is there; the dBase one includes the library's reader alone
+(bench/dbf_read.cpp, given by --dbf-read), and dbview and Python's dbfread (after bench/setup.sh) when they
+are there.
 """
 
 import argparse
@@ -238,6 +239,10 @@ def dbf_benchmark(args, work, kvimport):
     imports.append(("sqlite3 .import --csv (CSV twin)", f"rm -f {db} && sqlite3 {db} '{ACCOUNTS_SCHEMA}'",
                     f"sqlite3 {db} '.import --csv --skip 1 {data} accounts'"))
     readers = []
+    if os.path.exists(args.dbf_read):
+        readers.append(("kvimport's reader, typed values (bench/dbf_read.cpp)", "true", f"{args.dbf_read} {table}"))
+    else:
+        print(f"(no reading program: build {args.dbf_read} with the bench build)", file=sys.stderr)
     if reads:
         readers.append(("kvimport preview --rows all", "true", f"{kvimport} preview {table} --rows all > /dev/null"))
     if shutil.which("dbview"):
@@ -258,7 +263,7 @@ def dbf_benchmark(args, work, kvimport):
             args.rounds, "kvimport" if reads else imports[0][0])
     if readers:
         compare(f"{args.rows:,} dBase records read, output discarded", readers, args.rounds,
-                "kvimport" if reads else readers[0][0])
+                "kvimport's reader" if os.path.exists(args.dbf_read) else readers[0][0])
 
 
 def main():
@@ -270,6 +275,7 @@ def main():
     parser.add_argument("--baseline", help="another kvimport build to time beside this one (csv only)")
     parser.add_argument("--floor", default=os.path.join(ROOT, "build-bench", "bench", "floor_import"))
     parser.add_argument("--floor-copy", default=os.path.join(ROOT, "build-bench", "bench", "floor_copy"))
+    parser.add_argument("--dbf-read", default=os.path.join(ROOT, "build-bench", "bench", "dbf_read"))
     parser.add_argument("--work", default=os.path.join(ROOT, "out", "bench"))
     args = parser.parse_args()
     for tool in ("sqlite3", args.kvimport):
