@@ -278,7 +278,8 @@ std::string TKvImportFromCell::GetColumnFieldName(int index) const {
         for (int i = 0; i < index; ++i)
             if (SameText(Columns().Columns(i).FieldName, name)) return strField + IntToStr(index + 1);
     }
-    if (ByFieldName() || index < 0) return ColumnReference(index, false);
+    // A name brackets cannot hold (a calendar's CN="acme") is read as Field<n>.
+    if (ByFieldName() || index < 0) return ColumnReference(index, ByFieldName());
     return GetSpreadSheetColByID(index + 1);
 }
 

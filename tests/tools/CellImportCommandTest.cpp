@@ -52,6 +52,14 @@ TEST_F(CellImport, ACalendarBecomesATableOfEvents) {
     EXPECT_NE(preview.Out.find("2024-01-05 09:30:00 | Stand-up, daily"), std::string::npos) << preview.Out;
 }
 
+TEST_F(CellImport, ANameNoBracketsHoldIsReadByItsNumber) {
+    const std::string ics =
+        Write("quoted.ics", "BEGIN:VEVENT\nORGANIZER;CN=\"Doe, J\":mailto:j@x\nEND:VEVENT\n");
+    test::CliResult r = RunCli({"import", ics, "--db", db, "--table", "events", "--quiet"});
+    ASSERT_EQ(r.Status, 0) << r.Err;
+    EXPECT_EQ(SqliteQuery(db, "SELECT * FROM events"), "mailto:j@x");
+}
+
 TEST_F(CellImport, RowOptionsAndTheirLimits) {
     const std::string ics = Write("plan.ics", kCalendar);
     test::CliResult r =
