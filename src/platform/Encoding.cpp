@@ -15,17 +15,6 @@ namespace kv {
 
 namespace {
 
-const char* IconvName(TCodePage cp) {
-    switch (cp) {
-    case cpOEM437:
-        return "CP437";
-    case cpEBCDIC037:
-        return "IBM037";
-    default:
-        return "WINDOWS-1252";
-    }
-}
-
 // The UTF-8 text of every byte of a code page. Bytes the code page leaves undefined map to the control
 // character of the same number, as the system conversion does.
 struct CodePageTable {
@@ -33,37 +22,7 @@ struct CodePageTable {
     std::unordered_map<char32_t, unsigned char> reverse;
 };
 
-CodePageTable BuildTable(TCodePage cp) {
-    CodePageTable table;
-    iconv_t cd = iconv_open("UTF-8", IconvName(cp));
-    for (int b = 0; b < 256; ++b) {
-        std::string& out = table.chars[static_cast<size_t>(b)];
-        if (cd != reinterpret_cast<iconv_t>(-1)) {
-            char in = static_cast<char>(b);
-            char buffer[8];
-            char* inPtr = &in;
-            size_t inLeft = 1;
-            char* outPtr = buffer;
-            size_t outLeft = sizeof buffer;
-            iconv(cd, nullptr, nullptr, nullptr, nullptr);
-            if (iconv(cd, &inPtr, &inLeft, &outPtr, &outLeft) != static_cast<size_t>(-1) && inLeft == 0)
-                out.assign(buffer, static_cast<size_t>(outPtr - buffer));
-        }
-        if (out.empty()) out = Utf8Encode(static_cast<char32_t>(b));
-        size_t pos = 0;
-        table.reverse.emplace(Utf8Decode(out, pos), static_cast<unsigned char>(b));
-    }
-    if (cd != reinterpret_cast<iconv_t>(-1)) iconv_close(cd);
-    return table;
-}
-
-const CodePageTable& Table(TCodePage cp) {
-    static std::once_flag once[3];
-    static CodePageTable tables[3];
-    size_t index = cp <= cpEBCDIC037 ? cp : 0;
-    std::call_once(once[index], [&] { tables[index] = BuildTable(static_cast<TCodePage>(index)); });
-    return tables[index];
-}
+const CodePageTable& Table(TCodePage cp);
 
 } // namespace
 
@@ -159,6 +118,8 @@ bool IsMultiByte(int cp) {
 
 std::string IconvNameOf(int cp) {
     switch (cp) {
+    case 37:
+        return "IBM037";
     case 10000:
         return "MACINTOSH";
     case 10007:
@@ -220,6 +181,23 @@ const ByteTable* ByteTableOf(int cp) {
     auto it = tables.find(cp);
     if (it == tables.end()) it = tables.emplace(cp, BuildByteTable(cp)).first;
     return it->second.get();
+}
+
+const CodePageTable& Table(TCodePage cp) {
+    static std::once_flag once[3];
+    static CodePageTable tables[3];
+    const size_t index = cp <= cpEBCDIC037 ? cp : 0;
+    std::call_once(once[index], [&] {
+        const ByteTable* bytes = ByteTableOf(index == cpOEM437 ? 437 : index == cpEBCDIC037 ? 37 : 1252);
+        CodePageTable& table = tables[index];
+        for (int b = 0; b < 256; ++b) {
+            std::string& out = table.chars[static_cast<size_t>(b)];
+            out = bytes ? bytes->chars[static_cast<size_t>(b)] : Utf8Encode(static_cast<char32_t>(b));
+            size_t pos = 0;
+            table.reverse.emplace(Utf8Decode(out, pos), static_cast<unsigned char>(b));
+        }
+    });
+    return tables[index];
 }
 
 bool IconvKnows(int cp) {
