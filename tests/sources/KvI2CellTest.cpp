@@ -12,12 +12,12 @@ class FakeCellSource : public TKvImportFromCell {
 public:
     using TKvImportFromCell::TKvImportFromCell;
     std::function<std::unique_ptr<test::FakeCellReader>()> Make;
-    test::FakeCellReader* Last = nullptr;
+    int AfterLoads = 0; ///< of the readers made so far (a reader is freed with its run)
 
 protected:
     std::unique_ptr<TSpreadSheetFile> WorkBookCreation() override {
         auto reader = Make();
-        Last = reader.get();
+        reader->AfterLoadCounter = &AfterLoads;
         return reader;
     }
 };
@@ -74,7 +74,7 @@ TEST_F(CellSource, ASheetIsReadByLettersFromRowFirst) {
     source.Execute();
     EXPECT_EQ(Rows(), (std::vector<std::string>{"b|2", "c|3"}));
     EXPECT_EQ(source.SheetIndex(), 1);
-    EXPECT_EQ(source.Last->AfterLoadCalls, 1);
+    EXPECT_EQ(source.AfterLoads, 1);
 }
 
 TEST_F(CellSource, CaptionsNameColumnsAndMappingsUseLetters) {
@@ -100,7 +100,7 @@ TEST_F(CellSource, AnEmptySheetOrAnUnknownNameEndsTheRunAtOnce) {
     source.Mappings().Add("NAME=A");
     source.Execute();
     EXPECT_EQ(dest.RowCount(), 0);
-    EXPECT_EQ(source.Last->AfterLoadCalls, 1);
+    EXPECT_EQ(source.AfterLoads, 1);
     source.SetSheetName("Missing");
     source.Execute();
     EXPECT_EQ(source.SheetIndex(), -1);

@@ -53,7 +53,6 @@ public:
     /// column 0 is a deleted record.
     bool LoadRecord(int index) override {
         TSpreadSheetFile::LoadRecord(index);
-        ++LoadRecordCalls;
         const int record = next_++;
         bool deleted = false;
         for (const FakeCell& c : sheets_[0].Cells)
@@ -68,7 +67,9 @@ public:
         TSpreadSheetFile::BeforeLoad();
         next_ = 0;
     }
-    void AfterLoad() override { ++AfterLoadCalls; }
+    void AfterLoad() override {
+        if (AfterLoadCounter) ++*AfterLoadCounter;
+    }
     std::vector<TKvIDeclaredField> DeclaredFields() const override { return fields_; }
     int64_t RecordCount() const override {
         if (!RecordMode()) return -1;
@@ -77,8 +78,7 @@ public:
         return rows;
     }
 
-    int LoadRecordCalls = 0;
-    int AfterLoadCalls = 0;
+    int* AfterLoadCounter = nullptr; ///< counts AfterLoad calls where the test keeps it
 
 private:
     std::vector<FakeSheet> sheets_;
