@@ -392,7 +392,25 @@ void TDBF::ReadHeader() {
                    std::to_string(whole) + "; reading " + std::to_string(whole));
     }
     recordCount_ = std::min<int64_t>(recordCount_, INT32_MAX);
+    WarnOfKeptDecodings();
     r.Seek(dataStart_);
+}
+
+// Binary integers and doubles are decoded by the rule this reader has always had, which dBase 7 and
+// Visual FoxPro tables do not follow: their values then differ from the table's. The user hears of it.
+void TDBF::WarnOfKeptDecodings() {
+    const bool foxPro = version_ == FoxPro || version_ == FoxProMemo || version_ == VFP3;
+    std::string names;
+    for (const TDBFField& f : fields_) {
+        const bool differs =
+            (f.Type == 'I' && !foxPro) || (IsLevel7(version_) && (f.Type == '+' || f.Type == 'O'));
+        if (differs) names += (names.empty() ? "" : ", ") + f.Name + " (" + f.Type + ")";
+    }
+    if (!names.empty())
+        AddWarning(
+            "the binary number fields " + names +
+            " are read by the xBase rule kept for compatibility (little-endian, 0x80000000 taken off an "
+            "integer); this table's writer may have stored other values");
 }
 
 void TDBF::BeforeLoad() {
@@ -657,12 +675,20 @@ void TDBF::ReadBLOBValue(int64_t offset, int64_t, std::string& text) {
     uint64_t remaining = 0;
     if (!lengthUnknown) {
         if (!m.Has(8)) return;
-        m.Skip(4);
-        const uint32_t length = fpt ? m.ReadU32BE() : m.ReadU32LE();
+        const uint32_t signature = m.ReadU32LE();
+        uint32_t length = fpt ? m.ReadU32BE() : m.ReadU32LE();
+        // A dBase IV and later block begins FF FF 08 00 and counts these 8 bytes in its length: its text
+        // follows at once. Read by the older rule (8 more bytes skipped, the length taken as the text's),
+        // every such memo would lose its first 8 characters and gain 8 bytes of what follows it.
+        const bool counted = !fpt && signature == 0x0008FFFF;
+        if (counted) {
+            if (length <= 8) return;
+            length -= 8;
+        }
         if (length > 0 && length < memoBlockSize_) chunk = length;
         remaining = length;
         if (chunk == 0) return;
-        if (version_ == dBase4 || version_ == dBase4Memo) {
+        if (!counted && (version_ == dBase4 || version_ == dBase4Memo)) {
             if (!m.Has(8)) return;
             m.Skip(8);
         }

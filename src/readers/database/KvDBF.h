@@ -121,6 +121,7 @@ public:
 
 private:
     void ReadHeader();
+    void WarnOfKeptDecodings();
     void DecodeRecord(int row, std::string_view record);
     /// The memo file beside the table for the version and memo type; "" when there is none.
     std::string MemoFileName(std::string_view hyperSixExtension = {}) const;

@@ -372,19 +372,25 @@ TEST(DBFMemo, DBaseIIIReadsToTheTerminatorOrTheEnd) {
     EXPECT_EQ(Memos(0x83, memo, {"2"}, dmDBT, false), std::vector<std::string>{"2"});
 }
 
-TEST(DBFMemo, DBaseIVBlocksCarryTheirLengthAndSkipEightMoreBytes) {
+TEST(DBFMemo, DBaseIVBlocksCountTheirHeaderInTheirLength) {
     std::string header(512, '\0');
     header[20] = '\x00';
     header[21] = '\x01'; // 256-byte blocks
-    const std::string text = "12345678memo text";
+    const std::string text = "First memo\r\n";
     const std::string memo =
         MemoFile(header, 256,
-                 {{2, Bytes({0xFF, 0xFF, 8, 0}) + LE<uint32_t>(static_cast<uint32_t>(text.size())) + text},
-                  {3, Bytes({0xFF, 0xFF, 8, 0}) + LE<uint32_t>(1000000) + "12345678tail"}});
-    EXPECT_EQ(Memos(0x8B, memo, {"2", "3"}),
-              (std::vector<std::string>{"memo text" + std::string(8, '\0'), "tail"}));
-    // dBase VII reads the same blocks without skipping.
-    EXPECT_EQ(Memos(0x8C, memo, {"2"})[0], text);
+                 {{2, Bytes({0xFF, 0xFF, 8, 0}) + LE<uint32_t>(static_cast<uint32_t>(8 + text.size())) +
+                          text + "junk"},
+                  {3, Bytes({0xFF, 0xFF, 8, 0}) + LE<uint32_t>(1000000) + "tail"},
+                  {4, Bytes({1, 2, 3, 4}) + LE<uint32_t>(4) + "12345678rest"}});
+    for (uint8_t version : {0x8B, 0x8C}) {
+        const std::vector<std::string> memos = Memos(version, memo, {"2", "3"});
+        EXPECT_EQ(memos[0], text) << int(version);
+        EXPECT_EQ(memos[1].substr(0, 4), "tail")
+            << int(version); // a length past the file reads what is there
+    }
+    // A block without the signature keeps the older dBase IV rule: 8 more bytes skipped.
+    EXPECT_EQ(Memos(0x8B, memo, {"4"})[0], "rest");
 }
 
 TEST(DBFMemo, FptUsesBigEndianSizesAndVisualFoxProBlockNumbersAreBinary) {
