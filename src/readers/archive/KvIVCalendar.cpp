@@ -170,6 +170,8 @@ void TKvIVCalendar::BeforeLoad() {
     lines_.clear();
     next_ = 0;
     events_ = 0;
+    unreadDates_ = 0;
+    ClearWarnings();
     loaded_ = false;
 }
 
@@ -212,9 +214,19 @@ void TKvIVCalendar::DeliverProperty(int row, std::string_view name, std::string_
     Variant cell;
     size_t length;
     if (field.CellType == ictDateTime) {
-        // A value that does not fit the mask reads as far as it fits: a date alone. An empty one is no
-        // date at all, not the mask's 1899-12-30.
-        cell = Trim(value).empty() ? Variant::Null() : Variant::FromDateTime(DateTimeMask().Read(value));
+        // A date alone fits the mask (midnight). A value that holds no valid date is left empty rather
+        // than read as the mask's 1899-12-30, and the load says so once.
+        TDateTime dt = 0;
+        if (!Trim(value).empty() && DateTimeMask().TryRead(value, dt)) {
+            cell = Variant::FromDateTime(dt);
+        } else {
+            cell = Variant::Null();
+            if (!Trim(value).empty() && unreadDates_++ == 0)
+                AddWarning("event " + IntToStr(row + 1) + ": " + std::string(name) + " \"" +
+                           std::string(value.substr(0, 40)) +
+                           "\" is no date of the form yyyymmddThhnnssZ and is left empty, as is any other "
+                           "such value");
+        }
         length = Utf8Length(value);
     } else {
         std::string text = DecodeVCalendarText(value);

@@ -91,6 +91,7 @@ private:
     std::string lines_;
     size_t next_ = 0;
     int64_t events_ = 0;
+    int64_t unreadDates_ = 0; ///< date-time values that held no date
     bool loaded_ = false;
 };
 

@@ -167,12 +167,12 @@ TEST(VCalendarReader, DateTimesAreReadByTheMask) {
         {"19870405T020000", EncodeDateTime(1987, 4, 5, 2, 0, 0, 0)},
         {"20021226", EncodeDate(2002, 12, 26)},
         {"20240229T235959Z", EncodeDateTime(2024, 2, 29, 23, 59, 59, 0)},
-        // What does not fit reads as far as it does: a half that fails is 0.
-        {"20240230T120000Z", EncodeTime(12, 0, 0, 0)},
-        {"20240115T250000Z", EncodeDate(2024, 1, 15)},
-        {"2024-01-15", 0},
-        {"not a date", 0},
-        {"", -1}, // no date at all: null
+        // A value that holds no valid date is null (and the load warns), never 1899-12-30.
+        {"20240115T250000Z", EncodeDate(2024, 1, 15)}, // the date holds; the impossible time reads as 0
+        {"20240230T120000Z", -1},
+        {"2024-01-15", -1},
+        {"not a date", -1},
+        {"", -1},
     };
     for (const auto& c : cases) {
         TKvIVCalendar calendar;
@@ -185,6 +185,7 @@ TEST(VCalendarReader, DateTimesAreReadByTheMask) {
         TStringStream stream(std::string("BEGIN:VEVENT\nDTSTART:") + c.Value + "\nEND:VEVENT\n");
         calendar.LoadFromStream(stream);
         ASSERT_EQ(values.size(), 1u) << c.Value;
+        EXPECT_EQ(calendar.Warnings().size(), c.Expected < 0 && *c.Value ? 1u : 0u) << c.Value;
         if (c.Expected < 0) {
             EXPECT_TRUE(values[0].IsNull());
             continue;
