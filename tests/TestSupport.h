@@ -65,6 +65,19 @@ std::string ReadFile(const std::string& path);
 /// Runs `sql` on an SQLite file (creating it) and gives the rows as "a|b" lines joined by "\n".
 std::string SqliteQuery(const std::string& file, const std::string& sql);
 
+/// A temporary folder with an SQLite destination in it, for the tests that run the command line.
+class CliFixture : public ::testing::Test {
+protected:
+    /// Writes `bytes` to a file of the folder; gives its path.
+    std::string Write(const std::string& name, const std::string& bytes) {
+        const std::string path = dir.File(name);
+        WriteFile(path, bytes);
+        return path;
+    }
+    TempDir dir;
+    std::string db = dir.File("out.sqlite");
+};
+
 /// What a run of the command-line program gave.
 struct CliResult {
     int Status = -1;

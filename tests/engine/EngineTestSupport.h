@@ -10,6 +10,18 @@
 
 namespace kv::test {
 
+/// A table's rows as "a|b|null" lines.
+inline std::vector<std::string> RowLines(const TKvMemDataSet& table) {
+    std::vector<std::string> out;
+    for (int i = 0; i < table.RowCount(); ++i) {
+        std::string line;
+        for (const Variant& v : table.Row(i))
+            line += (line.empty() ? "" : "|") + (v.IsNull() ? "null" : v.AsString());
+        out.push_back(line);
+    }
+    return out;
+}
+
 class EngineFixture : public ::testing::Test {
 protected:
     EngineFixture() : settings_(InvariantFormatSettings()) {
@@ -32,16 +44,7 @@ protected:
         for (const auto& r : rows) source.AppendRecord(r);
     }
     /// The destination's rows as "ID|NAME|PRICE" lines.
-    std::vector<std::string> DestRows() const {
-        std::vector<std::string> out;
-        for (int i = 0; i < dest.RowCount(); ++i) {
-            std::string line;
-            for (const Variant& v : dest.Row(i))
-                line += (line.empty() ? "" : "|") + (v.IsNull() ? "null" : v.AsString());
-            out.push_back(line);
-        }
-        return out;
-    }
+    std::vector<std::string> DestRows() const { return RowLines(dest); }
     /// "Processed Added Updated Deleted Skipped Errors".
     std::string Counts() const {
         const TKvIStatistic& s = imp.Statistic();

@@ -1,6 +1,6 @@
 #include "sources/KvI2Cell.h"
 #include "TestSupport.h"
-#include "datasets/KvMemDataSet.h"
+#include "engine/EngineTestSupport.h"
 #include "platform/StringList.h"
 #include "support/FakeCellReader.h"
 
@@ -32,16 +32,7 @@ protected:
         test::WriteFile(dir.File("book"), "");
         source.SetSourceFileName(dir.File("book"));
     }
-    std::vector<std::string> Rows() const {
-        std::vector<std::string> out;
-        for (int i = 0; i < dest.RowCount(); ++i) {
-            std::string line;
-            for (const Variant& v : dest.Row(i))
-                line += (line.empty() ? "" : "|") + (v.IsNull() ? "null" : v.AsString());
-            out.push_back(line);
-        }
-        return out;
-    }
+    std::vector<std::string> Rows() const { return test::RowLines(dest); }
 
     TComponent root;
     TKvMemDataSet& dest = *new TKvMemDataSet(&root);

@@ -9,16 +9,7 @@ namespace {
 using test::RunCli;
 using test::SqliteQuery;
 
-class CellImport : public ::testing::Test {
-protected:
-    std::string Write(const std::string& name, const std::string& bytes) {
-        const std::string path = dir.File(name);
-        test::WriteFile(path, bytes);
-        return path;
-    }
-    test::TempDir dir;
-    std::string db = dir.File("out.sqlite");
-};
+using CellImport = test::CliFixture;
 
 const char* kCalendar = "BEGIN:VCALENDAR\r\n"
                         "BEGIN:VEVENT\r\n"

@@ -8,16 +8,7 @@ namespace {
 using test::RunCli;
 using test::SqliteQuery;
 
-class TextImport : public ::testing::Test {
-protected:
-    std::string Write(const std::string& name, const std::string& bytes) {
-        const std::string path = dir.File(name);
-        test::WriteFile(path, bytes);
-        return path;
-    }
-    test::TempDir dir;
-    std::string db = dir.File("out.sqlite");
-};
+using TextImport = test::CliFixture;
 
 TEST_F(TextImport, ACommonCsvNeedsNoOptions) {
     const std::string csv =
