@@ -175,9 +175,11 @@ bool TKvImportFromCell::LoadRecord() {
 }
 
 void TKvImportFromCell::ReadRows(int64_t count,
-                                 const std::function<void(const std::vector<Variant>& values)>& row) {
+                                 const std::function<void(const std::vector<Variant>& values)>& row,
+                                 const std::function<void(TSpreadSheetFile& reader)>& opened) {
     BeforeImport();
     try {
+        if (opened) opened(*workBook_);
         Columns().Clear();
         DetectAutoMapping();
         std::vector<Variant> values(static_cast<size_t>(Columns().Count()));

@@ -35,8 +35,10 @@ public:
     /// Opens the source as a run would, hands the reader to `inspect`, and closes it again.
     void Inspect(const std::function<void(TSpreadSheetFile& reader)>& inspect);
     /// Describes the columns (into Columns) and hands the values of up to `count` rows to `row`, one row
-    /// at a time, the way a run would read them (deleted records skipped unless LoadRowStatutes says).
-    void ReadRows(int64_t count, const std::function<void(const std::vector<Variant>& values)>& row);
+    /// at a time, the way a run would read them (deleted records skipped unless LoadRowStatutes says);
+    /// `opened`, when given, sees the reader first.
+    void ReadRows(int64_t count, const std::function<void(const std::vector<Variant>& values)>& row,
+                  const std::function<void(TSpreadSheetFile& reader)>& opened = nullptr);
 
     std::string GetColumnFieldName(int index) const override;
     void LoadSpecificationFromStrings(const TStringList& list) override;

@@ -43,18 +43,18 @@ CellSource::CellSource(TKvImportFromCell* component, std::string specificationNa
 }
 
 void CellSource::Preview(int64_t rows, const PreviewRow& row) {
-    component_->Inspect([this](TSpreadSheetFile& reader) {
-        properties_ = reader.FileProperties();
-        declared_ = reader.DeclaredFields();
-    });
     std::vector<std::string> texts;
-    component_->ReadRows(rows, [&](const std::vector<Variant>& values) {
-        texts.clear();
-        for (const Variant& v : values) texts.push_back(PreviewText(v));
-        row(texts);
-    });
-    // A reader that learns its fields as it reads (a calendar) knows them all only now.
-    component_->Inspect([this](TSpreadSheetFile& reader) { properties_ = reader.FileProperties(); });
+    component_->ReadRows(
+        rows,
+        [&](const std::vector<Variant>& values) {
+            texts.clear();
+            for (const Variant& v : values) texts.push_back(PreviewText(v));
+            row(texts);
+        },
+        [this](TSpreadSheetFile& reader) {
+            properties_ = reader.FileProperties();
+            declared_ = reader.DeclaredFields();
+        });
 }
 
 std::string CellSource::ColumnNote(int index) const {
