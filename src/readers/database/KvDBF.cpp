@@ -1,5 +1,7 @@
 #include "readers/database/KvDBF.h"
 
+#include "platform/Utf8.h"
+
 #include "platform/AllocationGuard.h"
 #include "platform/BinaryReader.h"
 #include "platform/ByteReader.h"
@@ -328,7 +330,23 @@ void TDBF::ReadHeader() {
     int codePage = codePageOverride_;
     if (codePage == 0) codePage = LanguageDriverCodePage(driver);
     if (codePage == 0 && level7) codePage = DriverNameCodePage(driverName.substr(0, driverName.find('\0')));
-    if (codePage == 0) codePage = 1252;
+    if (codePage == 0) {
+        // A table that names no code page is Windows-1252, unless its records read as UTF-8 with letters
+        // beyond ASCII: such a table was written in UTF-8, and reading it as 1252 would change every one.
+        const uint64_t back = r.Position();
+        r.Seek(base + headerSize);
+        const bool cut = r.Remaining() > 64 * 1024;
+        std::string sample = r.ReadBytes(static_cast<size_t>(std::min<uint64_t>(r.Remaining(), 64 * 1024)));
+        r.Seek(back);
+        // A character the sample's end cuts in two is left out.
+        for (int i = 0; cut && i < 4 && !sample.empty() && (static_cast<unsigned char>(sample.back()) & 0x80);
+             ++i) {
+            const bool lead = (static_cast<unsigned char>(sample.back()) & 0xC0) == 0xC0;
+            sample.pop_back();
+            if (lead) break;
+        }
+        codePage = !IsAscii(sample) && IsValidUtf8(sample) ? kCodePageUtf8 : 1252;
+    }
     if (!CodePageAvailable(codePage)) {
         // The Polish DOS code pages iconv lacks read best as their neighbour with the same letters.
         const int fallback = codePage == 620 || codePage == 895 ? 852 : 1252;
