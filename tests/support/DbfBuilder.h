@@ -21,11 +21,11 @@ struct Field {
 struct Table {
     uint8_t Version = 0x03;
     uint8_t Driver = 0;
-    std::vector<Field> Fields;
-    std::vector<std::string> Records;
-    std::optional<uint32_t> Count;      ///< the header's record count, when it should lie
-    std::optional<uint16_t> HeaderSize; ///< likewise
-    std::optional<uint16_t> RecordSize;
+    std::vector<Field> Fields{};
+    std::vector<std::string> Records{};
+    std::optional<uint32_t> Count{};      ///< the header's record count, when it should lie
+    std::optional<uint16_t> HeaderSize{}; ///< likewise
+    std::optional<uint16_t> RecordSize{};
     std::string DriverName = "DBWINUS0"; ///< level 7 only
     bool Pad = true;                     ///< fill the header up to its size
 
