@@ -341,15 +341,17 @@ TEST(DBFCodePage, TextAndNamesDecodeFromTheLanguageDriverOrTheOverride) {
         std::string Bytes;
         const char* Text;
         int CodePage;
-    } cases[] = {{0x26, 0, "\x8F\xE0\xA8\xA2\xA5\xE2", "Привет", 866},
-                 {0x65, 0, "\x8F\xE0\xA8\xA2\xA5\xE2", "Привет", 866},
-                 {0xC9, 0, "\xCF\xF0\xE8\xE2\xE5\xF2", "Привет", 1251},
-                 {0x01, 0, "\x84\x94\x81\xE1\xC9\xCD", "äöüß╔═", 437},
-                 {0x00, 0, "caf\xE9  ", "café  ", 1252},
-                 {0xF0, 0, "caf\xE9  ", "café  ", 1252}, // unknown
-                 {0x03, 866, "\x8F\xE0\xA8\xA2\xA5\xE2", "Привет", 866},
-                 {0x03, 65001, "caf\xC3\xA9 ", "café ", 65001},
-                 {0x13, 0, "\x93\xFA\x96\x7B", "日本", 932}};
+    } cases[] = {
+        {0x26, 0, "\x8F\xE0\xA8\xA2\xA5\xE2", "Привет", 866},
+        {0x65, 0, "\x8F\xE0\xA8\xA2\xA5\xE2", "Привет", 866},
+        {0xC9, 0, "\xCF\xF0\xE8\xE2\xE5\xF2", "Привет", 1251},
+        {0x01, 0, "\x84\x94\x81\xE1\xC9\xCD", "äöüß╔═", 437},
+        {0x00, 0, "caf\xE9  ", "café  ", 1252},
+        {0xF0, 0, "caf\xE9  ", "café  ", 1252},    // unknown
+        {0x00, 0, "caf\xC3\xA9 ", "café ", 65001}, // no code page named, and the records read as UTF-8
+        {0x03, 866, "\x8F\xE0\xA8\xA2\xA5\xE2", "Привет", 866},
+        {0x03, 65001, "caf\xC3\xA9 ", "café ", 65001},
+        {0x13, 0, "\x93\xFA\x96\x7B", "日本", 932}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.Text);
         TDBF dbf;
@@ -537,7 +539,8 @@ TEST(DBFCorpus, FieldsAndValuesMatchWhatTheSourcesRecord) {
     Corpus cp1251("cp1251.dbf");
     EXPECT_EQ(cp1251.Dbf.CodePage(), 1251);
     EXPECT_EQ(cp1251.Text(1, 1).substr(0, 20), "больничное");
-    EXPECT_EQ(Corpus("dbase_03_cyrillic.dbf", dmDBT, false, kCodePageUtf8).Names(), "ШАР,ПЛОЩА");
+    EXPECT_EQ(Corpus("dbase_03_cyrillic.dbf").Names(),
+              "ШАР,ПЛОЩА"); // UTF-8 under a driver byte of no code page
 
     Corpus pr90("pr90.dbf");
     EXPECT_EQ(pr90.Dbf.Fields()[3].Length, 300); // wide character field
