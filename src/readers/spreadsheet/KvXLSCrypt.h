@@ -24,11 +24,14 @@ public:
     virtual TKvBIFFEncryption Kind() const = 0;
     /// What a user is told of the scheme: "XOR obfuscation", "RC4, 40-bit key", "RC4 CryptoAPI, 128-bit key".
     virtual std::string Description() const = 0;
-    /// True when `password` (UTF-8) opens the workbook; the decryptor is then keyed with it.
+    /// True when `password` (UTF-8) opens the workbook; the decryptor is then keyed with it. XOR takes the
+    /// password in Windows-1252 (1 to 15 bytes), RC4 in UTF-16 (at most 255 code units); a password outside
+    /// those limits is refused. A wrong password raises nothing and leaves the decryptor as it was.
     virtual bool Verify(const std::string& password) = 0;
     /// Decrypts in place the data of a record of type `recordType` whose data begins at `streamOffset` in
     /// the workbook stream (just after its 4-byte header). Records that are never encrypted (BOF, FILEPASS,
-    /// ...) and the stream position field of BOUNDSHEET are left as they are.
+    /// ...) and the stream position field of BOUNDSHEET are left as they are. Records may come in any
+    /// order. Called before a password was verified, raises Exception.
     virtual void DecryptRecord(uint16_t recordType, uint64_t streamOffset, char* data, size_t size) = 0;
 };
 
