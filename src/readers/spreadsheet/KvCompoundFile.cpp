@@ -1,6 +1,5 @@
 #include "readers/spreadsheet/KvCompoundFile.h"
 
-#include "platform/AllocationGuard.h"
 #include "platform/BinaryReader.h"
 #include "platform/ByteReader.h"
 #include "platform/ChainWalker.h"
@@ -31,8 +30,8 @@ constexpr uint32_t kFatSect = 0xFFFFFFFD;
 constexpr uint32_t kEndOfChain = 0xFFFFFFFE;
 constexpr uint32_t kFreeSect = 0xFFFFFFFF;
 constexpr uint32_t kNoStream = 0xFFFFFFFF;
-// Our own marks in the FAT for links we could not read, reported only when a chain needs them: the
-// reserved value 0xFFFFFFFB is never a link of a sound file.
+// Our own mark in the FAT for a link we could not read (its FAT sector lies past the end of the file),
+// reported only when a chain needs it: the reserved value 0xFFFFFFFB is never a link of a sound file.
 constexpr uint32_t kLinkPastEnd = 0xFFFFFFFB;
 
 /// A table of links (the FAT or the mini FAT) with, for every link, how many distinct links its chain
@@ -187,7 +186,9 @@ struct TKvCompoundFile::TImpl {
                                     " sectors)");
         return v;
     }
-    /// The first `limit` links of the FAT chain from `start` (the whole chain when it ends sooner).
+    /// The first `limit` links of the FAT chain from `start` (the whole chain when it ends sooner). The
+    /// walk is not disjoint from the others: a file whose streams' chains overlap (one of the corpus's)
+    /// still reads when every stream's own chain is sound, which is what its user wants.
     std::vector<uint32_t> FatChain(uint32_t start, uint64_t startOffset, uint64_t limit,
                                    const char* what) const {
         std::vector<uint32_t> chain;

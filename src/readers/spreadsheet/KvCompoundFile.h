@@ -2,6 +2,14 @@
 // TKvCompoundFile: our reader of the compound file binary format, the small FAT file system inside one
 // file that holds the streams of Office 97-2003 documents. It knows nothing of what the streams hold.
 // Every link, size and offset read from the file is checked before it is followed or allocated.
+//
+// What is damage, and when it is raised: the header, the FAT and the directory tree are read when the file
+// is opened, so a bad header, a DIFAT or directory chain that loops or leaves the FAT, and a directory
+// whose links form a cycle (an entry reached twice) fail the constructor. A stream's own chain is followed
+// when the stream is read, and only as far as its size needs: a loop, a bad link or a size larger than
+// the chain fails that stream alone (and the mini FAT, the streams in the mini stream). Chains of
+// different streams may share sectors: each is checked on its own. A link to a sector past the end of a
+// truncated file is a truncation error (fekTruncated); a last sector cut short reads as far as it goes.
 
 #include "platform/Streams.h"
 
@@ -49,7 +57,8 @@ public:
     /// The entry at `path` ("Workbook", "_VBA_PROJECT_CUR/VBA/dir"), names compared without regard to
     /// case; nullptr when there is none.
     const TKvCompoundEntry* Find(std::string_view path) const;
-    /// The bytes of a stream entry.
+    /// The bytes of a stream entry (or of the root: the mini stream). Damage to its chain, or a declared
+    /// size its chain cannot hold, raises EKvFormatError.
     std::string ReadStream(const TKvCompoundEntry& entry) const;
     /// A read-only, seekable stream over a stream entry that reads sector by sector as it is asked;
     /// valid while this object lives.
