@@ -1,0 +1,322 @@
+#include "readers/spreadsheet/KvXLS.h"
+
+#include "platform/ByteReader.h"
+#include "platform/DateUtils.h"
+#include "platform/Exceptions.h"
+#include "platform/Format.h"
+#include "platform/SysUtils.h"
+#include "platform/Utf8.h"
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+
+namespace kv {
+
+std::string strXLSNotExcelFile = "File is not an Excel file";
+std::string strXLSNotValidWorkbook = "File is not valid Excel Workbook";
+std::string strXLSPasswordProtected = "Could not read the password protected file";
+std::string strXLSContinueNotFound = "CONTINUE record is not found in the stream";
+std::string strXLSSSTOptionsUnhandled = "String in SST (Options byte is 0x%.2x) can not be processed.";
+
+namespace {
+
+struct BuiltInFormat {
+    int Number;
+    const char* Text;
+};
+
+constexpr BuiltInFormat kBuiltInFormats[] = {
+    {0, "General"},
+    {1, "0"},
+    {2, "0.00"},
+    {3, "#,##0"},
+    {4, "#,##0.00"},
+    {5, "($#,##0_);($#,##0)"},
+    {6, "($#,##0_);[Red]($#,##0)"},
+    {7, "($#,##0.00_);($#,##0.00)"},
+    {8, "($#,##0.00_);[Red]($#,##0.00)"},
+    {9, "0%"},
+    {10, "0.00%"},
+    {11, "0.00E+00"},
+    {12, "# ?/?"},
+    {13, "# ?"
+         "?/?"
+         "?"},
+    {14, "m/d/yy"},
+    {15, "d-mmm-yy"},
+    {16, "d-mmm"},
+    {17, "mmm-yy"},
+    {18, "h:mm AM/PM"},
+    {19, "h:mm:ss AM/PM"},
+    {20, "h:mm"},
+    {21, "h:mm:ss"},
+    {22, "m/d/yy h:mm"},
+    {37, "(#,##0_);(#,##0)"},
+    {38, "(#,##0_);[Red](#,##0)"},
+    {39, "(#,##0.00_);(#,##0.00)"},
+    {40, "(#,##0.00_);[Red](#,##0.00)"},
+    {41, "_(* #,##0_);_(* (#,##0);_(* \"-\"_);_(@_)"},
+    {42, "_($* #,##0_);_($* (#,##0);_($* \"-\"_);_(@_)"},
+    {43, "_(* #,##0.00_);_(* (#,##0.00);_(* \"-\"?"
+         "?_);_(@_)"},
+    {44, "_($* #,##0.00_);_($* (#,##0.00);_($* \"-\"?"
+         "?_);_(@_)"},
+    {45, "mm:ss"},
+    {46, "[h]:mm:ss"},
+    {47, "mm:ss.0"},
+    {48, "##0.0E+0"},
+    {49, "@"},
+};
+
+/// LF becomes CR LF, so that a cell reads as the user saw it; a CR LF already there stays as it is.
+std::string WithCrLf(const std::string& text) {
+    if (text.find('\n') == std::string::npos) return text;
+    std::string out;
+    out.reserve(text.size() + 8);
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '\n' && (i == 0 || text[i - 1] != '\r')) out.push_back('\r');
+        out.push_back(text[i]);
+    }
+    return out;
+}
+
+} // namespace
+
+// ---- TCustomMSExcel ----
+
+TCustomMSExcel::TCustomMSExcel(TComponent* owner) : TSpreadSheetFile(owner) {}
+
+TCustomMSExcel::~TCustomMSExcel() = default;
+
+void TCustomMSExcel::ApplyEvents() {
+    TSpreadSheetFile::ApplyEvents();
+    names_.clear();
+    sharedFormulas_.clear();
+    sharedObjects_.clear();
+    objectsInSheet_.clear();
+    vbaItems_.clear();
+    formats_.clear();
+    xfFormats_.clear();
+    xfAligns_.clear();
+    EnterBuiltInFormats();
+}
+
+void TCustomMSExcel::EnterBuiltInFormats() {
+    for (const BuiltInFormat& f : kBuiltInFormats) SetFormat(f.Number, f.Text);
+}
+
+void TCustomMSExcel::SetFormat(int number, std::string format) {
+    TXLSFormat& entry = formats_[number];
+    entry.Number = number;
+    entry.Format = std::move(format);
+}
+
+const TXLSFormat* TCustomMSExcel::FormatByNumber(int number) const {
+    const auto it = formats_.find(number);
+    return it == formats_.end() ? nullptr : &it->second;
+}
+
+int TCustomMSExcel::FormatNumberOfXF(int xf) const {
+    if (xf < 0) return -1;
+    return static_cast<size_t>(xf) < xfFormats_.size() ? xfFormats_[static_cast<size_t>(xf)] : xf;
+}
+
+std::string TCustomMSExcel::GetErrorText(int code) {
+    switch (code) {
+    case 0:
+        return "#NULL!";
+    case 7:
+        return "#DIV/0!";
+    case 15:
+        return "#VALUE!";
+    case 23:
+        return "#REF!";
+    case 29:
+        return "#NAME?";
+    case 36:
+        return "#NUM!";
+    case 42:
+        return "#N/A";
+    default:
+        return "Unknown error code " + IntToStr(code);
+    }
+}
+
+bool TCustomMSExcel::ValueIsDateTime(int xf) const {
+    const int number = FormatNumberOfXF(xf);
+    if (number < 1) return false;
+    const TXLSFormat* format = FormatByNumber(number);
+    if (!format) return false;
+    const std::string lower = LowerCase(format->Format);
+    return lower.find("dd") != std::string::npos || lower.find("mm") != std::string::npos ||
+           lower.find("yy") != std::string::npos;
+}
+
+bool TCustomMSExcel::ValueIsPercent(int xf) const {
+    const int number = FormatNumberOfXF(xf);
+    if (number < 1) return false;
+    const TXLSFormat* format = FormatByNumber(number);
+    return format && format->Format.find('%') != std::string::npos;
+}
+
+TAlignment TCustomMSExcel::GetXLSAlignment(uint8_t attribute) {
+    switch (attribute & 0x07) {
+    case 2:
+        return taCenter;
+    case 3:
+        return taRightJustify;
+    default:
+        return taLeftJustify;
+    }
+}
+
+void TCustomMSExcel::ReportCell(int row, int column, int xf, Variant value, TAlignment alignment,
+                                TKvICellType type) {
+    if (type == ictString && value.IsString()) value = Variant(WithCrLf(value.AsString()));
+    if (OnCellValue) OnCellValue(this, sheetIndex_, row, column, xf, value, alignment, type);
+    highestRow_ = std::max(highestRow_, row);
+    highestColumn_ = std::max(highestColumn_, column);
+}
+
+void TCustomMSExcel::ReportNumber(int row, int column, int xf, double value, const TAlignment* alignment) {
+    const TAlignment align = alignment ? *alignment
+                             : xf >= 0 && static_cast<size_t>(xf) < xfAligns_.size()
+                                 ? xfAligns_[static_cast<size_t>(xf)]
+                                 : taLeftJustify;
+    if (ValueIsDateTime(xf)) {
+        ReportCell(row, column, xf, Variant::FromDateTime(value + dateOffset_), align, ictDateTime);
+    } else {
+        // Deliberately what the user saw: 25 for a cell shown as 25%.
+        if (ValueIsPercent(xf)) value *= 100;
+        ReportCell(row, column, xf, Variant(value), align, ictDecimal);
+    }
+}
+
+std::vector<std::pair<std::string, std::string>> TCustomMSExcel::FileProperties() const {
+    std::vector<std::pair<std::string, std::string>> out;
+    const auto add = [&](const char* label, const std::string& text) {
+        if (!text.empty()) out.emplace_back(label, text);
+    };
+    const auto addDate = [&](const char* label, TDateTime value) {
+        if (value != 0) out.emplace_back(label, FormatDateTime("yyyy-mm-dd hh:nn:ss", value));
+    };
+    add("Title", summary_.Title());
+    add("Subject", summary_.Subject());
+    add("Author", summary_.Author());
+    add("Last saved by", summary_.LastAuthor());
+    add("Company", summary_.Company());
+    add("Application", summary_.AppName());
+    addDate("Created", summary_.Created());
+    addDate("Last saved", summary_.LastSaved());
+    return out;
+}
+
+// ---- TMSExcelX ----
+
+bool TMSExcelX::ServesExtension(std::string_view extension) {
+    static const char* const kExtensions[] = {".XLSX", ".XLSM", ".XLTX", ".XLTM", ".XLAX",
+                                              ".XLAM", ".XLSB", ".XLTB", ".XLAB"};
+    const std::string upper = UpperCase(extension);
+    return std::any_of(std::begin(kExtensions), std::end(kExtensions),
+                       [&](const char* e) { return upper == e; });
+}
+
+void TMSExcelX::LoadFromFile(const std::string& fileName) {
+    TSpreadSheetFile::LoadFromFile(fileName);
+    const std::string extension = UpperCase(std::filesystem::path(fileName).extension().string());
+    SetVersion(extension == ".XLSB" || extension == ".XLTB" || extension == ".XLAB" ? evExcel12Bin
+                                                                                    : evExcel12);
+    TFileStream file(fileName, fmOpenRead | fmShareDenyWrite);
+    file.Seek(0, soBeginning);
+    LoadFromStream(file);
+}
+
+void TMSExcelX::LoadFromStream(TStream& stream) {
+    TSpreadSheetFile::LoadFromStream(stream);
+    summary_.Clear();
+    // The workbook's parts are not unpacked yet: the load ends with the formats ready and no sheets.
+}
+
+void TMSExcelX::EnterBuiltInFormats() {
+    TCustomMSExcel::EnterBuiltInFormats();
+    // This reader's format 8 has no opening parenthesis; kept, since saved results depend on it.
+    SetFormat(8, "$#,##0.00_);[Red]($#,##0.00)");
+}
+
+void TMSExcelX::UnZipAndLoadBinaryXML(const std::string&) {}
+void TMSExcelX::UnZipVBProjectAndLoad(const std::string&) {}
+void TMSExcelX::UnZipStyles(const std::string&) {}
+void TMSExcelX::UnZipProp(const std::string&, int, const std::string&, const std::string&,
+                          std::vector<std::string>&) {}
+
+void TMSExcelX::ProcessBIFF12Record(TStream& stream) {
+    // A record is a type and a size, each 7 bits a byte with the high bit set while more follow.
+    const auto readVarint = [&](int maxBytes, uint32_t& value) {
+        value = 0;
+        for (int i = 0; i < maxBytes; ++i) {
+            uint8_t b = 0;
+            if (stream.Read(&b, 1) != 1) return false;
+            value |= static_cast<uint32_t>(b & 0x7F) << (7 * i);
+            if (!(b & 0x80)) return true;
+        }
+        return true;
+    };
+    uint32_t type = 0, size = 0;
+    if (!readVarint(2, type) || !readVarint(4, size)) return;
+    if (size > 0x100000)
+        throw EKvFormatError(fekDamaged, "Excel binary workbook", 0, "a record claims more than 1 MiB");
+    std::string data(size, '\0');
+    stream.ReadBuffer(data.data(), size);
+    TByteReader in(data, "Excel binary workbook");
+    try {
+        switch (type) {
+        case 0x00: // BrtRowHdr: the row of the cells that follow
+            binaryRow_ = static_cast<int>(in.ReadU32LE());
+            break;
+        case 0x02: // BrtCellRk
+        case 0x03: // BrtCellError
+        case 0x04: // BrtCellBool
+        case 0x05: // BrtCellReal
+        case 0x06: // BrtCellSt
+        {
+            const int column = static_cast<int>(in.ReadU32LE());
+            const int xf = static_cast<int>(in.ReadU32LE() & 0xFFFFFF);
+            const TAlignment align = taLeftJustify;
+            if (type == 0x02) {
+                ReportNumber(binaryRow_, column, xf, KvDecodeRK(in.ReadU32LE()), &align);
+            } else if (type == 0x05) {
+                ReportNumber(binaryRow_, column, xf, in.ReadDoubleLE(), &align);
+            } else if (type == 0x04) {
+                ReportCell(binaryRow_, column, xf, Variant(in.ReadU8() != 0), align, ictBoolean);
+            } else if (type == 0x03) {
+                ReportCell(binaryRow_, column, xf, Variant(GetErrorText(in.ReadU8())), align, ictString);
+            } else {
+                const uint32_t count = in.ReadU32LE();
+                const std::string_view bytes = in.ReadBytes(in.CheckedSize(count, 2, "the characters"));
+                ReportCell(binaryRow_, column, xf, Variant(Utf16ToUtf8(bytes, false)), align, ictString);
+            }
+            break;
+        }
+        default:
+            break;
+        }
+    } catch (const EKvFormatError&) {
+        // A short record reports nothing.
+    }
+}
+
+// ---- helpers shared by both ----
+
+double KvDecodeRK(uint32_t rk) {
+    double value;
+    if (rk & 0x02) {
+        value = static_cast<double>(static_cast<int32_t>(rk & 0xFFFFFFFC) >> 2);
+    } else {
+        const uint64_t bits = static_cast<uint64_t>(rk & 0xFFFFFFFC) << 32;
+        std::memcpy(&value, &bits, sizeof value);
+    }
+    return rk & 0x01 ? value / 100 : value;
+}
+
+} // namespace kv

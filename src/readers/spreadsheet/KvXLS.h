@@ -1,0 +1,253 @@
+#pragma once
+// TMSExcel reads Excel workbooks in the BIFF record format of every generation, from bare Excel 2-4
+// worksheet streams to Excel 97-2003 workbooks in a compound file, and reports their sheets and cells
+// through the cell reader's events. TMSExcelX is its sibling for the XML workbook extensions: it
+// identifies the variant and prepares the formats, and delivers no cells yet.
+
+#include "cells/KvCells.h"
+#include "readers/spreadsheet/KvI_Sum.h"
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kv {
+
+class TKvBinaryReader;
+class TKvBIFFDecryptor;
+class TKvCompoundFile;
+
+// The reader's own texts.
+extern std::string strXLSNotExcelFile;      // "File is not an Excel file"
+extern std::string strXLSNotValidWorkbook;  // "File is not valid Excel Workbook"
+extern std::string strXLSPasswordProtected; // "Could not read the password protected file"
+extern std::string strXLSContinueNotFound;  // "CONTINUE record is not found in the stream"
+extern std::string
+    strXLSSSTOptionsUnhandled; // "String in SST (Options byte is 0x%.2x) can not be processed."
+
+enum TExcelVersion : uint8_t {
+    evUnknown,
+    evExcel2,
+    evExcel3,
+    evExcel4,
+    evExcel5,
+    evExcel7,
+    evExcel8,
+    evExcel9,
+    evExcel12,
+    evExcel12Bin
+};
+
+/// A number format and the attributes kept with it.
+struct TXLSFormat {
+    std::string Format;
+    int Number = 0;
+    TAlignment Alignment = taLeftJustify;
+    int FontIndex = -1;
+    int Color = -1;
+};
+
+/// A defined name as the workbook keeps it (the formula is not evaluated).
+struct TXLSName {
+    std::string Name;
+    int SheetIndex = -1; ///< the sheet a local name belongs to; -1 for the workbook
+    std::string Formula; ///< the raw parsed-formula bytes
+};
+
+struct TXLSSharedFormula {
+    int FirstRow = 0, LastRow = 0, FirstCol = 0, LastCol = 0;
+    std::string Formula;
+};
+
+/// A drawing object (OBJ) or drawing data (MSODRAWING...) kept as its bytes.
+struct TXLSSharedObject {
+    uint16_t RecordType = 0;
+    std::string Data;
+};
+
+struct TXLSObjectInSheet {
+    int SheetIndex = 0;
+    uint16_t ObjectType = 0;
+    uint16_t ObjectId = 0;
+};
+
+/// A macro module of the workbook's project (its name; the source is not decompressed).
+struct TVBAProjectItem {
+    std::string Name;
+    uint64_t Size = 0;
+};
+
+/// A sheet as the workbook lists it.
+struct TXLSSheetInfo {
+    std::string Name;
+    uint32_t StreamPosition = 0; ///< where its BOF lies in the workbook stream
+    uint8_t Visibility = 0;      ///< 0 visible, 1 hidden, 2 very hidden
+    uint8_t Type = 0;            ///< 0 worksheet, 1 macro sheet, 2 chart, 6 macro module
+    int Rows = -1;               ///< the used area once the sheet was read (-1: not known)
+    int Columns = -1;
+};
+
+/// What both Excel readers share: the format table, the date and percent tests, the error texts and
+/// the summary information.
+class TCustomMSExcel : public TSpreadSheetFile {
+public:
+    explicit TCustomMSExcel(TComponent* owner = nullptr);
+    ~TCustomMSExcel() override;
+
+    TKvISummaryInformation& SummaryInformation() { return summary_; }
+    const TKvISummaryInformation& SummaryInformation() const { return summary_; }
+    TExcelVersion Version() const { return version_; }
+    void SetVersion(TExcelVersion v) { version_ = v; }
+    /// The sheet being read, passed as sheetNo in every event.
+    int SheetIndex() const { return sheetIndex_; }
+    void SetSheetIndex(int v) { sheetIndex_ = v; }
+    /// Also read the names of the workbook's macro modules.
+    bool ParseVBA() const { return parseVBA_; }
+    void SetParseVBA(bool v) { parseVBA_ = v; }
+
+    /// Hooks the storing handlers, clears names, shared formulas, drawing objects, macro modules and
+    /// formats, and enters the built-in formats.
+    void ApplyEvents() override;
+
+    /// The text of a BOOLERR or formula error code: "#DIV/0!", ... or "Unknown error code N".
+    static std::string GetErrorText(int code);
+    /// The format of cell style `xf` says date or time ("dd", "mm" or "yy" in it).
+    bool ValueIsDateTime(int xf) const;
+    /// The format of cell style `xf` holds "%".
+    bool ValueIsPercent(int xf) const;
+    /// The alignment of the horizontal alignment bits of an attribute byte.
+    static TAlignment GetXLSAlignment(uint8_t attribute);
+
+    /// The format entered under `number`, or nullptr.
+    const TXLSFormat* FormatByNumber(int number) const;
+    /// The format number cell style `xf` uses, or -1.
+    int FormatNumberOfXF(int xf) const;
+    const std::vector<TXLSName>& Names() const { return names_; }
+    const std::vector<TVBAProjectItem>& VBAProject() const { return vbaItems_; }
+    /// The date value the workbook's serial 0 stands for: 0, or 1 January 1904 in the 1904 system.
+    double DateOffset() const { return dateOffset_; }
+
+    std::vector<std::pair<std::string, std::string>> FileProperties() const override;
+    std::string ClassName() const override { return "TCustomMSExcel"; }
+
+protected:
+    /// The built-in formats, before any FORMAT record.
+    virtual void EnterBuiltInFormats();
+    void SetFormat(int number, std::string format);
+    /// Reports one cell: LF becomes CR LF in text, then OnCellValue; the highest row and column grow.
+    void ReportCell(int row, int column, int xf, Variant value, TAlignment alignment, TKvICellType type);
+    /// Reports a number cell as a date, a percent (times 100) or a decimal by its style.
+    void ReportNumber(int row, int column, int xf, double value, const TAlignment* alignment);
+
+    TKvISummaryInformation summary_;
+    TExcelVersion version_ = evUnknown;
+    int sheetIndex_ = 0;
+    bool parseVBA_ = false;
+
+    std::map<int, TXLSFormat> formats_;
+    std::vector<int> xfFormats_;       ///< the format number of each cell style
+    std::vector<TAlignment> xfAligns_; ///< and its alignment
+    std::vector<TXLSName> names_;
+    std::vector<TXLSSharedFormula> sharedFormulas_;
+    std::vector<TXLSSharedObject> sharedObjects_;
+    std::vector<TXLSObjectInSheet> objectsInSheet_;
+    std::vector<TVBAProjectItem> vbaItems_;
+    double dateOffset_ = 0;
+    int highestRow_ = -1;
+    int highestColumn_ = -1;
+};
+
+/// The BIFF reader.
+class TMSExcel : public TCustomMSExcel {
+public:
+    /// Asked for another password while the one tried is refused; clearing `continueAsking` gives up.
+    using TPasswordEvent = std::function<void(TObject* sender, std::string& password, bool& continueAsking)>;
+
+    explicit TMSExcel(TComponent* owner = nullptr);
+    ~TMSExcel() override;
+    TMSExcel(const TMSExcel&) = delete;
+    TMSExcel& operator=(const TMSExcel&) = delete;
+
+    const std::string& Password() const { return password_; }
+    void SetPassword(std::string v) { password_ = std::move(v); }
+    TPasswordEvent OnPassword;
+
+    /// The password workbooks are encrypted with when their author set none; tried first.
+    static constexpr const char* kDefaultPassword = "VelvetSweatshop";
+
+    void LoadFromFile(const std::string& fileName) override;
+    void LoadFromStream(TStream& stream) override;
+    /// The last load met a FILEPASS record.
+    bool IsEncrypted() override { return encrypted_; }
+    /// The largest record the current workbook may hold.
+    int GetMaxBuffSize() const;
+    /// For an encrypted workbook being loaded: tries the default password, Password, then asks OnPassword
+    /// while it goes on; true when one opens the workbook (a password asked for is then Password).
+    bool AskValidPassword();
+
+    /// The sheets of the last load: those the workbook lists, or the one of a bare worksheet stream.
+    const std::vector<TXLSSheetInfo>& Sheets() const { return sheets_; }
+    /// How the last load's workbook was encrypted ("" when it was not).
+    const std::string& EncryptionDescription() const { return encryptionText_; }
+    /// The BIFF generation of the last load: 2, 3, 4, 5 (Excel 5 and 95) or 8 (Excel 97-2003); 0 before.
+    int Generation() const { return generation_; }
+    /// The code page of 8-bit text (from the CODEPAGE record; 1252 when there is none).
+    int CodePage() const { return codePage_; }
+
+    std::vector<std::pair<std::string, std::string>> FileProperties() const override;
+    std::string ClassName() const override { return "TMSExcel"; }
+
+private:
+    struct TLoad;
+    void ReadCompound(TStream& stream);
+    void ReadRecords(TStream& stream, bool bare);
+    void ReadVBA(const TKvCompoundFile& file);
+
+    std::string password_;
+    bool encrypted_ = false;
+    std::string encryptionText_;
+    int maxRecordSize_ = 0; ///< fixed by the compound path's stream name; 0 on the bare path
+    int codePage_ = 1252;
+    int generation_ = 0; ///< 2, 3, 4, 5 or 8: the BIFF generation the records are laid out in
+    std::vector<TXLSSheetInfo> sheets_;
+    std::unique_ptr<TKvBIFFDecryptor> decryptor_; ///< of the workbook being loaded, once FILEPASS is met
+};
+
+/// The XML workbook reader: recognises the variant by its extension and prepares the formats.
+class TMSExcelX : public TCustomMSExcel {
+public:
+    explicit TMSExcelX(TComponent* owner = nullptr) : TCustomMSExcel(owner) {}
+
+    void LoadFromFile(const std::string& fileName) override;
+    void LoadFromStream(TStream& stream) override;
+
+    // The extraction steps of the workbook's parts; not part of a load yet.
+    void UnZipAndLoadBinaryXML(const std::string& fileName);
+    void UnZipVBProjectAndLoad(const std::string& fileName);
+    void UnZipStyles(const std::string& fileName);
+    void UnZipProp(const std::string& fileName, int flag, const std::string& name, const std::string& value,
+                   std::vector<std::string>& strings);
+    /// Reports the cell of one binary-form record through the shared cell routine.
+    void ProcessBIFF12Record(TStream& stream);
+
+    /// True for the extensions this reader serves (.XLSX, .XLSM, ..., .XLAB), any case.
+    static bool ServesExtension(std::string_view extension);
+
+    std::string ClassName() const override { return "TMSExcelX"; }
+
+protected:
+    void EnterBuiltInFormats() override;
+
+private:
+    int binaryRow_ = 0; ///< the row the last row header of the binary form named
+};
+
+/// The number an RK value holds: a 30-bit integer or the high bits of a double, divided by 100 when
+/// its low bit says so.
+double KvDecodeRK(uint32_t rk);
+
+} // namespace kv
