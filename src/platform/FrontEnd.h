@@ -26,6 +26,7 @@ struct TPromptField {
     bool Required = false;            ///< an empty answer is not accepted
     std::string Text;                 ///< in: the current value; out: the answer (edit, memo, lists)
     bool Checked = false;             ///< in and out for the check box
+    bool Secret = false;              ///< the answer is not shown as it is typed (a password)
 };
 
 /// Counters shown while a run goes on.

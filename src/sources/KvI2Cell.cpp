@@ -6,6 +6,7 @@
 #include "platform/SysUtils.h"
 
 #include <algorithm>
+#include <cmath>
 
 namespace kv {
 
@@ -315,16 +316,37 @@ void TKvImportFromCell::DetectAutoMapping() {
             captionRow >= 0 ? Trim(cells.GetValue(col, captionRow).AsString()) : std::string();
         c.FieldName = caption.empty() ? letters : caption;
         c.Caption = c.FieldName;
-        // The type of the first value below the captions: each cell carries the type its file gave it.
-        for (int row = firstData; row < cells.Count() && row < firstData + scanned; ++row) {
-            const TSpreadSheetRow* r = cells.Row(row);
-            const TKvICell* cell = r ? r->Cols().GetCell(col) : nullptr;
-            if (!cell || cell->Value.IsNullOrEmpty()) continue;
-            c.DataType = KvICellType2KvIDataType(cell->CellType);
-            c.Alignment = cell->Alignment;
-            break;
+        c.DataType = ScanColumnType(cells, col, firstData, firstData + scanned, c.Alignment);
+    }
+}
+
+TKvIDataType TKvImportFromCell::ScanColumnType(const TSpreadSheetCells& cells, int col, int firstRow,
+                                               int endRow, TAlignment& alignment) {
+    // The type every value below the captions fits: each cell carries the type its file gave it. Whole
+    // numbers make an integer column and whole days a date column; a mixture is text.
+    bool any = false, whole = true, wholeDays = true;
+    TKvICellType type = ictUnknown;
+    for (int row = firstRow; row < cells.Count() && row < endRow; ++row) {
+        const TSpreadSheetRow* r = cells.Row(row);
+        const TKvICell* cell = r ? r->Cols().GetCell(col) : nullptr;
+        if (!cell || cell->Value.IsNullOrEmpty()) continue;
+        if (!any) alignment = cell->Alignment;
+        TKvICellType t = cell->CellType;
+        if (t == ictInteger) t = ictDecimal;
+        if (any && t != type) return itString;
+        any = true;
+        type = t;
+        if (t == ictDecimal || t == ictDateTime) {
+            const double v = cell->Value.AsDouble();
+            const bool isWhole = v == std::floor(v) && std::fabs(v) < 9.0e15;
+            whole = whole && isWhole;
+            wholeDays = wholeDays && isWhole;
         }
     }
+    if (!any) return itString;
+    if (type == ictDecimal) return whole ? itInteger : itFloat;
+    if (type == ictDateTime) return wholeDays ? itDate : itDateTime;
+    return KvICellType2KvIDataType(type);
 }
 
 void TKvImportFromCell::LoadSpecificationFromStrings(const TStringList& list) {

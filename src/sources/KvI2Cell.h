@@ -65,6 +65,11 @@ protected:
     bool HasSourceColumn(const std::string& name) override;
     void DetectAutoMapping() override;
 
+    /// The data type of column `col` that fits every value of rows firstRow..endRow-1; the first value's
+    /// alignment goes to `alignment`.
+    static TKvIDataType ScanColumnType(const TSpreadSheetCells& cells, int col, int firstRow, int endRow,
+                                       TAlignment& alignment);
+
 private:
     /// Makes the row at the current index current; false when the reader skips it.
     bool ReadCurrentRow();

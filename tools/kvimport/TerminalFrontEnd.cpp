@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstdio>
 #include <iostream>
+#include <termios.h>
 #include <unistd.h>
 
 namespace kv::cli {
@@ -28,9 +29,28 @@ std::string Grouped(long long n) {
 
 } // namespace
 
+bool CanAskOnTerminal() {
+    return isatty(STDIN_FILENO) && isatty(STDERR_FILENO);
+}
+
+bool ReadSecretLine(std::string& answer) {
+    termios saved{};
+    const bool terminal = tcgetattr(STDIN_FILENO, &saved) == 0;
+    if (terminal) {
+        termios quiet = saved;
+        quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+        tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet);
+    }
+    const bool read = static_cast<bool>(std::getline(std::cin, answer));
+    if (terminal) {
+        tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved);
+        std::cerr << '\n';
+    }
+    return read;
+}
+
 TerminalFrontEnd::TerminalFrontEnd(bool quiet)
-    : showProgress_(!quiet && isatty(STDERR_FILENO)),
-      interactive_(isatty(STDIN_FILENO) && isatty(STDERR_FILENO)) {
+    : showProgress_(!quiet && isatty(STDERR_FILENO)), interactive_(CanAskOnTerminal()) {
     interrupted = false;
     std::signal(SIGINT, OnInterrupt);
 }
@@ -64,10 +84,11 @@ bool TerminalFrontEnd::PromptValues(const std::string& caption, std::vector<TPro
                         std::cerr << (i ? ", " : "") << field.Choices[i];
                     std::cerr << "}";
                 }
-                std::cerr << " [" << field.Text << "]: ";
+                std::cerr << (field.Secret ? std::string(": ") : " [" + field.Text + "]: ");
             }
             std::string answer;
-            if (!std::getline(std::cin, answer)) return false; // end of input: canceled
+            if (field.Secret ? !ReadSecretLine(answer) : !std::getline(std::cin, answer))
+                return false; // end of input: canceled
             if (field.Editor == peCheckBox) {
                 if (!answer.empty()) field.Checked = answer[0] == 'y' || answer[0] == 'Y' || answer == "1";
                 break;

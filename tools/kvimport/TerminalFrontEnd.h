@@ -10,6 +10,11 @@
 
 namespace kv::cli {
 
+/// Standard input and standard error are a terminal: someone can be asked.
+bool CanAskOnTerminal();
+/// Reads a line from standard input without showing it; false at the end of input.
+bool ReadSecretLine(std::string& answer);
+
 class TerminalFrontEnd : public IKvFrontEnd {
 public:
     /// `quiet` silences the progress line; prompts still appear when stdin is a terminal.
