@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds the fuzz targets with clang and libFuzzer, then runs each for the given number of seconds
-# (default 60), starting from its seeds. A crash input is left in fuzz/ as crash-*; keep it under
+# (default 60), starting from its seeds (and from the shared corpus's real files where fuzz/<target>.shared
+# names their folder). A crash input is left in fuzz/ as crash-*; keep it under
 # fuzz/regressions/<target>/ once fixed, so that ctest replays it. Every target runs even when one
 # crashes: the script then prints that target's report (the failed check's line is in it) and fails at
 # the end.
@@ -17,8 +18,14 @@ for target in build-fuzz/fuzz/*_fuzzer; do
     mkdir -p "$corpus"
     dict=()
     [ -f "fuzz/$name.dict" ] && dict=(-dict="fuzz/$name.dict")
+    # Real files of the shared corpus seed the targets that read them (fuzz/<target>.shared names the folder);
+    # they are read there, never copied.
+    shared=()
+    if [ -f "fuzz/$name.shared" ] && [ -d "../shared/corpus/$(cat "fuzz/$name.shared")" ]; then
+        shared=("../shared/corpus/$(cat "fuzz/$name.shared")")
+    fi
     echo "Fuzzing $name for ${seconds}s"
-    if "$target" "$corpus" "fuzz/seeds/$name" "${dict[@]}" -max_total_time="$seconds" -max_len=4096 \
+    if "$target" "$corpus" "fuzz/seeds/$name" "${shared[@]}" "${dict[@]}" -max_total_time="$seconds" -max_len=4096 \
         -rss_limit_mb=2048 -timeout=10 -print_final_stats=1 -artifact_prefix=fuzz/ >"$log" 2>&1; then
         tail -n 12 "$log"
     else
