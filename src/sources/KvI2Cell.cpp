@@ -100,10 +100,30 @@ void TKvImportFromCell::BeforeImport() {
         sheetIndex_ = workBook_->SpreadSheets().SheetIndexByName(sheetName_);
         workBook_->SetSheetFilter(sheetIndex_);
     }
+    if (guessNames_ && !workBook_->RecordMode()) GuessNamesRow();
     for (const std::string& warning : workBook_->Warnings()) AddWarning({0, warning, true});
     byFieldName_ = workBook_->NameKind() == nkFieldName;
     if (ByFieldName())
         for (const TKvIDeclaredField& field : workBook_->DeclaredFields()) fieldNames_.push_back(field.Name);
+}
+
+void TKvImportFromCell::GuessNamesRow() {
+    const TSpreadSheet* sheet = Sheet();
+    const TSpreadSheetRow* first = sheet && sheet->Cells().Count() >= 2 ? sheet->Cells().Row(0) : nullptr;
+    bool names = false;
+    if (first) {
+        names = true;
+        bool any = false;
+        for (int col = 0; col < first->Cols().Count(); ++col) {
+            const TKvICell* cell = first->Cols().GetCell(col);
+            if (!cell || cell->Value.IsNullOrEmpty()) continue;
+            any = true;
+            names = names && cell->CellType == ictString;
+        }
+        names = names && any;
+    }
+    SetRowFieldNames(names ? 1 : 0);
+    if (names && RowFirst() <= 1) SetRowFirst(2);
 }
 
 void TKvImportFromCell::AfterImport() {

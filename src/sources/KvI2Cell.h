@@ -30,6 +30,11 @@ public:
     TKvIRowStatuses LoadRowStatutes() const { return loadRowStatutes_; }
     void SetLoadRowStatutes(TKvIRowStatuses v) { loadRowStatutes_ = v; }
 
+    /// Decide RowFieldNames when the file is loaded: row 1 names the columns when every value in it is
+    /// text and more rows follow; the first row imported then comes after it.
+    bool GuessFieldNamesRow() const { return guessNames_; }
+    void SetGuessFieldNamesRow(bool v) { guessNames_ = v; }
+
     /// The reader of the current run (created by BeforeImport, freed by AfterImport); nullptr between runs.
     TSpreadSheetFile* WorkBook() const { return workBook_.get(); }
     /// Opens the source as a run would, hands the reader to `inspect`, and closes it again.
@@ -71,6 +76,7 @@ protected:
                                        TAlignment& alignment);
 
 private:
+    void GuessNamesRow();
     /// Makes the row at the current index current; false when the reader skips it.
     bool ReadCurrentRow();
     /// Where `name` is in a row: a declared field's position, or a column letter's; -1 for neither.
@@ -88,6 +94,7 @@ private:
     TSpreadSheetRow rowBuffer_;       ///< the record a record reader delivered last
     std::vector<std::string> fieldNames_;
     bool byFieldName_ = false;
+    bool guessNames_ = false;
     bool ended_ = false;
     int row_ = 0;
     const TSpreadSheetRow* current_ = nullptr;

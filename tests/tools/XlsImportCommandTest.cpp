@@ -3,12 +3,18 @@
 #include "TestSupport.h"
 #include "support/BiffBuilder.h"
 
+#include <filesystem>
+
 namespace kv {
 namespace {
 
 using namespace kv::test;
 
 using XlsImport = test::CliFixture;
+
+std::string Sheet(std::string records) {
+    return Biff8Book().AddSheet("S", std::move(records)).Build();
+}
 
 // Two sheets; the second has captions, whole numbers, decimals, dates and a column of mixed values.
 std::string Orders() {
@@ -47,6 +53,38 @@ TEST_F(XlsImport, PreviewListsSheetsAndColumnTypes) {
     EXPECT_NE(r.Out.find("(date)"), std::string::npos) << r.Out;
     EXPECT_NE(r.Out.find("(whole number)"), std::string::npos) << r.Out;
     EXPECT_NE(r.Out.find("2024-01-01"), std::string::npos) << r.Out;
+}
+
+TEST_F(XlsImport, ARowOfTextOverOtherRowsNamesTheColumns) {
+    // A sheet of one row has no names row: its row is data.
+    const std::string one =
+        Write("one.xls", Biff8Book{Sst({"XYZ"}), {}}.AddSheet("S", LabelSst(0, 0, 0, 0)).Build());
+    ASSERT_EQ(RunCli({"import", one, "--db", db, "--table", "one", "--quiet"}).Status, 0);
+    EXPECT_EQ(SqliteQuery(db, "SELECT A FROM one"), "XYZ");
+    // A first row holding a number is data too.
+    const std::string numbers = Write("n.xls", Sheet(Number(0, 0, 0, 1) + Number(1, 0, 0, 2)));
+    ASSERT_EQ(RunCli({"import", numbers, "--db", db, "--table", "n", "--quiet"}).Status, 0);
+    EXPECT_EQ(SqliteQuery(db, "SELECT group_concat(A) FROM n"), "1,2");
+}
+
+TEST_F(XlsImport, AnEncryptedWorkbookNeedsItsPassword) {
+    const std::string xls = KV_SHARED_DIR "/corpus/xls/password.xls";
+    if (!std::filesystem::exists(xls)) GTEST_SKIP() << "the shared corpus is not here";
+    // No terminal to ask on (the tests' stdin is not one): the run says what to do.
+    test::CliResult none = RunCli({"import", xls, "--db", db, "--table", "t", "--quiet"});
+    EXPECT_EQ(none.Status, 1);
+    EXPECT_NE(none.Err.find("password.xls: the workbook is encrypted: give its password with --password"),
+              std::string::npos)
+        << none.Err;
+    test::CliResult wrong =
+        RunCli({"import", xls, "--password", "nope", "--db", db, "--table", "t", "--quiet"});
+    EXPECT_NE(wrong.Err.find("the password given with --password does not open the workbook"),
+              std::string::npos)
+        << wrong.Err;
+    test::CliResult right = RunCli(
+        {"import", xls, "--password", "password", "--names-row", "0", "--db", db, "--table", "t", "--quiet"});
+    ASSERT_EQ(right.Status, 0) << right.Err;
+    EXPECT_NE(SqliteQuery(db, "SELECT D FROM t WHERE D IS NOT NULL").find("A ZIP bomb"), std::string::npos);
 }
 
 TEST_F(XlsImport, BadWorkbooksAndXmlWorkbooksSaySo) {

@@ -58,8 +58,8 @@ public:
         xls.OnPassword = [name, fromOption = given != nullptr, asked = false](TObject*, std::string& password,
                                                                               bool& go) mutable {
             if (!CanAskOnTerminal()) {
-                throw Exception(fromOption ? "The password given with --password does not open " + name
-                                           : name + " is encrypted: give its password with --password");
+                throw Exception(fromOption ? "the password given with --password does not open the workbook"
+                                           : "the workbook is encrypted: give its password with --password");
             }
             std::cerr << (asked ? "Wrong password. " : "") << "Password for " << name << ": " << std::flush;
             asked = true;
@@ -70,9 +70,11 @@ public:
     void ApplyOptions(const ImportOptions& o) override {
         CellSource::ApplyOptions(o);
         TKvImportFromCell& c = *component_;
-        // Most sheets name their columns in the first row.
-        if (!o.SourceValue("names-row")) c.SetRowFieldNames(1);
-        if (!o.SourceValue("first-row")) c.SetRowFirst(c.RowFieldNames() + 1);
+        // Most sheets name their columns in the first row: a row of text over more rows is taken as names.
+        if (!o.SourceValue("names-row"))
+            c.SetGuessFieldNamesRow(true);
+        else if (!o.SourceValue("first-row"))
+            c.SetRowFirst(c.RowFieldNames() + 1);
     }
 
     std::string ColumnNote(int index) const override {
