@@ -85,6 +85,26 @@ const char* const kBuiltInNames[] = {"Consolidate_Area", "Auto_Open",      "Auto
                                      "Recorder",         "Data_Form",      "Auto_Activate", "Auto_Deactivate",
                                      "Sheet_Title",      "_FilterDatabase"};
 
+/// 2, 3, 4 or 5 for the BOF record types of bare streams; 0 for another type.
+int GenerationOfBOF(uint16_t type) {
+    switch (type >> 8) {
+    case 0x00:
+        return 2;
+    case 0x02:
+        return 3;
+    case 0x04:
+        return 4;
+    case 0x08:
+        return 5;
+    default:
+        return 0;
+    }
+}
+
+TExcelVersion VersionOfGeneration(int generation) {
+    return generation == 2 ? evExcel2 : generation == 3 ? evExcel3 : generation == 4 ? evExcel4 : evExcel5;
+}
+
 std::string Hex4(uint16_t value) {
     return "0x" + IntToHex(value, 4);
 }
@@ -505,26 +525,10 @@ void TMSExcel::TLoad::ProcessBOF() {
         SeenFirstBOF = true;
         Owner.generation_ = 0;
         if (Bare) {
-            switch (Type >> 8) {
-            case 0x00:
-                Owner.version_ = evExcel2;
-                Generation = 2;
-                break;
-            case 0x02:
-                Owner.version_ = evExcel3;
-                Generation = 3;
-                break;
-            case 0x04:
-                Owner.version_ = evExcel4;
-                Generation = 4;
-                break;
-            case 0x08:
-                Owner.version_ = evExcel5;
-                Generation = 5;
-                break;
-            default:
-                throw Exception(strXLSNotExcelFile);
-            }
+            // The BOF's high byte gives the generation of a bare stream.
+            Generation = GenerationOfBOF(Type);
+            if (Generation == 0) throw Exception(strXLSNotExcelFile);
+            Owner.version_ = VersionOfGeneration(Generation);
         } else if (Type != 0x0809) {
             throw Exception(strXLSNotValidWorkbook);
         }
@@ -539,23 +543,8 @@ void TMSExcel::TLoad::ProcessBOF() {
     if (Type == 0x0809 && !Bare) {
         if (versionWord == 0x0500) Owner.version_ = evExcel5;
         if (versionWord == 0x0600) Owner.version_ = evExcel7;
-    } else if (Bare && Depth == 0) {
-        switch (Type >> 8) {
-        case 0x00:
-            Owner.version_ = evExcel2;
-            break;
-        case 0x02:
-            Owner.version_ = evExcel3;
-            break;
-        case 0x04:
-            Owner.version_ = evExcel4;
-            break;
-        case 0x08:
-            Owner.version_ = evExcel5;
-            break;
-        default:
-            break;
-        }
+    } else if (Bare && Depth == 0 && GenerationOfBOF(Type) != 0) {
+        Owner.version_ = VersionOfGeneration(GenerationOfBOF(Type));
     }
     if (Depth++ > 0) return; // a chart inside a sheet
     const bool globals = substream == 0x0005 || substream == 0x0100;
