@@ -54,6 +54,7 @@ void CellSource::Preview(int64_t rows, const PreviewRow& row) {
         [this](TSpreadSheetFile& reader) {
             properties_ = reader.FileProperties();
             declared_ = reader.DeclaredFields();
+            declaredRead_ = true;
         });
 }
 
@@ -92,8 +93,11 @@ TFieldType CellSource::ColumnType(const TKvIColumn& column) const {
 }
 
 const std::vector<TKvIDeclaredField>& CellSource::Declared() const {
-    if (declared_.empty())
+    // Once: a reader that declares nothing (a sheet) must not load its file again for every column.
+    if (!declaredRead_) {
+        declaredRead_ = true;
         component_->Inspect([this](TSpreadSheetFile& reader) { declared_ = reader.DeclaredFields(); });
+    }
     return declared_;
 }
 

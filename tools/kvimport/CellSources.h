@@ -33,6 +33,7 @@ protected:
     std::string specificationName_;
     std::vector<std::pair<std::string, std::string>> properties_;
     mutable std::vector<TKvIDeclaredField> declared_;
+    mutable bool declaredRead_ = false;
 };
 
 /// --first-row and --last-row, and with `sheets` --sheet and --names-row.

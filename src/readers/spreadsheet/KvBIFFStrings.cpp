@@ -108,13 +108,13 @@ void TKvBIFFContinued::ReadChars(uint32_t count, bool highByte, std::string& out
         }
     }
     out.clear();
-    if (allNarrow) {
-        for (char16_t u : units_) Utf8Append(out, u);
-        return;
-    }
-    out.reserve(units_.size());
+    out.reserve(units_.size() + (allNarrow ? 0 : units_.size() / 2));
     for (size_t i = 0; i < units_.size(); ++i) {
         char32_t c = units_[i];
+        if (c < 0x80) {
+            out.push_back(static_cast<char>(c));
+            continue;
+        }
         if (c >= 0xD800 && c <= 0xDBFF && i + 1 < units_.size() && units_[i + 1] >= 0xDC00 &&
             units_[i + 1] <= 0xDFFF) {
             c = 0x10000 + ((c - 0xD800) << 10) + (units_[++i] - 0xDC00);

@@ -99,6 +99,7 @@ void TCustomMSExcel::ApplyEvents() {
     formats_.clear();
     xfFormats_.clear();
     xfAligns_.clear();
+    xfKinds_.clear();
     EnterBuiltInFormats();
 }
 
@@ -107,6 +108,7 @@ void TCustomMSExcel::EnterBuiltInFormats() {
 }
 
 void TCustomMSExcel::SetFormat(int number, std::string format) {
+    xfKinds_.clear();
     TXLSFormat& entry = formats_[number];
     entry.Number = number;
     entry.Format = std::move(format);
@@ -143,21 +145,41 @@ std::string TCustomMSExcel::GetErrorText(int code) {
     }
 }
 
-bool TCustomMSExcel::ValueIsDateTime(int xf) const {
+TCustomMSExcel::TXFKind TCustomMSExcel::KindOfXF(int xf) const {
+    if (xf < 0) return xkPlain;
+    // Asked for every number cell: each style's answer is kept until a format or style is added.
+    if (static_cast<size_t>(xf) < xfKinds_.size() && xfKinds_[static_cast<size_t>(xf)] != xkUnknown)
+        return xfKinds_[static_cast<size_t>(xf)];
+    TXFKind kind = xkPlain;
     const int number = FormatNumberOfXF(xf);
-    if (number < 1) return false;
-    const TXLSFormat* format = FormatByNumber(number);
-    if (!format) return false;
-    const std::string lower = LowerCase(format->Format);
-    return lower.find("dd") != std::string::npos || lower.find("mm") != std::string::npos ||
-           lower.find("yy") != std::string::npos;
+    const TXLSFormat* format = number >= 1 ? FormatByNumber(number) : nullptr;
+    if (format) {
+        const std::string lower = LowerCase(format->Format);
+        if (lower.find("dd") != std::string::npos || lower.find("mm") != std::string::npos ||
+            lower.find("yy") != std::string::npos)
+            kind = xkDate;
+        else if (format->Format.find('%') != std::string::npos)
+            kind = xkPercent;
+        else
+            kind = xkPlain;
+        if (kind == xkDate && format->Format.find('%') != std::string::npos) kind = xkDatePercent;
+    }
+    if (xf < 65536) {
+        if (static_cast<size_t>(xf) >= xfKinds_.size())
+            xfKinds_.resize(static_cast<size_t>(xf) + 1, xkUnknown);
+        xfKinds_[static_cast<size_t>(xf)] = kind;
+    }
+    return kind;
+}
+
+bool TCustomMSExcel::ValueIsDateTime(int xf) const {
+    const TXFKind kind = KindOfXF(xf);
+    return kind == xkDate || kind == xkDatePercent;
 }
 
 bool TCustomMSExcel::ValueIsPercent(int xf) const {
-    const int number = FormatNumberOfXF(xf);
-    if (number < 1) return false;
-    const TXLSFormat* format = FormatByNumber(number);
-    return format && format->Format.find('%') != std::string::npos;
+    const TXFKind kind = KindOfXF(xf);
+    return kind == xkPercent || kind == xkDatePercent;
 }
 
 TAlignment TCustomMSExcel::GetXLSAlignment(uint8_t attribute) {
@@ -173,7 +195,8 @@ TAlignment TCustomMSExcel::GetXLSAlignment(uint8_t attribute) {
 
 void TCustomMSExcel::ReportCell(int row, int column, int xf, Variant value, TAlignment alignment,
                                 TKvICellType type) {
-    if (type == ictString && value.IsString()) value = Variant(WithCrLf(value.AsString()));
+    if (type == ictString && value.IsString() && value.StringRef().find('\n') != std::string::npos)
+        value = Variant(WithCrLf(value.StringRef()));
     if (OnCellValue) OnCellValue(this, sheetIndex_, row, column, xf, value, alignment, type);
     highestRow_ = std::max(highestRow_, row);
     highestColumn_ = std::max(highestColumn_, column);

@@ -149,8 +149,18 @@ protected:
     bool parseVBA_ = false;
 
     std::map<int, TXLSFormat> formats_;
-    std::vector<int> xfFormats_;       ///< the format number of each cell style
-    std::vector<TAlignment> xfAligns_; ///< and its alignment
+    enum TXFKind : int8_t { xkUnknown, xkPlain, xkDate, xkPercent, xkDatePercent };
+    TXFKind KindOfXF(int xf) const;
+    /// Adds a cell style with its format number and alignment.
+    void AddXF(int format, TAlignment alignment) {
+        xfFormats_.push_back(format);
+        xfAligns_.push_back(alignment);
+        xfKinds_.clear();
+    }
+
+    std::vector<int> xfFormats_;           ///< the format number of each cell style
+    std::vector<TAlignment> xfAligns_;     ///< and its alignment
+    mutable std::vector<TXFKind> xfKinds_; ///< what each style's format says, found on first use
     std::vector<TXLSName> names_;
     std::vector<TXLSSharedFormula> sharedFormulas_;
     std::vector<TXLSSharedObject> sharedObjects_;

@@ -320,9 +320,14 @@ void TMSExcel::TLoad::Run() {
         if (Bare) throw Exception(strXLSNotExcelFile);
         throw Exception(strXLSNotValidWorkbook);
     }
+    uint64_t nextProgress = 0;
     while (In.Remaining() >= 4) {
         if (!ReadRecord()) break;
-        Owner.UpdateProgress(static_cast<int64_t>(In.Position()), static_cast<int64_t>(In.Size()));
+        // Progress every 64 KiB of the stream, not every record.
+        if (In.Position() >= nextProgress) {
+            Owner.UpdateProgress(static_cast<int64_t>(In.Position()), static_cast<int64_t>(In.Size()));
+            nextProgress = In.Position() + 65536;
+        }
         if (Owner.OnRecord) {
             const char header[4] = {static_cast<char>(Type & 0xFF), static_cast<char>(Type >> 8),
                                     static_cast<char>(Data.size() & 0xFF),
@@ -340,6 +345,7 @@ void TMSExcel::TLoad::Run() {
         if (!SkippedSheets[i]) throw EKvFormatError(fekTruncated, kFormat, In.Size(), what);
         Owner.AddWarning("The workbook is cut short: " + what);
     }
+    Owner.UpdateProgress(static_cast<int64_t>(In.Position()), static_cast<int64_t>(In.Size()));
     if (InSheet) {
         Owner.AddWarning(Format("The workbook stream ends inside sheet %d without its end record: its last "
                                 "cells may be missing",
@@ -692,8 +698,7 @@ void TMSExcel::TLoad::ProcessXF() {
         align = byte(6);
         break;
     }
-    Owner.xfFormats_.push_back(format);
-    Owner.xfAligns_.push_back(GetXLSAlignment(align));
+    Owner.AddXF(format, GetXLSAlignment(align));
 }
 
 void TMSExcel::TLoad::ProcessName() {
