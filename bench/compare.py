@@ -9,18 +9,23 @@ hurts all of them alike.
     bench/compare.py sqlite   [--rows N] [--rounds R]   table to table in SQLite, append and appendupdate
     bench/compare.py check    [--rows N]   the CSV import's tables: the floor's and kvimport's row for row
     bench/compare.py dbf      [--rows N] [--rounds R]   a dBase table into a typed SQLite table, and read alone
+    bench/compare.py xls      [--rows N] [--rounds R]   an Excel workbook into SQLite, and read alone (N <= 65,535)
 
 The CSV comparison includes the floor (bench/floor_import.cpp, from the bench build given by --floor) and
 DuckDB's Node client (after bench/setup.sh) when they are there; the table-to-table one includes its floor
 (bench/floor_copy.cpp, given by --floor-copy) when it is there; the dBase one includes the library's reader alone
 (bench/dbf_read.cpp, given by --dbf-read), and dbview and Python's dbfread (after bench/setup.sh) when they
-are there.
+are there. The workbook one (65,000 rows unless --rows says otherwise) includes the library's reader alone
+(bench/xls_read.cpp, given by --xls-read), FreeXL's (bench/freexl_read.c, given by --freexl-read, built when
+libfreexl is installed) and Python's xlrd (after bench/setup.sh), and adds the peak memory of kvimport's
+reader and import measured by /usr/bin/time.
 """
 
 import argparse
 import itertools
 import json
 import os
+import shlex
 import shutil
 import sqlite3
 import statistics
@@ -266,23 +271,109 @@ def dbf_benchmark(args, work, kvimport):
                 "kvimport's reader" if os.path.exists(args.dbf_read) else readers[0][0])
 
 
+ORDERS_XLS_SCHEMA = ('CREATE TABLE t("id" INTEGER, "amount" REAL, "order_date" DATE, "paid" BOOLEAN, "city" TEXT, '
+                     '"status" TEXT, "note" TEXT)')
+
+
+def python_with(module):
+    # Debian's Python modules are for Debian's python3, which need not be the one running this script.
+    for python in (sys.executable, "/usr/bin/python3"):
+        if subprocess.run([python, "-c", f"import {module}"], capture_output=True).returncode == 0:
+            return python
+    return None
+
+
+def orders_xls(args, work):
+    book = os.path.join(work, f"orders-{args.rows}.xls")
+    data = os.path.join(work, f"orders-xls-{args.rows}.csv")
+    if not (os.path.exists(book) and os.path.exists(data)):
+        python = python_with("xlwt")
+        if not python:
+            sys.exit("xlwt is needed to write the workbook (run bench/setup.sh)")
+        subprocess.run([python, os.path.join(HERE, "make_xls.py"), str(args.rows), "-o", book, "--csv", data],
+                       check=True)
+    return book, data
+
+
+def peak_memory(setup, command, runs=3):
+    # GNU time's %M is the largest resident size of the command itself, in KiB; compare()'s column is
+    # the largest of its children, which cannot go below the Python that started them.
+    peaks = []
+    for _ in range(runs):
+        subprocess.run(setup, shell=True, check=True)
+        out = subprocess.run(["/usr/bin/time", "-f", "%M", *shlex.split(command)], stdout=subprocess.DEVNULL,
+                             stderr=subprocess.PIPE, text=True, check=True)
+        peaks.append(int(out.stderr.strip().splitlines()[-1]) / 1024.0)
+    return max(peaks)
+
+
+def xls_benchmark(args, work, kvimport):
+    if args.rows > 65535:
+        sys.exit("a worksheet holds at most 65,535 rows under its header: give --rows")
+    book, data = orders_xls(args, work)
+    db = os.path.join(work, "orders-xls.sqlite")
+    # kvimport creates the table from the header row and the values; sqlite3 gets the same table.
+    imports = [
+        ("kvimport import", f"rm -f {db}", f"{kvimport} import {book} --db {db} --table t --quiet"),
+        ("sqlite3 .import --csv (CSV twin)", f"rm -f {db} && sqlite3 {db} '{ORDERS_XLS_SCHEMA}'",
+         f"sqlite3 {db} '.import --csv --skip 1 {data} t'"),
+    ]
+    readers = []
+    if os.path.exists(args.xls_read):
+        readers.append(("kvimport's reader (bench/xls_read.cpp)", "true", f"{args.xls_read} {book}"))
+    else:
+        print(f"(no reading program: build {args.xls_read} with the bench build)", file=sys.stderr)
+    if os.path.exists(args.freexl_read):
+        readers.append(("FreeXL (bench/freexl_read.c)", "true", f"{args.freexl_read} {book}"))
+    else:
+        print(f"(no FreeXL: run bench/setup.sh, then build {args.freexl_read} with the bench build)",
+              file=sys.stderr)
+    python = python_with("xlrd")
+    if python:
+        script = os.path.join(HERE, "xlrd_read.py")
+        readers.append(("Python xlrd (bench/xlrd_read.py)", "true", f"{python} {script} {book}"))
+    else:
+        print("(no xlrd: run bench/setup.sh)", file=sys.stderr)
+    size = os.path.getsize(book)
+    title = f"{args.rows:,} workbook rows of 7 cells"
+    compare(f"{title} into a SQLite table ({size / 1e6:.1f} MB workbook)", imports, args.rounds)
+    if readers:
+        compare(f"{title} read, every cell touched", readers, args.rounds,
+                "kvimport's reader" if os.path.exists(args.xls_read) else readers[0][0])
+    memory = readers[:1] if os.path.exists(args.xls_read) else []
+    memory.append(imports[0])
+    print("\n### Peak memory (/usr/bin/time -f %M, largest of 3 runs)\n")
+    print("| tool | peak memory | vs. the workbook's size |")
+    print("|---|---|---|")
+    for label, setup, command in memory:
+        peak = peak_memory(setup, command)
+        print(f"| {label} | {peak:.1f} MiB | {peak * 1024 * 1024 / size:.2f} |")
+    rows = subprocess.run(["sqlite3", db, "SELECT count(*) FROM t"], capture_output=True, text=True).stdout.strip()
+    print(f"\n(kvimport's table holds {rows} rows)")
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("benchmark", choices=["csv", "sqlite", "check", "dbf"])
-    parser.add_argument("--rows", type=int, default=1000000)
+    parser.add_argument("benchmark", choices=["csv", "sqlite", "check", "dbf", "xls"])
+    parser.add_argument("--rows", type=int, help="rows (default 1000000; 65000 for xls)")
     parser.add_argument("--rounds", type=int, default=3)
     parser.add_argument("--kvimport", default=os.path.join(ROOT, "build", "kvimport"))
     parser.add_argument("--baseline", help="another kvimport build to time beside this one (csv only)")
     parser.add_argument("--floor", default=os.path.join(ROOT, "build-bench", "bench", "floor_import"))
     parser.add_argument("--floor-copy", default=os.path.join(ROOT, "build-bench", "bench", "floor_copy"))
     parser.add_argument("--dbf-read", default=os.path.join(ROOT, "build-bench", "bench", "dbf_read"))
+    parser.add_argument("--xls-read", default=os.path.join(ROOT, "build-bench", "bench", "xls_read"))
+    parser.add_argument("--freexl-read", default=os.path.join(ROOT, "build-bench", "bench", "freexl_read"))
     parser.add_argument("--work", default=os.path.join(ROOT, "out", "bench"))
     args = parser.parse_args()
+    if args.rows is None:
+        args.rows = 65000 if args.benchmark == "xls" else 1000000
     for tool in ("sqlite3", args.kvimport):
         if not shutil.which(tool):
             sys.exit(f"{tool} is needed (run scripts/setup.sh)")
     os.makedirs(args.work, exist_ok=True)
-    benchmarks = {"csv": csv_benchmark, "sqlite": sqlite_benchmark, "check": check_benchmark, "dbf": dbf_benchmark}
+    benchmarks = {"csv": csv_benchmark, "sqlite": sqlite_benchmark, "check": check_benchmark, "dbf": dbf_benchmark,
+                  "xls": xls_benchmark}
     benchmarks[args.benchmark](args, args.work, args.kvimport)
 
 

@@ -1,0 +1,47 @@
+// Reads every cell of an Excel workbook through the library's reader and touches each value (counts the
+// cells, sums the numbers, adds up the texts' lengths) without storing it: the reading half of a
+// workbook import, for the side-by-side comparison with other readers (bench/compare.py xls).
+
+#include "readers/spreadsheet/KvXLS.h"
+
+#include <cstdio>
+#include <exception>
+
+int main(int argc, char** argv) {
+    if (argc != 2) {
+        std::fprintf(stderr, "usage: xls_read WORKBOOK.xls\n");
+        return 2;
+    }
+    try {
+        kv::TMSExcel book;
+        long long cells = 0, numbers = 0, texts = 0, others = 0, textBytes = 0;
+        double sum = 0;
+        book.OnCellValue = [&](kv::TObject*, int, int, int, int32_t, const kv::Variant& value, kv::TAlignment,
+                               kv::TKvICellType) {
+            ++cells;
+            switch (value.VarType()) {
+            case kv::varInteger:
+            case kv::varInt64:
+            case kv::varDouble:
+            case kv::varDate:
+                ++numbers;
+                sum += value.AsDouble();
+                break;
+            case kv::varString:
+                ++texts;
+                textBytes += static_cast<long long>(value.StringRef().size());
+                break;
+            default:
+                ++others;
+            }
+        };
+        book.LoadFromFile(argv[1]);
+        // The sum is printed so that the compiler cannot drop the reading of the numbers.
+        std::printf("%lld cells: %lld numbers (sum %.2f), %lld texts (%lld bytes), %lld others\n", cells, numbers,
+                    sum, texts, textBytes, others);
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "%s\n", e.what());
+        return 1;
+    }
+    return 0;
+}
