@@ -37,8 +37,8 @@ int main(int argc, char** argv) {
         };
         book.LoadFromFile(argv[1]);
         // The sum is printed so that the compiler cannot drop the reading of the numbers.
-        std::printf("%lld cells: %lld numbers (sum %.2f), %lld texts (%lld bytes), %lld others\n", cells, numbers,
-                    sum, texts, textBytes, others);
+        std::printf("%lld cells: %lld numbers (sum %.2f), %lld texts (%lld bytes), %lld others\n", cells,
+                    numbers, sum, texts, textBytes, others);
     } catch (const std::exception& e) {
         std::fprintf(stderr, "%s\n", e.what());
         return 1;
