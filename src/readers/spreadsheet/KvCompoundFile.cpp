@@ -212,6 +212,9 @@ struct TKvCompoundFile::TImpl {
     uint64_t MiniNext(uint64_t link) const {
         const uint32_t v = MiniFat.Next[link];
         if (v == kEndOfChain) return kEndOfChain;
+        if (v == kLinkPastEnd)
+            Truncated(FileSize, "the mini FAT sector that links mini sector " + std::to_string(link) +
+                                    " lies past the end of the file");
         if (v > kMaxRegSect)
             Damaged(MiniFatEntryOffset(link),
                     "mini sector " + std::to_string(link) + " links to " + LinkText(v));
