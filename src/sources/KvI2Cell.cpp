@@ -108,20 +108,26 @@ void TKvImportFromCell::BeforeImport() {
 }
 
 void TKvImportFromCell::GuessNamesRow() {
+    // Row 1 names the columns when it is all text and a row below holds a value of another type under one
+    // of its names. A sheet of text alone gives no sign either way: its first row stays data, so that no
+    // row is lost to a guess.
     const TSpreadSheet* sheet = Sheet();
-    const TSpreadSheetRow* first = sheet && sheet->Cells().Count() >= 2 ? sheet->Cells().Row(0) : nullptr;
-    bool names = false;
-    if (first) {
-        names = true;
-        bool any = false;
-        for (int col = 0; col < first->Cols().Count(); ++col) {
-            const TKvICell* cell = first->Cols().GetCell(col);
-            if (!cell || cell->Value.IsNullOrEmpty()) continue;
-            any = true;
-            names = names && cell->CellType == ictString;
+    const TSpreadSheetCells* cells = sheet ? &sheet->Cells() : nullptr;
+    const TSpreadSheetRow* first = cells && cells->Count() >= 2 ? cells->Row(0) : nullptr;
+    const auto filled = [](const TKvICell* cell) { return cell && !cell->Value.IsNullOrEmpty(); };
+    bool allText = first != nullptr, any = false, typedBelow = false;
+    for (int col = 0; first && col < first->Cols().Count(); ++col) {
+        const TKvICell* cell = first->Cols().GetCell(col);
+        if (!filled(cell)) continue;
+        any = true;
+        allText = allText && cell->CellType == ictString;
+        for (int row = 1; allText && !typedBelow && row < cells->Count() && row <= 100; ++row) {
+            const TSpreadSheetRow* r = cells->Row(row);
+            const TKvICell* below = r ? r->Cols().GetCell(col) : nullptr;
+            typedBelow = filled(below) && below->CellType != ictString;
         }
-        names = names && any;
     }
+    const bool names = allText && any && typedBelow;
     SetRowFieldNames(names ? 1 : 0);
     if (names && RowFirst() <= 1) SetRowFirst(2);
 }

@@ -31,7 +31,8 @@ public:
     void SetLoadRowStatutes(TKvIRowStatuses v) { loadRowStatutes_ = v; }
 
     /// Decide RowFieldNames when the file is loaded: row 1 names the columns when every value in it is
-    /// text and more rows follow; the first row imported then comes after it.
+    /// text and a row below holds a number, date or boolean under one of them; the first row imported
+    /// then comes after it.
     bool GuessFieldNamesRow() const { return guessNames_; }
     void SetGuessFieldNamesRow(bool v) { guessNames_ = v; }
 

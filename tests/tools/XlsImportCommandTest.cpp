@@ -55,12 +55,18 @@ TEST_F(XlsImport, PreviewListsSheetsAndColumnTypes) {
     EXPECT_NE(r.Out.find("2024-01-01"), std::string::npos) << r.Out;
 }
 
-TEST_F(XlsImport, ARowOfTextOverOtherRowsNamesTheColumns) {
+TEST_F(XlsImport, ARowOfTextOverTypedValuesNamesTheColumns) {
     // A sheet of one row has no names row: its row is data.
     const std::string one =
         Write("one.xls", Biff8Book{Sst({"XYZ"}), {}}.AddSheet("S", LabelSst(0, 0, 0, 0)).Build());
     ASSERT_EQ(RunCli({"import", one, "--db", db, "--table", "one", "--quiet"}).Status, 0);
     EXPECT_EQ(SqliteQuery(db, "SELECT A FROM one"), "XYZ");
+    // So is the first row of a sheet of text alone: nothing says it names anything.
+    const std::string words = Write("w.xls", Biff8Book{Sst({"apple", "pear"}), {}}
+                                                 .AddSheet("S", LabelSst(0, 0, 0, 0) + LabelSst(1, 0, 0, 1))
+                                                 .Build());
+    ASSERT_EQ(RunCli({"import", words, "--db", db, "--table", "w", "--quiet"}).Status, 0);
+    EXPECT_EQ(SqliteQuery(db, "SELECT group_concat(A) FROM w"), "apple,pear");
     // A first row holding a number is data too.
     const std::string numbers = Write("n.xls", Sheet(Number(0, 0, 0, 1) + Number(1, 0, 0, 2)));
     ASSERT_EQ(RunCli({"import", numbers, "--db", db, "--table", "n", "--quiet"}).Status, 0);
