@@ -1,8 +1,12 @@
 #include "support/DataFiles.h"
 
 #include "TestSupport.h"
+#include "platform/DateUtils.h"
+#include "platform/Variant.h"
 
 #include <algorithm>
+#include <charconv>
+#include <cmath>
 #include <exception>
 #include <filesystem>
 
@@ -79,6 +83,29 @@ std::string DumpEscape(const std::string& value) {
         }
     }
     return out;
+}
+
+std::string DumpCellValue(const Variant& value) {
+    switch (value.VarType()) {
+    case varEmpty:
+    case varNull:
+        return "<null>";
+    case varBoolean:
+        return value.AsBoolean() ? "true" : "false";
+    case varDouble: {
+        char buffer[32];
+        const auto end = std::to_chars(buffer, buffer + sizeof buffer, value.AsDouble()).ptr;
+        return std::string(buffer, end);
+    }
+    case varDate: {
+        const TDateTime dt = value.AsDateTime();
+        return dt == std::floor(dt) ? DateToISO8601(dt) : DateTimeToISO8601(dt);
+    }
+    case varString:
+        return DumpEscape(value.StringRef());
+    default:
+        return value.AsString();
+    }
 }
 
 } // namespace kv::test

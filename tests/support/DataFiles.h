@@ -9,7 +9,8 @@
 
 namespace kv {
 class TKvIVCalendar;
-}
+class Variant;
+} // namespace kv
 
 namespace kv::test {
 
@@ -42,6 +43,12 @@ std::string CheckDataCase(const TDataCase& c, const TDataDump& dump, bool update
 /// A value as part of one dump line: "\" and "|" escaped, control characters as \n, \r, \t, \xNN.
 std::string DumpEscape(const std::string& value);
 
+/// A cell's value: "<null>", true/false, the shortest exact number, an ISO date or date-time, or the
+/// escaped text.
+std::string DumpCellValue(const Variant& value);
+/// A workbook as its properties, then each sheet ("sheet <n>: <name>") with a line per row of cells
+/// ("<row>: <column letters>=<value>|..."), then the warnings.
+std::string DumpXlsFile(const std::string& path);
 /// A delimited text file read with default settings (comma-delimited for .csv): "encoding: <name>", a line
 /// a record ("<line number>: <field>|<field>"), then the warnings ("warning line <n>: <message>").
 std::string DumpTextFile(const std::string& path);

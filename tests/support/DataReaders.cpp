@@ -10,6 +10,7 @@ const std::vector<TDataReader>& DataReaders() {
         {"text", DumpTextFile},
         {"dbf", DumpDbfFile},
         {"ics", DumpVCalendarFile},
+        {"xls", DumpXlsFile},
     };
     return readers;
 }

@@ -4,37 +4,7 @@
 #include "readers/database/KvDBF.h"
 #include "support/DataFiles.h"
 
-#include <charconv>
-#include <cmath>
-
 namespace kv::test {
-
-namespace {
-
-std::string DumpValue(const Variant& value) {
-    switch (value.VarType()) {
-    case varEmpty:
-    case varNull:
-        return "<null>";
-    case varBoolean:
-        return value.AsBoolean() ? "true" : "false";
-    case varDouble: {
-        char buffer[32];
-        const auto end = std::to_chars(buffer, buffer + sizeof buffer, value.AsDouble()).ptr;
-        return std::string(buffer, end);
-    }
-    case varDate: {
-        const TDateTime dt = value.AsDateTime();
-        return dt == std::floor(dt) ? DateToISO8601(dt) : DateTimeToISO8601(dt);
-    }
-    case varString:
-        return DumpEscape(value.StringRef());
-    default:
-        return value.AsString();
-    }
-}
-
-} // namespace
 
 std::string DumpDbfFile(const std::string& path) {
     TDBF dbf;
@@ -52,7 +22,7 @@ std::string DumpDbfFile(const std::string& path) {
         out += std::to_string(row + 1) + (r.Status() == rsDeleted ? " deleted:" : ":");
         for (int col = 0; col < dbf.FieldCount(); ++col) {
             const TKvICell* cell = r.Cols().GetCell(col);
-            out += (col == 0 ? " " : "|") + (cell ? DumpValue(cell->Value) : std::string("<null>"));
+            out += (col == 0 ? " " : "|") + (cell ? DumpCellValue(cell->Value) : std::string("<null>"));
         }
         out += "\n";
     }
