@@ -17,6 +17,7 @@
 #include "readers/spreadsheet/KvXLSCrypt.h"
 
 #include <algorithm>
+#include <deque>
 #include <filesystem>
 
 namespace kv {
@@ -121,7 +122,7 @@ struct TMSExcel::TLoad {
     std::string Data;
     uint64_t DataOffset = 0;
     TKvBIFFContinued Continued; ///< the record and its CONTINUE records, for the records that take them
-    std::vector<std::string> ContinuedData;
+    std::deque<std::string> ContinuedData;
 
     int Generation = 0; ///< 2, 3, 4, 5 or 8: the record layouts in use
     bool Biff8 = false; ///< strings are BIFF8 Unicode strings
@@ -376,10 +377,11 @@ bool TMSExcel::TLoad::ReadRecord() {
 }
 
 void TMSExcel::TLoad::CollectContinues() {
+    // The record's own data is read where it is; only CONTINUE records are kept beside it (a deque, so
+    // that the views into them stay valid as more come).
     Continued.Clear();
     ContinuedData.clear();
-    ContinuedData.push_back(Data);
-    std::vector<uint64_t> offsets{DataOffset};
+    Continued.AddPiece(Data, DataOffset);
     while (In.Remaining() >= 4) {
         const uint64_t at = In.Position();
         const uint16_t type = In.ReadU16LE();
@@ -388,12 +390,10 @@ void TMSExcel::TLoad::CollectContinues() {
             In.Seek(at);
             break;
         }
-        std::string data = In.ReadBytes(length);
+        std::string& data = ContinuedData.emplace_back(In.ReadBytes(length));
         if (Owner.decryptor_) Owner.decryptor_->DecryptRecord(type, at + 4, data.data(), data.size());
-        ContinuedData.push_back(std::move(data));
-        offsets.push_back(at + 4);
+        Continued.AddPiece(data, at + 4);
     }
-    for (size_t i = 0; i < ContinuedData.size(); ++i) Continued.AddPiece(ContinuedData[i], offsets[i]);
 }
 
 void TMSExcel::TLoad::Process() {
