@@ -148,6 +148,7 @@ struct TMSExcel::TLoad {
 
     bool WarnedColumns = false;
     bool WarnedSST = false;
+    bool WarnedString = false;
 
     TLoad(TMSExcel& owner, TStream& stream, bool bare) : Owner(owner), In(stream, kFormat), Bare(bare) {}
 
@@ -168,6 +169,7 @@ struct TMSExcel::TLoad {
     void ProcessFilePass();
     void ProcessCell();
     void ProcessStringResult();
+    void DropPendingString();
     void ProcessBoundSheet();
     void ProcessFormat();
     void ProcessXF();
@@ -515,7 +517,7 @@ void TMSExcel::TLoad::Process() {
     case rtFormula:
     case rtFormula3:
     case rtFormula4:
-        PendingString = false;
+        DropPendingString();
         ProcessCell();
         return;
     default:
@@ -597,8 +599,8 @@ void TMSExcel::TLoad::BeginSheet(int index) {
 }
 
 void TMSExcel::TLoad::EndSheet() {
+    DropPendingString();
     InSheet = false;
-    PendingString = false;
     TXLSSheetInfo& info = Owner.sheets_[static_cast<size_t>(Owner.sheetIndex_)];
     if (!SkipSheet || HaveDimensions) {
         info.Rows = std::max(HaveDimensions ? DimLastRow : 0, Owner.highestRow_ + 1);
@@ -937,6 +939,19 @@ void TMSExcel::TLoad::ProcessCell() {
         throw EKvFormatError(fekDamaged, kFormat, DataOffset,
                              Format("the cell record of type %s is too short for its layout (%d bytes)",
                                     Hex4(Type).c_str(), static_cast<int>(Data.size())));
+    }
+}
+
+void TMSExcel::TLoad::DropPendingString() {
+    if (!PendingString) return;
+    // A formula whose text result never came: its cell is left empty, and the user is told.
+    PendingString = false;
+    if (!WarnedString) {
+        WarnedString = true;
+        Owner.AddWarning(
+            Format("Sheet %d holds a formula whose text result is missing from the file: such cells "
+                   "are left empty",
+                   Owner.sheetIndex_ + 1));
     }
 }
 

@@ -282,12 +282,15 @@ TEST(MSExcel, DamagedStreams) {
 
     // Damage that costs single cells is reported as a warning, and the rest is read.
     TMSExcel x;
-    const auto cells = Load(x, Sheet(Number(0, 300, 0, 1) + LabelSst(0, 1, 0, 7) + Number(0, 0, 0, 2)));
+    const std::string stringResult = std::string("\0\0\0\0\0\0\xFF\xFF", 8);
+    const auto cells = Load(x, Sheet(Number(0, 300, 0, 1) + LabelSst(0, 1, 0, 7) + Number(0, 0, 0, 2) +
+                                     Formula(1, 0, 0, stringResult) + Number(1, 1, 0, 3)));
     EXPECT_DOUBLE_EQ(cells.at("0:0:0").Value.AsDouble(), 2);
     EXPECT_EQ(cells.count("0:0:300"), 0u);
-    ASSERT_EQ(x.Warnings().size(), 2u);
+    ASSERT_EQ(x.Warnings().size(), 3u);
     EXPECT_NE(x.Warnings()[0].find("beyond column IV"), std::string::npos);
     EXPECT_NE(x.Warnings()[1].find("shared string 7"), std::string::npos);
+    EXPECT_NE(x.Warnings()[2].find("a formula whose text result is missing"), std::string::npos);
 }
 
 TEST(MSExcelX, IsAShellThatKnowsItsVariantAndFormats) {
