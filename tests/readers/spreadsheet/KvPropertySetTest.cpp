@@ -8,6 +8,7 @@
 #include "support/CompoundFileBuilder.h"
 
 #include <filesystem>
+#include <functional>
 #include <gtest/gtest.h>
 
 namespace kv {
@@ -17,23 +18,12 @@ using namespace test;
 
 /// A value as "kind:value".
 std::string Describe(const TKvPropertyValue& p) {
-    switch (p.Kind) {
-    case pkEmpty:
-        return "empty";
-    case pkInteger:
-        return "int:" + std::to_string(p.Integer);
-    case pkBoolean:
-        return "bool:" + std::to_string(p.Integer);
-    case pkDouble:
-        return "double:" + std::to_string(p.Double);
-    case pkString:
-        return "text:" + p.Text;
-    case pkFileTime:
-        return "filetime:" + std::to_string(p.FileTime);
-    case pkOther:
-        return "other";
-    }
-    return "?";
+    if (p.Kind == pkInteger || p.Kind == pkBoolean)
+        return (p.Kind == pkInteger ? "int:" : "bool:") + std::to_string(p.Integer);
+    if (p.Kind == pkDouble) return "double:" + std::to_string(p.Double);
+    if (p.Kind == pkString) return "text:" + p.Text;
+    if (p.Kind == pkFileTime) return "filetime:" + std::to_string(p.FileTime);
+    return p.Kind == pkEmpty ? "empty" : p.Kind == pkOther ? "other" : "?";
 }
 
 /// The properties of a one-section stream: "2=text:a 3=int:5".
@@ -57,40 +47,25 @@ std::string ErrorOf(const std::string& bytes) {
 
 } // namespace
 
-TEST(KvPropertySet, ValueTypes) {
-    const std::vector<std::pair<RawProperty, std::string>> cases = {
-        {PropI2(2, -7), "int:-7"},
-        {{2, U32(18) + U32(0xFFFF)}, "int:65535"}, // VT_UI2
-        {PropI4(2, -100000), "int:-100000"},
-        {{2, U32(19) + U32(0xFFFFFFFF)}, "int:4294967295"}, // VT_UI4
-        {{2, U32(20) + U64(uint64_t(-5))}, "int:-5"},       // VT_I8
-        {{2, U32(16) + U32(0xFF)}, "int:-1"},               // VT_I1
-        {{2, U32(17) + U32(0xFF)}, "int:255"},              // VT_UI1
-        {PropBool(2, true), "bool:1"},
-        {PropBool(2, false), "bool:0"},
-        {{2, U32(4) + U32(0x3FC00000)}, "double:1.500000"}, // VT_R4
-        {PropR8(2, -2.25), "double:-2.250000"},
-        {PropFileTime(2, 128605103697712760), "filetime:128605103697712760"},
-        {PropString(2, "Budget"), "text:Budget"},
-        {PropString(2, std::string("ab\0cd", 5)), "text:ab"}, // ends at its first NUL
-        {PropString(2, "no terminator", false), "text:no terminator"},
-        {{2, U32(8) + U32(4) + "bstr"}, "text:bstr"}, // VT_BSTR
-        {PropWString(2, "Größe €"), "text:Größe €"},
-        {{2, U32(0)}, "empty"},
-        {{2, U32(1)}, "empty"},
-        {{2, U32(71) + U32(4) + U32(0)}, "other"}, // clipboard data
-        {{2, U32(0x101F) + U32(0)}, "other"},      // a vector of strings
-    };
-    for (const auto& [property, expected] : cases) EXPECT_EQ(Read({property}), "2=" + expected) << expected;
-}
-
-TEST(KvPropertySet, EightBitStringsReadInTheSectionsCodePage) {
+TEST(KvPropertySet, ValueTypesAndTheCodePageOf8BitStrings) {
     const std::string cyrillic = "\xCF\xF0\xE8\xE2\xE5\xF2"; // "Привет" in cp1251
-    const std::string utf16 = std::string("O\0K\0\0\0X\0", 8);
-    const struct {
-        std::vector<RawProperty> Properties;
-        std::string Expected;
-    } cases[] = {
+    const std::vector<std::pair<std::vector<RawProperty>, std::string>> cases = {
+        {{PropI2(2, -7)}, "2=int:-7"},
+        {{Prop(2, 18, U32(0xFFFF))}, "2=int:65535"}, // VT_UI2
+        {{PropI4(2, -100000)}, "2=int:-100000"},
+        {{Prop(2, 19, U32(0xFFFFFFFF))}, "2=int:4294967295"}, // VT_UI4
+        {{Prop(2, 20, U64(uint64_t(-5)))}, "2=int:-5"},       // VT_I8
+        {{Prop(2, 16, U32(0xFF))}, "2=int:-1"},               // VT_I1
+        {{Prop(2, 17, U32(0xFF))}, "2=int:255"},              // VT_UI1
+        {{PropBool(2, true), PropBool(3, false)}, "2=bool:1 3=bool:0"},
+        {{Prop(2, 4, U32(0x3FC00000)), PropR8(3, -2.25)}, "2=double:1.500000 3=double:-2.250000"},
+        {{PropFileTime(2, 128605103697712760)}, "2=filetime:128605103697712760"},
+        {{PropString(2, std::string("ab\0cd", 5))}, "2=text:ab"}, // ends at its first NUL
+        {{PropString(2, "no terminator", false)}, "2=text:no terminator"},
+        {{Prop(2, 8, U32(4) + "bstr")}, "2=text:bstr"}, // VT_BSTR
+        {{PropWString(2, "Größe €")}, "2=text:Größe €"},
+        {{Prop(2, 0, ""), Prop(3, 1, "")}, "2=empty 3=empty"},
+        {{Prop(2, 71, U32(4) + U32(0)), Prop(3, 0x101F, U32(0))}, "2=other 3=other"}, // clipboard, vector
         {{PropI2(1, 1251), PropString(2, cyrillic)}, "1=int:1251 2=text:Привет"},
         // the code page may come after the strings it applies to
         {{PropString(2, cyrillic), PropI2(1, 1251)}, "2=text:Привет 1=int:1251"},
@@ -98,13 +73,12 @@ TEST(KvPropertySet, EightBitStringsReadInTheSectionsCodePage) {
         {{PropI2(1, 1252), PropString(2, "\x80")}, "1=int:1252 2=text:€"},
         {{PropI2(1, 12345), PropString(2, "caf\xE9")}, "1=int:12345 2=text:café"}, // unknown
         {{PropI2(1, 0), PropString(2, "caf\xE9")}, "1=int:0 2=text:café"},
-        {{PropI2(1, 1200), PropString(2, utf16, false)}, "1=int:1200 2=text:OK"},    // UTF-16LE bytes
+        {{PropI2(1, 1200), PropString(2, std::string("O\0K\0\0\0X\0", 8), false)}, "1=int:1200 2=text:OK"},
         {{PropI2(1, -535), PropString(2, "caf\xC3\xA9")}, "1=int:-535 2=text:café"}, // 65001 as VT_I2
         {{PropI4(1, 1251), PropString(2, "caf\xE9")}, "1=int:1251 2=text:café"},     // not a VT_I2: ignored
-        // the dictionary (ID 0) is left out
-        {{{0, U32(1) + U32(5) + U32(4) + "abc\0"}, PropI4(5, 9)}, "5=int:9"},
+        {{{0, U32(1) + U32(5) + U32(4) + "abc\0"}, PropI4(5, 9)}, "5=int:9"}, // the dictionary left out
     };
-    for (const auto& c : cases) EXPECT_EQ(Read(c.Properties), c.Expected);
+    for (const auto& [properties, expected] : cases) EXPECT_EQ(Read(properties), expected);
 }
 
 TEST(KvPropertySet, SectionsInOrderWithTheirFormatIds) {
@@ -116,10 +90,7 @@ TEST(KvPropertySet, SectionsInOrderWithTheirFormatIds) {
     EXPECT_EQ(sections[1].FormatId, std::string(16, 'u'));
     EXPECT_EQ(Describe(sections[1].Properties.at(0)), "text:user");
     EXPECT_TRUE(KvReadPropertySet(PropertySetStream({})).empty());
-}
-
-TEST(KvPropertySet, SectionSizePastTheStreamIsCutToIt) {
-    // A writer counted 4 bytes past the end: the values lie inside, so they read.
+    // A section size 4 bytes past the stream's end is cut to it: the values lie inside.
     std::string bytes = PropertySetStream({{kSummaryFormatId, {PropString(2, "Title")}}});
     PutU32(bytes, 48, static_cast<uint32_t>(bytes.size() - 48 + 4));
     EXPECT_EQ(Describe(KvReadPropertySet(bytes).at(0).Properties.at(0)), "text:Title");
@@ -128,52 +99,37 @@ TEST(KvPropertySet, SectionSizePastTheStreamIsCutToIt) {
 TEST(KvPropertySet, DamageIsNamed) {
     const std::string good = PropertySetStream({{kSummaryFormatId, {PropString(2, "Title"), PropI4(14, 3)}}});
     // The section starts at 48: size, count, then (ID, offset) pairs from 56, values from 72.
-    const struct {
-        const char* Name;
-        std::function<void(std::string&)> Patch;
-        const char* Message;
-    } cases[] = {
-        {"byte order", [](std::string& b) { b[0] = 0; },
-         "damaged file at byte 0: the byte order mark is not FFFE"},
-        {"too short for a header", [](std::string& b) { b.resize(20); },
+    const std::vector<std::tuple<const char*, std::function<void(std::string&)>, const char*>> cases = {
+        {"byte order", [](auto& b) { b[0] = 0; }, "damaged file at byte 0: the byte order mark is not FFFE"},
+        {"short header", [](auto& b) { b.resize(20); },
          "unexpected end of stream at byte 2: reading 22 bytes, 18 left"},
-        {"section count past the stream", [](std::string& b) { PutU32(b, 24, 1000000); },
-         "the section headers need 20000000 bytes"},
-        {"section offset past the stream", [](std::string& b) { PutU32(b, 44, 5000); },
-         "a section at byte 5000"},
-        {"section size under its header", [](std::string& b) { PutU32(b, 48, 4); },
-         "the section's size is 4"},
-        {"property count past the section", [](std::string& b) { PutU32(b, 52, 0x10000000); },
-         "the property offsets need"},
-        {"property offset outside the section", [](std::string& b) { PutU32(b, 60, 400); },
+        {"section count", [](auto& b) { PutU32(b, 24, 1000000); }, "the section headers need 20000000 bytes"},
+        {"section offset", [](auto& b) { PutU32(b, 44, 5000); }, "a section at byte 5000"},
+        {"section size", [](auto& b) { PutU32(b, 48, 4); }, "the section's size is 4"},
+        {"property count", [](auto& b) { PutU32(b, 52, 0x10000000); }, "the property offsets need"},
+        {"property offset", [](auto& b) { PutU32(b, 60, 400); },
          "property 2 at offset 400, outside its section"},
-        {"string longer than the section", [](std::string& b) { PutU32(b, 48 + 24 + 4, 0x7FFFFFFF); },
+        {"string length", [](auto& b) { PutU32(b, 76, 0x7FFFFFFF); },
          "the string's bytes need 2147483647 bytes"},
-        {"value cut by the section's end",
-         [](std::string& b) {
-             PutU32(b, 48 + 16 + 4,
-                    static_cast<uint32_t>(b.size() - 48 - 4)); // the count's offset: its last 4 bytes
-         },
+        // the count's offset at its section's last 4 bytes
+        {"value cut", [](auto& b) { PutU32(b, 68, static_cast<uint32_t>(b.size() - 52)); },
          "unexpected end of property"},
+        // 8 offsets all naming the one 12-byte string of an 84-byte section
         {"every offset naming one string",
-         [](std::string& b) {
-             // 8 entries of the table all point at the one 12-byte string value of an 84-byte section.
-             std::string s =
-                 U16(0xFFFE) + U16(0) + U32(0) + std::string(16, '\0') + U32(1) + kSummaryFormatId + U32(48);
-             std::string table;
-             for (int i = 0; i < 8; ++i) table += U32(2 + i) + U32(72);
-             const std::string value = U32(30) + U32(4) + "abc" + '\0';
-             b = s + U32(8 + 64 + 12) + U32(8) + table + value;
+         [](auto& b) {
+             std::vector<RawProperty> eight;
+             for (uint32_t i = 0; i < 8; ++i) eight.push_back(PropString(2 + i, "abc"));
+             b = PropertySetStream({{kSummaryFormatId, eight}});
+             for (int i = 0; i < 8; ++i) PutU32(b, 60 + 8 * i, 72);
+             PutU32(b, 48, 84);
          },
          "the string values take more than the section's"},
     };
     ASSERT_EQ(ErrorOf(good), "");
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.Name);
+    for (const auto& [name, patch, message] : cases) {
         std::string bytes = good;
-        c.Patch(bytes);
-        const std::string message = ErrorOf(bytes);
-        EXPECT_NE(message.find(c.Message), std::string::npos) << message;
+        patch(bytes);
+        EXPECT_NE(ErrorOf(bytes).find(message), std::string::npos) << name << ": " << ErrorOf(bytes);
     }
 }
 

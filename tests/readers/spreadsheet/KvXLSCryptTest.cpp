@@ -1,7 +1,6 @@
-// Decryption of password-protected workbooks: every scheme on the shared corpus (each record after
-// FILEPASS must come out with a plausible layout and the known sheets, strings and numbers, read forwards
-// or backwards, and like the plain twins), wrong passwords, FILEPASS data that is cut short, damaged or of
-// no scheme we know, and the records and fields a writer leaves plain.
+// Decryption of password-protected workbooks: every scheme on the shared corpus (records after FILEPASS
+// must come out plausible, with the known sheets, strings and numbers, read forwards or backwards, and like
+// the plain twins), wrong passwords, FILEPASS data cut short, damaged or of no scheme we know.
 
 #include "readers/spreadsheet/KvXLSCrypt.h"
 
@@ -10,6 +9,8 @@
 #include "platform/Streams.h"
 #include "platform/Utf8.h"
 #include "readers/spreadsheet/KvCompoundFile.h"
+
+#include "support/CompoundFileBuilder.h"
 
 #include <gtest/gtest.h>
 
@@ -32,29 +33,23 @@ struct Record {
 };
 using Records = std::vector<Record>;
 
-/// The records of a workbook stream; a tail too short for a header (padding) is left out.
-Records SplitRecords(const std::string& stream) {
-    Records out;
-    TByteReader r(stream);
-    while (r.Remaining() >= 4) {
-        const uint16_t type = r.ReadU16LE(), size = r.ReadU16LE();
-        if (!r.Has(size)) break;
-        const uint64_t offset = r.Position();
-        out.push_back({type, offset, std::string(r.ReadBytes(size))});
-    }
-    return out;
-}
-
-/// The records of a corpus file's workbook stream; none when the file is absent.
+/// The records of a corpus file's workbook stream, a tail too short for a header left out; none when the
+/// file is absent.
 Records CorpusRecords(const std::string& name) {
     const std::string path = KV_SHARED_DIR "/corpus/xls/" + name;
     if (!std::filesystem::exists(path)) return {};
     TFileStream file(path, fmOpenRead | fmShareDenyNone);
     TKvCompoundFile cf(file);
-    const TKvCompoundEntry* entry = cf.Find("Workbook");
-    if (!entry) entry = cf.Find("Book");
+    const TKvCompoundEntry* entry = cf.Find("Workbook") ? cf.Find("Workbook") : cf.Find("Book");
     if (!entry) throw Exception(name + " holds no workbook stream");
-    return SplitRecords(cf.ReadStream(*entry));
+    const std::string stream = cf.ReadStream(*entry);
+    Records out;
+    for (TByteReader r(stream); r.Remaining() >= 4;) {
+        const uint16_t type = r.ReadU16LE(), size = r.ReadU16LE();
+        if (!r.Has(size)) break;
+        out.push_back({type, r.Position(), std::string(r.ReadBytes(size))});
+    }
+    return out;
 }
 
 bool IsBiff8(const Records& records) {
@@ -119,18 +114,14 @@ Contents Inspect(const Records& records) {
         const int row = cell ? r.ReadU16LE() : 0, column = cell ? r.ReadU16LE() : 0;
         if (column >= 256) fail("column");
         auto number = [&](double v, int offset = 0) { c.Numbers[{substream, row, column + offset}] = v; };
-        switch (rec.Type) {
-        case kBOF:
-            ++substream;
-            break;
-        case kBoundSheet: {
+        if (rec.Type == kBOF) ++substream;
+        if (rec.Type == kBoundSheet) {
             if (!bofs.count(r.ReadU32LE())) fail("sheet position");
             r.Skip(2);
             const size_t count = r.ReadU8();
             text(count, biff8 && (r.ReadU8() & 1), c.Sheets);
-            break;
         }
-        case 0x00FC: // SST: the strings wholly in the record
+        if (rec.Type == 0x00FC) // SST: the strings wholly in the record
             for (r.Skip(8); r.Remaining() >= 3;) {
                 const size_t count = r.ReadU16LE(), flags = r.ReadU8();
                 const size_t runs = (flags & 8) ? r.ReadU16LE() : 0, ext = (flags & 4) ? r.ReadU32LE() : 0;
@@ -138,22 +129,14 @@ Contents Inspect(const Records& records) {
                 text(count, flags & 1, c.Strings);
                 r.Skip(runs * 4 + ext);
             }
-            break;
-        case 0x0203:
-            r.Skip(2), number(r.ReadDoubleLE());
-            break; // NUMBER
-        case 0x027E:
-            r.Skip(2), number(RkValue(r.ReadU32LE()));
-            break;   // RK
-        case 0x00BD: // MULRK: (format, RK) pairs
-            for (int i = 0; r.Remaining() > 2; ++i) r.Skip(2), number(RkValue(r.ReadU32LE()), i);
-            break;
-        case 0x0006: { // FORMULA: a value whose top two bytes are 0xFFFF is not a number
-            r.Skip(2);
+        if (cell && rec.Type != 0x00BD) r.Skip(2); // the format
+        if (rec.Type == 0x0203) number(r.ReadDoubleLE());
+        if (rec.Type == 0x027E) number(RkValue(r.ReadU32LE()));
+        for (int i = 0; rec.Type == 0x00BD && r.Remaining() > 2; ++i) // MULRK: (format, RK) pairs
+            r.Skip(2), number(RkValue(r.ReadU32LE()), i);
+        if (rec.Type == 0x0006) { // FORMULA: a value whose top two bytes are 0xFFFF is not a number
             const uint64_t bits = r.ReadU64LE();
             if (bits >> 48 != 0xFFFF) number(std::bit_cast<double>(bits));
-            break;
-        }
         }
     }
     return c;
@@ -300,80 +283,59 @@ TEST(XLSCryptTest, DecryptsLikeItsPlainTwinCellForCell) {
 
 // ---- FILEPASS data made here ----
 
-struct Bytes {
-    std::string s;
-    Bytes& U16(uint16_t v) { return Put(v, 2); }
-    Bytes& U32(uint32_t v) { return Put(v, 4); }
-    Bytes& Fill(size_t n) { return s.append(n, '\x5A'), *this; }
-    Bytes& Put(uint32_t v, int n) {
-        for (int i = 0; i < n; ++i) s.push_back(static_cast<char>(v >> (8 * i)));
-        return *this;
-    }
-};
+using test::U16, test::U32;
 
-struct CryptoApiFields {
-    uint32_t Algorithm = 0x6801, Hash = 0x8004, KeyBits = 128, SaltSize = 16, HashSize = 20;
-    int HeaderSizeChange = 0;
-};
-
-std::string CryptoApiFilePass(const CryptoApiFields& f) {
-    Bytes header;
-    header.U32(0x0C).U32(0).U32(f.Algorithm).U32(f.Hash).U32(f.KeyBits).U32(1).U32(0).U32(0).U16('X').U16(0);
-    Bytes b;
-    b.U16(1).U16(4).U16(2).U32(0x0C).U32(static_cast<uint32_t>(header.s.size() + f.HeaderSizeChange));
-    b.s += header.s;
-    return b.U32(f.SaltSize).Fill(32).U32(f.HashSize).Fill(20).s;
-}
-
-std::string Rc4FilePass(uint16_t major, uint16_t minor) {
-    return Bytes().U16(1).U16(major).U16(minor).Fill(48).s;
+std::string CryptoApiFilePass(uint32_t algorithm, uint32_t hash, uint32_t keyBits, uint32_t saltSize = 16,
+                              int headerSizeChange = 0) {
+    const std::string header = U32(0x0C) + U32(0) + U32(algorithm) + U32(hash) + U32(keyBits) + U32(1) +
+                               U32(0) + U32(0) + U16('X') + U16(0);
+    return U16(1) + U16(4) + U16(2) + U32(0x0C) +
+           U32(static_cast<uint32_t>(header.size() + headerSizeChange)) + header + U32(saltSize) +
+           std::string(32, 'Z') + U32(20) + std::string(20, 'Z');
 }
 
 TEST(XLSCryptTest, FilePassLayouts) {
-    const std::string api = CryptoApiFilePass({});
-    const struct {
-        const char* Name;
-        bool Biff8;
-        std::string Data;
-        std::string Outcome; ///< "truncated", "damaged", "none" (no scheme we know) or the description
-    } cases[] = {
+    const std::string api = CryptoApiFilePass(0x6801, 0x8004, 128),
+                      rc4 = U16(1) + U16(1) + U16(1) + std::string(48, 'Z');
+    // The outcome: "truncated", "damaged", "none" (no scheme we know) or the description.
+    const std::vector<std::tuple<const char*, bool, std::string, std::string>> cases = {
         {"BIFF5 XOR cut", false, "\x4A\x51\x1A", "truncated"},
         {"BIFF8 empty", true, "", "truncated"},
-        {"BIFF8 XOR type only", true, Bytes().U16(0).s, "truncated"},
-        {"RC4 verifier hash cut", true, Rc4FilePass(1, 1).substr(0, 53), "truncated"},
-        {"RC4 version 1.2", true, Rc4FilePass(1, 2), "none"},
-        {"unknown type", true, Bytes().U16(2).Fill(60).s, "none"},
-        {"CryptoAPI key size 0", true, CryptoApiFilePass({.KeyBits = 0}), "RC4 CryptoAPI, 40-bit key"},
-        {"CryptoAPI 56-bit", true, CryptoApiFilePass({.KeyBits = 56}), "RC4 CryptoAPI, 56-bit key"},
-        {"CryptoAPI default algorithms", true, CryptoApiFilePass({.Algorithm = 0, .Hash = 0}), kApi128},
-        {"CryptoAPI AES", true, CryptoApiFilePass({.Algorithm = 0x660E}), "none"},
-        {"CryptoAPI header beyond the record", true, CryptoApiFilePass({.HeaderSizeChange = 1000}),
+        {"BIFF8 XOR type only", true, U16(0), "truncated"},
+        {"RC4 verifier hash cut", true, rc4.substr(0, 53), "truncated"},
+        {"RC4 version 1.2", true, U16(1) + U16(1) + U16(2) + std::string(48, 'Z'), "none"},
+        {"unknown type", true, U16(2) + std::string(60, 'Z'), "none"},
+        {"CryptoAPI key size 0", true, CryptoApiFilePass(0x6801, 0x8004, 0), "RC4 CryptoAPI, 40-bit key"},
+        {"CryptoAPI 56-bit", true, CryptoApiFilePass(0x6801, 0x8004, 56), "RC4 CryptoAPI, 56-bit key"},
+        {"CryptoAPI default algorithms", true, CryptoApiFilePass(0, 0, 128), kApi128},
+        {"CryptoAPI AES", true, CryptoApiFilePass(0x660E, 0x8004, 128), "none"},
+        {"CryptoAPI header beyond the record", true, CryptoApiFilePass(0x6801, 0x8004, 128, 16, 1000),
          "truncated"},
         {"CryptoAPI verifier hash cut", true, api.substr(0, api.size() - 1), "truncated"},
-        {"CryptoAPI header of 16 bytes", true, CryptoApiFilePass({.HeaderSizeChange = -20}), "damaged"},
-        {"CryptoAPI 200-bit key", true, CryptoApiFilePass({.KeyBits = 200}), "damaged"},
-        {"CryptoAPI salt of 8 bytes", true, CryptoApiFilePass({.SaltSize = 8}), "damaged"},
+        {"CryptoAPI header of 16 bytes", true, CryptoApiFilePass(0x6801, 0x8004, 128, 16, -20), "damaged"},
+        {"CryptoAPI 200-bit key", true, CryptoApiFilePass(0x6801, 0x8004, 200), "damaged"},
+        {"CryptoAPI salt of 8 bytes", true, CryptoApiFilePass(0x6801, 0x8004, 128, 8), "damaged"},
     };
     constexpr uint64_t kAt = 1000;
-    for (const auto& t : cases) {
-        SCOPED_TRACE(t.Name);
+    for (const auto& [name, biff8, data, expected] : cases) {
+        SCOPED_TRACE(name);
         std::string outcome;
         try {
-            auto d = TKvBIFFDecryptor::FromFilePass(t.Data, t.Biff8, kAt);
+            auto d = TKvBIFFDecryptor::FromFilePass(data, biff8, kAt);
             outcome = d ? d->Description() : "none";
         } catch (const EKvFormatError& e) {
             outcome = e.Kind() == fekTruncated ? "truncated" : "damaged";
             EXPECT_EQ(e.Format(), "Excel");
             EXPECT_GE(e.Offset(), kAt);
-            EXPECT_LE(e.Offset(), kAt + t.Data.size());
+            EXPECT_LE(e.Offset(), kAt + data.size());
         }
-        EXPECT_EQ(outcome, t.Outcome);
+        EXPECT_EQ(outcome, expected);
     }
 }
 
 TEST(XLSCryptTest, XorPasswordsAreTakenInWindows1252) {
     // The key and verifier of the bytes "Gr\xFC\xDF" "e\x80": the euro sign is 0x80 there, not in Latin-1.
-    auto d = TKvBIFFDecryptor::FromFilePass(Bytes().U16(0).U16(0x7E23).U16(0xE9BB).s, true, 0);
+    auto d = TKvBIFFDecryptor::FromFilePass(U16(0) + U16(0x7E23) + U16(0xE9BB), true, 0);
     EXPECT_FALSE(d->Verify("Grüße"));
     EXPECT_FALSE(d->Verify("Grusse€"));
     EXPECT_TRUE(d->Verify("Grüße€"));
