@@ -212,7 +212,7 @@ const Variant& TDataSet::CurrentValue(int index) const {
     static const Variant null = Variant::Null();
     if (!hasRecord_ || state_ == dsInactive) return null;
     if (!loaded_) {
-        current_.assign(fields_.size(), Variant::Null());
+        current_.clear();
         const_cast<TDataSet*>(this)->InternalReadRecord(current_);
         current_.resize(fields_.size(), Variant::Null());
         loaded_ = true;
@@ -341,7 +341,8 @@ bool TDataSet::Locate(const std::string& keyFields, const Variant& keyValues, TL
     }
     const std::vector<int>& indexes = locateIndexes_;
     if (indexes.empty()) return false;
-    std::vector<Variant> values;
+    std::vector<Variant>& values = locateValues_;
+    values.clear();
     if (indexes.size() == 1) {
         values.push_back(keyValues.IsArray() && keyValues.ItemCount() > 0 ? keyValues.Item(0) : keyValues);
     } else {

@@ -206,9 +206,18 @@ public:
     TField& FieldByName(std::string_view name) const;
     Variant GetFieldValue(std::string_view name) const { return FieldByName(name).Value(); }
 
-    /// What a published property of that name would give ("TableName", "IndexFieldName", ...).
+    /// Asks the dataset to read the records after the current one on a thread of its own while the caller
+    /// works through them with First and Next; `writtenMeanwhile` is the dataset the caller writes to in the
+    /// meantime. True when it does. Any other use of the dataset (a write, a Locate, Close) ends it, as
+    /// does StopReadAhead; the records read stay the same either way.
+    virtual bool ReadAhead(const TDataSet* writtenMeanwhile) {
+        (void)writtenMeanwhile;
+        return false;
+    }
+    virtual void StopReadAhead() {}
     /// True when any value can be stored in any field, whatever its type (SetValueAsItStands).
     virtual bool StoresAnyValue() const { return false; }
+    /// What a published property of that name would give ("TableName", "IndexFieldName", ...).
     virtual std::optional<std::string> PublishedProperty(const std::string& name) const {
         (void)name;
         return std::nullopt;
@@ -223,7 +232,7 @@ protected:
     virtual bool InternalFirst() = 0;
     /// Moves to the next record; false (position unchanged) at the end.
     virtual bool InternalNext() = 0;
-    /// The current record's values, one per field.
+    /// The current record's values, one per field, into `values`, which comes empty (nothing for no record).
     virtual void InternalReadRecord(std::vector<Variant>& values) = 0;
     /// Writes a new record (`inserting`) or the current one from `values`; `assigned[i]` marks the fields
     /// that were set. Afterwards the cursor is on the written record.
@@ -258,8 +267,9 @@ private:
     mutable std::vector<Variant> current_;
     std::vector<Variant> buffer_;
     TAssignedFields assigned_;
-    std::string locateFields_;       ///< the key fields of the last Locate
-    std::vector<int> locateIndexes_; ///< and their indexes
+    std::string locateFields_;          ///< the key fields of the last Locate
+    std::vector<int> locateIndexes_;    ///< and their indexes
+    std::vector<Variant> locateValues_; ///< the keys of the last Locate, its storage kept for the next
 };
 
 } // namespace kv

@@ -1,5 +1,8 @@
 #include "datasets/KvSQLiteDataSet.h"
 
+#include "datasets/KvSQLiteInternal.h"
+#include "datasets/KvSQLiteReadAhead.h"
+
 #include "platform/DateUtils.h"
 #include "platform/SysUtils.h"
 #include "platform/Utf8.h"
@@ -7,6 +10,7 @@
 #include <algorithm>
 #include <atomic>
 #include <climits>
+#include <filesystem>
 #include <sqlite3.h>
 
 namespace kv {
@@ -163,7 +167,9 @@ bool ParseISODateTime(std::string_view s, TDateTime& out) {
     return TryISO8601ToDateTime(s, out) || TryISO8601ToTime(s, out);
 }
 
-Variant ColumnValue(sqlite3_stmt* statement, int column, TFieldType type) {
+} // namespace
+
+Variant SQLiteColumnValue(sqlite3_stmt* statement, int column, TFieldType type) {
     switch (sqlite3_column_type(statement, column)) {
     case SQLITE_INTEGER: {
         const int64_t value = sqlite3_column_int64(statement, column);
@@ -192,8 +198,6 @@ Variant ColumnValue(sqlite3_stmt* statement, int column, TFieldType type) {
         return Variant::Null();
     }
 }
-
-} // namespace
 
 // ---- TKvSQLiteDatabase ----
 
@@ -261,11 +265,6 @@ bool RefusesEveryWrite(int code) {
     }
 }
 
-[[noreturn]] void Raise(int code, const std::string& message) {
-    if (RefusesEveryWrite(code)) throw EDatabaseUnwritable(message);
-    throw EDatabaseError(message);
-}
-
 // Whether SQLite answers the query by scanning a table (rather than searching an index).
 bool ScansTable(TKvSQLiteDatabase& db, const std::string& sql) {
     TSQLiteStatement plan = db.Prepare("EXPLAIN QUERY PLAN " + sql);
@@ -281,9 +280,14 @@ bool ScansTable(TKvSQLiteDatabase& db, const std::string& sql) {
 
 } // namespace
 
+void RaiseSQLiteError(int code, const std::string& message) {
+    if (RefusesEveryWrite(code)) throw EDatabaseUnwritable(message);
+    throw EDatabaseError(message);
+}
+
 void TKvSQLiteDatabase::RaiseError() const {
     if (!db_) throw EDatabaseError("The database is not open");
-    Raise(sqlite3_extended_errcode(db_), sqlite3_errmsg(db_));
+    RaiseSQLiteError(sqlite3_extended_errcode(db_), sqlite3_errmsg(db_));
 }
 
 void TKvSQLiteDatabase::Execute(const std::string& sql) {
@@ -292,7 +296,7 @@ void TKvSQLiteDatabase::Execute(const std::string& sql) {
     if (const int rc = sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, &error); rc != SQLITE_OK) {
         const std::string message = error ? error : sqlite3_errmsg(db_);
         sqlite3_free(error);
-        Raise(rc, message);
+        RaiseSQLiteError(rc, message);
     }
 }
 
@@ -589,12 +593,14 @@ std::vector<TFieldDef> TKvSQLiteDataSet::InternalOpen() {
 }
 
 void TKvSQLiteDataSet::InternalClose() {
+    readAhead_.reset();
     for (const auto& [fields, table] : keyTables_) DropKeyTable(table);
     keyTables_.clear();
     keyTablesRefused_.clear();
     lookupScans_.clear();
     statements_.clear();
-    lastPostStatement_ = nullptr;
+    lastPost_[0] = lastPost_[1] = {};
+    lastLocate_ = {};
     forward_.reset();
     forwardDone_ = true;
     columns_.clear();
@@ -606,10 +612,12 @@ void TKvSQLiteDataSet::InternalClose() {
 
 void TKvSQLiteDataSet::ReadRow(sqlite3_stmt* statement, int firstColumn, std::vector<Variant>& out) const {
     for (size_t i = 0; i < columns_.size(); ++i)
-        out.push_back(ColumnValue(statement, firstColumn + static_cast<int>(i), columns_[i].Def.DataType));
+        out.push_back(
+            SQLiteColumnValue(statement, firstColumn + static_cast<int>(i), columns_[i].Def.DataType));
 }
 
 size_t TKvSQLiteDataSet::FillWindow(int64_t from) {
+    readAhead_.reset(); // a read out of order: this connection reads on from here
     static const std::string key = "window";
     sqlite3_stmt* statement = FindStatement(key);
     if (!statement)
@@ -619,6 +627,7 @@ size_t TKvSQLiteDataSet::FillWindow(int64_t from) {
     windowRowids_.clear();
     windowValues_.clear();
     windowPos_ = 0;
+    windowTaken_ = SIZE_MAX;
     windowValid_ = false;
     TResetGuard reset(statement);
     sqlite3_bind_int64(statement, 1, from);
@@ -642,7 +651,12 @@ bool TKvSQLiteDataSet::InternalFirst() {
         windowValid_ = false;
         return ForwardStep();
     }
-    onRow_ = FillWindow(INT64_MIN) > 0;
+    if (readAhead_) {
+        readAhead_->Start(INT64_MIN);
+        onRow_ = TakeReadAheadWindow();
+    } else {
+        onRow_ = FillWindow(INT64_MIN) > 0;
+    }
     if (onRow_) rowid_ = windowRowids_[0];
     return onRow_;
 }
@@ -654,9 +668,63 @@ bool TKvSQLiteDataSet::InternalNext() {
         rowid_ = windowRowids_[++windowPos_];
         return true;
     }
-    if (rowid_ == INT64_MAX || FillWindow(rowid_ + 1) == 0) return false;
+    if (rowid_ == INT64_MAX) return false;
+    if (readAhead_) {
+        if (!readAhead_->Running()) readAhead_->Start(rowid_ + 1);
+        if (!TakeReadAheadWindow()) return false;
+    } else if (FillWindow(rowid_ + 1) == 0) {
+        return false;
+    }
     rowid_ = windowRowids_[0];
     return true;
+}
+
+bool TKvSQLiteDataSet::TakeReadAheadWindow() {
+    TKvSQLiteReadAhead::TWindow window{std::move(windowRowids_), std::move(windowValues_)};
+    windowRowids_.clear();
+    windowValues_.clear();
+    windowPos_ = 0;
+    windowTaken_ = SIZE_MAX;
+    windowValid_ = false;
+    if (!readAhead_->Take(window)) return false;
+    windowRowids_ = std::move(window.Rowids);
+    windowValues_ = std::move(window.Values);
+    windowValid_ = true;
+    return true;
+}
+
+std::string TKvSQLiteDataSet::FileOfTable() const {
+    if (!db_ || !db_->Handle()) return {};
+    const char* file = sqlite3_db_filename(db_->Handle(), schema_.empty() ? "main" : schema_.c_str());
+    return file ? file : "";
+}
+
+bool TKvSQLiteDataSet::ReadAhead(const TDataSet* writtenMeanwhile) {
+    if (!Active() || !hasRowid_ || db_->InTransaction()) return false;
+    const std::string file = FileOfTable();
+    if (file.empty()) return false;
+    if (const auto* other = dynamic_cast<const TKvSQLiteDataSet*>(writtenMeanwhile)) {
+        const std::string written = other->FileOfTable();
+        std::error_code error;
+        if (written.empty() || written == file || std::filesystem::equivalent(written, file, error) || error)
+            return false;
+    }
+    std::vector<TFieldType> types;
+    for (const TColumn& column : columns_) types.push_back(column.Def.DataType);
+    try {
+        readAhead_ = std::make_unique<TKvSQLiteReadAhead>(
+            file, db_->BusyTimeout(),
+            "SELECT " + rowidName_ + ", " + ColumnList() + " FROM " + QuotedTable() + " WHERE " + rowidName_ +
+                " >= ?1 ORDER BY " + rowidName_ + " LIMIT ?2",
+            std::move(types));
+    } catch (const EDatabaseError&) {
+        return false; // read on this connection, as without
+    }
+    return true;
+}
+
+void TKvSQLiteDataSet::StopReadAhead() {
+    readAhead_.reset();
 }
 
 void TKvSQLiteDataSet::InternalReadRecord(std::vector<Variant>& values) {
@@ -673,8 +741,22 @@ void TKvSQLiteDataSet::InternalReadRecord(std::vector<Variant>& values) {
         return;
     }
     const size_t n = columns_.size();
-    const auto first = windowValues_.begin() + static_cast<std::ptrdiff_t>(windowPos_ * n);
-    values.assign(first, first + static_cast<std::ptrdiff_t>(n));
+    auto first = windowValues_.begin() + static_cast<std::ptrdiff_t>(windowPos_ * n);
+    if (!hasRowid_) {
+        values.assign(first, first + static_cast<std::ptrdiff_t>(n));
+        return;
+    }
+    if (windowPos_ == windowTaken_) { // read again: its values were handed over the first time
+        if (FillWindow(rowid_) == 0 || windowRowids_[0] != rowid_) {
+            windowValid_ = false;
+            return;
+        }
+        first = windowValues_.begin();
+    }
+    // A row is read into the record once per visit: its values move there rather than being copied.
+    values.assign(std::make_move_iterator(first),
+                  std::make_move_iterator(first + static_cast<std::ptrdiff_t>(n)));
+    windowTaken_ = windowPos_;
 }
 
 void TKvSQLiteDataSet::BindValue(sqlite3_stmt* statement, int parameter, const Variant& value,
@@ -700,9 +782,10 @@ void TKvSQLiteDataSet::BindValue(sqlite3_stmt* statement, int parameter, const V
         const auto slot = static_cast<size_t>(parameter - 1);
         if (boundTexts_.size() <= slot) boundTexts_.resize(slot + 1);
         std::string& text = boundTexts_[slot];
-        text = column.Def.DataType == ftDate   ? DateToISO8601(t)
-               : column.Def.DataType == ftTime ? TimeToISO8601(t)
-                                               : DateTimeToISO8601(t);
+        char buffer[kISO8601Size];
+        text.assign(buffer, column.Def.DataType == ftDate   ? PutDateISO8601(t, buffer)
+                            : column.Def.DataType == ftTime ? PutTimeISO8601(t, buffer)
+                                                            : PutDateTimeISO8601(t, buffer));
         rc = sqlite3_bind_text64(statement, parameter, text.data(), text.size(), SQLITE_STATIC, SQLITE_UTF8);
         break;
     }
@@ -726,6 +809,7 @@ void TKvSQLiteDataSet::BindValue(sqlite3_stmt* statement, int parameter, const V
 void TKvSQLiteDataSet::InternalPost(bool inserting, const std::vector<Variant>& values,
                                     const TAssignedFields& given) {
     CheckWritable();
+    if (readAhead_) readAhead_.reset(); // writes and reads go through this connection from here
     // Setting the rowid to the value it has would make SQLite move the row to where it already is.
     const TAssignedFields* assignedFields = &given;
     if (!inserting) {
@@ -740,8 +824,9 @@ void TKvSQLiteDataSet::InternalPost(bool inserting, const std::vector<Variant>& 
     }
     const TAssignedFields& assigned = *assignedFields;
     // Rows of one import assign the same fields: the statement of the last write usually serves again.
-    if (lastPostStatement_ && inserting == lastPostInserting_ && assigned == lastPostAssigned_) {
-        BindAndStep(lastPostStatement_, inserting, values, assigned);
+    TLastPost& last = lastPost_[inserting ? 1 : 0];
+    if (last.Statement && assigned == last.Assigned) {
+        BindAndStep(last.Statement, inserting, values, assigned);
         return;
     }
     std::string key(1, inserting ? 'i' : 'u');
@@ -778,9 +863,8 @@ void TKvSQLiteDataSet::InternalPost(bool inserting, const std::vector<Variant>& 
         }
         statement = AddStatement(key, sql);
     }
-    lastPostStatement_ = statement;
-    lastPostInserting_ = inserting;
-    lastPostAssigned_ = assigned;
+    last.Statement = statement;
+    last.Assigned = assigned;
     BindAndStep(statement, inserting, values, assigned);
 }
 
@@ -812,6 +896,7 @@ void TKvSQLiteDataSet::BindAndStep(sqlite3_stmt* statement, bool inserting,
 
 bool TKvSQLiteDataSet::InternalDelete() {
     CheckWritable();
+    readAhead_.reset();
     if (!onRow_) return false;
     static const std::string key = "delete";
     sqlite3_stmt* statement = FindStatement(key);
@@ -840,58 +925,70 @@ bool TKvSQLiteDataSet::InternalLocate(const std::vector<int>& fields, const std:
     // The keys come in their fields' types already (a column without a declared type converts nothing).
     const std::vector<Variant>& keys = values;
     if (!hasRowid_) return ForwardLocate(fields, keys, options);
+    readAhead_.reset();
 
     const bool noCase = options.Contains(loCaseInsensitive), partial = options.Contains(loPartialKey);
-    std::string key = "l";
+    const bool plain = !noCase && !partial;
     bool exact = true; // every field compared with IS, as a key table compares
-    for (size_t k = 0; k < fields.size(); ++k) {
-        char mode = '=';
-        if (keys[k].IsString() && (noCase || partial)) {
-            // SQLite folds the case of ASCII letters only; other texts are compared here, row by row.
-            if (noCase && !IsAscii(keys[k].StringRef())) return ScanLocate(fields, keys, options);
-            mode = partial ? (noCase ? 'P' : 'p') : 'n';
-            exact = false;
+    sqlite3_stmt* statement = nullptr;
+    bool scans = false;
+    if (plain && keyTables_.empty() && lastLocate_.Statement && lastLocate_.Fields == fields) {
+        statement = lastLocate_.Statement;
+        scans = lastLocate_.Scans;
+    } else {
+        std::string key = "l";
+        for (size_t k = 0; k < fields.size(); ++k) {
+            char mode = '=';
+            if (keys[k].IsString() && (noCase || partial)) {
+                // SQLite folds the case of ASCII letters only; other texts are compared here, row by row.
+                if (noCase && !IsAscii(keys[k].StringRef())) return ScanLocate(fields, keys, options);
+                mode = partial ? (noCase ? 'P' : 'p') : 'n';
+                exact = false;
+            }
+            key += IntToStr(fields[k]) + mode;
         }
-        key += IntToStr(fields[k]) + mode;
-    }
-    // Made only where key tables are in play: a lookup through an index builds no second key.
-    const std::string fieldsKey = exact && !keyTables_.empty() ? FieldsKey(fields) : std::string();
-    if (exact && !keyTables_.empty()) {
-        if (auto found = keyTables_.find(fieldsKey); found != keyTables_.end()) {
-            TKeyTable* table = &found->second;
-            // Rows another connection committed are not in the key table: copy the keys afresh.
-            if (DataVersion() != table->DataVersion) table = BuildKeyTable(fieldsKey, fields);
-            if (table) {
-                if (const std::optional<bool> located = KeyTableLocate(*table, fields, keys)) return *located;
-                // A rollback took the key table away with the transaction that made it.
-                if ((table = BuildKeyTable(fieldsKey, fields)) != nullptr) {
+        // Made only where key tables are in play: a lookup through an index builds no second key.
+        const std::string fieldsKey = exact && !keyTables_.empty() ? FieldsKey(fields) : std::string();
+        if (exact && !keyTables_.empty()) {
+            if (auto found = keyTables_.find(fieldsKey); found != keyTables_.end()) {
+                TKeyTable* table = &found->second;
+                // Rows another connection committed are not in the key table: copy the keys afresh.
+                if (DataVersion() != table->DataVersion) table = BuildKeyTable(fieldsKey, fields);
+                if (table) {
                     if (const std::optional<bool> located = KeyTableLocate(*table, fields, keys))
                         return *located;
-                    db_->RaiseError();
+                    // A rollback took the key table away with the transaction that made it.
+                    if ((table = BuildKeyTable(fieldsKey, fields)) != nullptr) {
+                        if (const std::optional<bool> located = KeyTableLocate(*table, fields, keys))
+                            return *located;
+                        db_->RaiseError();
+                    }
                 }
             }
         }
-    }
-    sqlite3_stmt* statement = FindStatement(key);
-    if (!statement) {
-        std::string sql = "SELECT " + rowidName_ + " FROM " + QuotedTable() + " WHERE ";
-        for (size_t k = 0; k < fields.size(); ++k) {
-            const std::string column =
-                TKvSQLiteDatabase::QuoteIdentifier(columns_[static_cast<size_t>(fields[k])].Def.Name);
-            const std::string parameter = "?" + IntToStr(static_cast<int64_t>(k) + 1);
-            if (k) sql += " AND ";
-            const bool text = keys[k].IsString() && (noCase || partial);
-            if (!text)
-                sql += column + " IS " + parameter;
-            else if (partial)
-                sql += "substr(" + column + ", 1, length(" + parameter + ")) = " + parameter;
-            else
-                sql += column + " = " + parameter;
-            if (text && noCase) sql += " COLLATE NOCASE";
+        statement = FindStatement(key);
+        if (!statement) {
+            std::string sql = "SELECT " + rowidName_ + " FROM " + QuotedTable() + " WHERE ";
+            for (size_t k = 0; k < fields.size(); ++k) {
+                const std::string column =
+                    TKvSQLiteDatabase::QuoteIdentifier(columns_[static_cast<size_t>(fields[k])].Def.Name);
+                const std::string parameter = "?" + IntToStr(static_cast<int64_t>(k) + 1);
+                if (k) sql += " AND ";
+                const bool text = keys[k].IsString() && (noCase || partial);
+                if (!text)
+                    sql += column + " IS " + parameter;
+                else if (partial)
+                    sql += "substr(" + column + ", 1, length(" + parameter + ")) = " + parameter;
+                else
+                    sql += column + " = " + parameter;
+                if (text && noCase) sql += " COLLATE NOCASE";
+            }
+            sql += " ORDER BY " + rowidName_ + " LIMIT 1";
+            statement = AddStatement(key, sql);
+            lookupScans_[key] = exact && ScansTable(*db_, sql);
         }
-        sql += " ORDER BY " + rowidName_ + " LIMIT 1";
-        statement = AddStatement(key, sql);
-        lookupScans_[key] = exact && ScansTable(*db_, sql);
+        scans = lookupScans_[key];
+        if (plain) lastLocate_ = {statement, fields, scans};
     }
     bool located = false;
     {
@@ -908,7 +1005,7 @@ bool TKvSQLiteDataSet::InternalLocate(const std::vector<int>& fields, const std:
         }
     }
     // Enough rows scanned to pay for copying the keys once: later lookups go to a key table.
-    if (exact && lookupScans_[key] && keyTableThreshold_ >= 0 &&
+    if (exact && scans && keyTableThreshold_ >= 0 &&
         sqlite3_stmt_status(statement, SQLITE_STMTSTATUS_FULLSCAN_STEP, 0) >= keyTableThreshold_) {
         const std::string scanned = FieldsKey(fields);
         if (!keyTablesRefused_.contains(scanned)) BuildKeyTable(scanned, fields);
@@ -1001,7 +1098,8 @@ TKvSQLiteDataSet::TKeyTable* TKvSQLiteDataSet::BuildKeyTable(const std::string& 
     }
     // Writes prepared before the triggers existed are prepared again, so that they run them.
     statements_.clear();
-    lastPostStatement_ = nullptr;
+    lastPost_[0] = lastPost_[1] = {};
+    lastLocate_ = {};
     lookupScans_.clear();
     return &keyTables_.insert_or_assign(key, std::move(table)).first->second;
 }

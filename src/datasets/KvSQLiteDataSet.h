@@ -7,6 +7,10 @@
 // commit or roll back at any time). Writes are prepared INSERT/UPDATE/DELETE statements by rowid; the
 // dataset never starts or ends a transaction itself.
 //
+// Asked to read ahead, a table of a file walked by First and Next has its next windows read on a thread and
+// a read-only connection of their own (TKvSQLiteReadAhead) while the caller works on the rows before them;
+// the first write, Locate or Close goes back to reading on the dataset's connection.
+//
 // Views and tables WITHOUT ROWID have no stable row address: they are read forward through one
 // statement (Locate scans from the start) and refuse every write.
 //
@@ -41,6 +45,7 @@ struct TSQLiteStatementFinalizer {
 using TSQLiteStatement = std::unique_ptr<sqlite3_stmt, TSQLiteStatementFinalizer>;
 
 class TKvSQLiteDataSet;
+class TKvSQLiteReadAhead;
 
 /// A connection to an SQLite database file. Closing it (or destroying it) closes the datasets that use it.
 class TKvSQLiteDatabase : public TKvDatabase {
@@ -136,6 +141,11 @@ public:
     /// "TableName"; "IndexFieldName": the primary key's columns in key order joined by ";" (an INTEGER
     /// PRIMARY KEY included), nothing when the table has no primary key.
     std::optional<std::string> PublishedProperty(const std::string& name) const override;
+    /// Reads on through a read-only connection of its own to the table's file, which sees what is
+    /// committed: only for a table of a file (not a temp or in-memory one) that `writtenMeanwhile` does not
+    /// write to, while this connection has no transaction open.
+    bool ReadAhead(const TDataSet* writtenMeanwhile) override;
+    void StopReadAhead() override;
     /// SQLite keeps any value in any column: text in an INTEGER column stays text.
     bool StoresAnyValue() const override { return true; }
     std::string ClassName() const override { return "TKvSQLiteDataSet"; }
@@ -178,6 +188,10 @@ private:
     sqlite3_stmt* AddStatement(const std::string& key, const std::string& sql);
     /// Reads up to FetchSize rows from rowid `from` on into the window; the number read.
     size_t FillWindow(int64_t from);
+    /// Makes the read-ahead's next window the window; false at the end of the table.
+    bool TakeReadAheadWindow();
+    /// The file holding the table, "" when it is in memory or in the temp schema.
+    std::string FileOfTable() const;
     void ReadRow(sqlite3_stmt* statement, int firstColumn, std::vector<Variant>& out) const;
     void BindValue(sqlite3_stmt* statement, int parameter, const Variant& value, const TColumn& column) const;
     bool KeysMatch(const std::vector<Variant>& row, const std::vector<int>& fields,
@@ -218,10 +232,19 @@ private:
     bool hasRowid_ = false;
     std::string rowidName_;
     std::map<std::string, TSQLiteStatement> statements_;
-    // The statement of the last write and what it wrote (cleared with the statements).
-    sqlite3_stmt* lastPostStatement_ = nullptr;
-    bool lastPostInserting_ = false;
-    TAssignedFields lastPostAssigned_;
+    // The statements of the last update and the last insert and what they wrote, and of the last lookup
+    // by an index (cleared with the statements): an import repeats them row after row.
+    struct TLastPost {
+        sqlite3_stmt* Statement = nullptr;
+        TAssignedFields Assigned;
+    };
+    TLastPost lastPost_[2];
+    struct TLastLocate {
+        sqlite3_stmt* Statement = nullptr;
+        std::vector<int> Fields;
+        bool Scans = false;
+    };
+    TLastLocate lastLocate_;
     TAssignedFields unchangedRowid_; ///< an update's fields without a rowid it leaves as it is
     // The texts of bound dates, by parameter: they stay in place until the statement has run, as SQLite
     // needs (a deque does not move its items when it grows).
@@ -234,7 +257,9 @@ private:
     std::vector<int64_t> windowRowids_;
     std::vector<Variant> windowValues_;
     size_t windowPos_ = 0;
+    size_t windowTaken_ = SIZE_MAX; ///< the row whose values were moved out to the record
     bool windowValid_ = false;
+    std::unique_ptr<TKvSQLiteReadAhead> readAhead_; ///< while reading ahead
 
     // Reading without rowid: one statement stepped forward, the row it stands on, and how many rows came
     // before it (to come back after a failed Locate).

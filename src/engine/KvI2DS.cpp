@@ -40,6 +40,15 @@ void TKvImportFromDataSet::BeforeImport() {
     resolved_.clear();
 }
 
+void TKvImportFromDataSet::GoFirst() {
+    sourceDataset_->ReadAhead(DataSet());
+    sourceDataset_->First();
+}
+
+void TKvImportFromDataSet::AfterImport() {
+    if (sourceDataset_) sourceDataset_->StopReadAhead();
+}
+
 int TKvImportFromDataSet::ResolveSourceColumn(const std::string& name) {
     TField* field = SourceField(name);
     if (!field) return -1; // a name no field has reads as itself, row by row

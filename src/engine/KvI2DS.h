@@ -24,7 +24,9 @@ protected:
     /// Opens the source when it is closed. The regional settings are not reloaded here, even with
     /// UseRegionalSettings: this source reads typed values, not text.
     void BeforeImport() override;
-    void GoFirst() override { sourceDataset_->First(); }
+    /// Reads ahead where the source can, while the run writes to the destination.
+    void GoFirst() override;
+    void AfterImport() override;
     void GoNext() override { sourceDataset_->Next(); }
     bool NeedMore() override { return !sourceDataset_->Eof(); }
     int GetTotalCount() override { return sourceDataset_->RecordCount(); }

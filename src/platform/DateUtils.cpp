@@ -734,22 +734,34 @@ bool IsIsoDate(std::string_view text) {
            day >= 1 && day <= DaysInMonth(year, month);
 }
 
+size_t PutDateISO8601(TDateTime value, char* out) {
+    return static_cast<size_t>(PutDate(out, DecodeDateTime(value)) - out);
+}
+
+size_t PutTimeISO8601(TDateTime value, char* out) {
+    return static_cast<size_t>(PutTime(out, DecodeDateTime(value)) - out);
+}
+
+size_t PutDateTimeISO8601(TDateTime value, char* out) {
+    const TDateTimeParts d = DecodeDateTime(value);
+    char* p = PutDate(out, d);
+    *p++ = ' ';
+    return static_cast<size_t>(PutTime(p, d) - out);
+}
+
 std::string DateToISO8601(TDateTime value) {
-    char buffer[16];
-    return std::string(buffer, PutDate(buffer, DecodeDateTime(value)));
+    char buffer[kISO8601Size];
+    return std::string(buffer, PutDateISO8601(value, buffer));
 }
 
 std::string TimeToISO8601(TDateTime value) {
-    char buffer[16];
-    return std::string(buffer, PutTime(buffer, DecodeDateTime(value)));
+    char buffer[kISO8601Size];
+    return std::string(buffer, PutTimeISO8601(value, buffer));
 }
 
 std::string DateTimeToISO8601(TDateTime value) {
-    const TDateTimeParts d = DecodeDateTime(value);
-    char buffer[32];
-    char* p = PutDate(buffer, d);
-    *p++ = ' ';
-    return std::string(buffer, PutTime(p, d));
+    char buffer[kISO8601Size];
+    return std::string(buffer, PutDateTimeISO8601(value, buffer));
 }
 
 } // namespace kv

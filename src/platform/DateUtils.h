@@ -109,5 +109,11 @@ TDateTime CombineDateTime(TDateTime date, TDateTime time);
 std::string DateToISO8601(TDateTime value);
 std::string TimeToISO8601(TDateTime value);
 std::string DateTimeToISO8601(TDateTime value);
+/// The same texts written into `out` (room for kISO8601Size characters), returning their length: for
+/// callers that write a date for every row and keep their own buffer.
+constexpr size_t kISO8601Size = 24;
+size_t PutDateISO8601(TDateTime value, char* out);
+size_t PutTimeISO8601(TDateTime value, char* out);
+size_t PutDateTimeISO8601(TDateTime value, char* out);
 
 } // namespace kv

@@ -221,9 +221,12 @@ TEST_F(SQLiteTest, WalksManyRowsInRowidOrderAcrossFetchWindows) {
     std::vector<int64_t> expected = {-5};
     for (int i = 3; i <= 10000; ++i) expected.push_back(i * 3);
     expected.push_back(INT64_MAX);
-    for (int fetchSize : {1, 7, 256, 20000}) {
+    for (int fetchSize : {1, 7, 256, 20000, 0}) {
         SCOPED_TRACE(fetchSize);
-        auto ds = Table("t", fetchSize);
+        auto ds = Table("t", std::max(fetchSize, 1));
+        if (fetchSize == 0) { // its own connection, its own windows
+            ASSERT_TRUE(ds->ReadAhead(nullptr));
+        }
         std::vector<int64_t> ids;
         int wrongValues = 0;
         for (ds->First(); !ds->Eof(); ds->Next()) {
@@ -240,26 +243,97 @@ TEST_F(SQLiteTest, EditsAndDeletesWhileWalkingVisitEachRowOnce) {
     db.Execute("CREATE TABLE t (n INTEGER, v TEXT);"
                "WITH RECURSIVE c(n) AS (SELECT 1 UNION ALL SELECT n + 1 FROM c WHERE n < 100)"
                " INSERT INTO t (n) SELECT n FROM c");
-    auto ds = Table("t", 4);
-    std::vector<int> visited;
-    for (ds->First(); !ds->Eof();) {
-        const int n = ds->Fields(0).Value().AsInteger();
-        visited.push_back(n);
-        if (n % 3 == 0) {
-            ds->Delete(); // already on the next row
-            continue;
+    for (bool readAhead : {false, true}) {
+        SCOPED_TRACE(readAhead);
+        auto ds = Table("t", 4);
+        // The first write ends reading ahead: the walk goes on through the dataset's own connection.
+        if (readAhead) {
+            EXPECT_TRUE(ds->ReadAhead(nullptr));
         }
-        if (n % 2 == 0) {
-            ds->Edit();
-            ds->Fields(1).SetValue("even");
-            ds->Post();
-            EXPECT_EQ(ds->Fields(1).AsString(), "even");
+        std::vector<int> visited;
+        for (ds->First(); !ds->Eof();) {
+            const int n = ds->Fields(0).Value().AsInteger();
+            visited.push_back(n);
+            if (n % 3 == 0) {
+                ds->Delete(); // already on the next row
+                continue;
+            }
+            if (n % 2 == 0) {
+                ds->Edit();
+                ds->Fields(1).SetValue("even");
+                ds->Post();
+                EXPECT_EQ(ds->Fields(1).AsString(), "even");
+            }
+            ds->Next();
         }
-        ds->Next();
+        ASSERT_EQ(visited.size(), 100u);
+        for (int i = 0; i < 100; ++i) EXPECT_EQ(visited[static_cast<size_t>(i)], i + 1);
+        EXPECT_EQ(Query("SELECT count(*) || ' ' || count(v) FROM t"), "67 34");
+        db.Execute(
+            "DELETE FROM t; WITH RECURSIVE c(n) AS (SELECT 1 UNION ALL SELECT n + 1 FROM c WHERE n < 100)"
+            " INSERT INTO t (n) SELECT n FROM c");
     }
-    ASSERT_EQ(visited.size(), 100u);
-    for (int i = 0; i < 100; ++i) EXPECT_EQ(visited[static_cast<size_t>(i)], i + 1);
-    EXPECT_EQ(Query("SELECT count(*) || ' ' || count(v) FROM t"), "67 34");
+}
+
+TEST_F(SQLiteTest, ReadsAheadOnlyWhereItCannotMissAWrite) {
+    db.Execute("CREATE TABLE t (n INTEGER); CREATE TABLE u (n INTEGER); INSERT INTO t VALUES (1)");
+    auto source = Table("t");
+    auto sameFile = Table("u");
+    EXPECT_FALSE(source->ReadAhead(sameFile.get()));
+    EXPECT_FALSE(source->ReadAhead(source.get()));
+
+    TKvSQLiteDatabase other;
+    other.Open(dir.File("other.db"));
+    other.Execute("CREATE TABLE u (n INTEGER)");
+    TKvSQLiteDataSet elsewhere;
+    elsewhere.SetDatabase(&other);
+    elsewhere.SetTableName("u");
+    elsewhere.Open();
+    EXPECT_TRUE(source->ReadAhead(&elsewhere));
+
+    db.StartTransaction(); // what this connection has not committed, another one does not see
+    EXPECT_FALSE(source->ReadAhead(&elsewhere));
+    db.Rollback();
+
+    TKvSQLiteDatabase memory;
+    memory.Open(":memory:");
+    memory.Execute("CREATE TABLE t (n INTEGER); CREATE TEMP TABLE temporary (n INTEGER)");
+    for (const char* table : {"t", "temporary"}) {
+        TKvSQLiteDataSet ds;
+        ds.SetDatabase(table == std::string("t") ? &memory : &db);
+        if (table != std::string("t")) db.Execute("CREATE TEMP TABLE temporary (n INTEGER)");
+        ds.SetTableName(table);
+        ds.Open();
+        EXPECT_FALSE(ds.ReadAhead(nullptr)) << table;
+    }
+}
+
+TEST_F(SQLiteTest, AReadThatFailsMidwayIsAnErrorInItsTurn) {
+    db.Execute("CREATE TABLE t (n INTEGER);"
+               "WITH RECURSIVE c(n) AS (SELECT 1 UNION ALL SELECT n + 1 FROM c WHERE n < 20000)"
+               " INSERT INTO t SELECT n FROM c");
+    for (bool readAhead : {false, true}) {
+        SCOPED_TRACE(readAhead);
+        auto ds = Table("t");
+        if (readAhead) {
+            ASSERT_TRUE(ds->ReadAhead(nullptr));
+        }
+        ds->First();
+        TKvSQLiteDatabase other;
+        other.Open(dir.File("test.db"));
+        other.Execute("ALTER TABLE t RENAME TO gone");
+        int64_t rows = 0, last = 0;
+        const std::string error = ErrorOf([&] {
+            for (; !ds->Eof(); ds->Next()) {
+                ++rows;
+                last = ds->Fields(0).Value().AsInt64();
+            }
+        });
+        EXPECT_EQ(error, "no such table: t");
+        EXPECT_EQ(last, rows); // every row before the failure, in order
+        EXPECT_LT(rows, 20000);
+        other.Execute("ALTER TABLE gone RENAME TO t");
+    }
 }
 
 TEST_F(SQLiteTest, ConstraintErrorsLeaveTheDataSetUsable) {
