@@ -172,7 +172,7 @@ Variant TField::Value() const {
     return ds.CurrentValue(index_);
 }
 
-void TField::SetValueAsItStands(Variant value) {
+void TField::SetValueAsItStands(Variant&& value) {
     Store(value, !dataSet_->StoresAnyValue());
 }
 

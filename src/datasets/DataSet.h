@@ -146,7 +146,8 @@ public:
     void SetValue(Variant value) { Store(value, true); }
     /// Sets the value in the edit buffer as it is, not converted to the field's type: for a dataset that
     /// StoresAnyValue, to keep text that fits no number or date as the text it is.
-    void SetValueAsItStands(Variant value);
+    void SetValueAsItStands(Variant&& value);
+    void SetValueAsItStands(const Variant& value) { SetValueAsItStands(Variant(value)); }
     void Clear() { SetValue(Variant::Null()); }
     bool IsNull() const { return Value().IsNullOrEmpty(); }
     std::string AsString() const { return Value().AsString(); }

@@ -184,7 +184,7 @@ void TKvTextFields::PrepareValues() {
 }
 
 void TKvTextFields::Swap(TKvTextSplit& split) {
-    std::swap(split_, split);
+    split_.Swap(split);
     lineAscii_ = -1;
 }
 

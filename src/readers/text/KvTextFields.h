@@ -55,6 +55,16 @@ struct TKvTextSplit {
     /// error of each it could not make; empty for a record no hook has seen.
     std::vector<Variant> Finished;
     std::vector<std::exception_ptr> FinishErrors;
+
+    /// Member by member: a record changes hands twice a row, and std::swap would move each member thrice.
+    void Swap(TKvTextSplit& other) noexcept {
+        Line.swap(other.Line);
+        Fields.swap(other.Fields);
+        Values.swap(other.Values);
+        std::swap(Prepared, other.Prepared);
+        Finished.swap(other.Finished);
+        FinishErrors.swap(other.FinishErrors);
+    }
 };
 
 /// A column reference, read once and used for every record.
