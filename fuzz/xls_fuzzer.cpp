@@ -1,7 +1,8 @@
 // Fuzz target: any bytes as a bare BIFF record stream (the form of Excel 2-4 worksheets, and the workbook
 // stream inside a compound file), under options taken from the last byte, so that real workbooks seed it
 // as they are. Every cell must lie inside a
-// sheet's limits with UTF-8 text, and a failure must be one of the reader's own errors.
+// sheet's limits with UTF-8 text, and a failure must be one of the reader's own errors. The workbook is
+// also read record by record, which must give each row of a sheet as the whole load keeps it.
 
 #include "platform/FormatError.h"
 #include "platform/Streams.h"
@@ -10,6 +11,7 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <map>
 #include <string>
 
 namespace {
@@ -25,6 +27,65 @@ bool IsReaderMessage(const std::string& message) {
     return message.rfind("String in SST (Options byte is 0x", 0) == 0;
 }
 
+void Configure(kv::TMSExcel& excel, uint8_t options, int& asked) {
+    excel.SetLoadNULLs(options & 1);
+    excel.SetSheetFilter(options & 2 ? (options >> 2) & 3 : -1);
+    if (options & 0x10) {
+        excel.OnPassword = [&asked](kv::TObject*, std::string& password, bool& go) {
+            password = "password";
+            go = ++asked < 3;
+        };
+    }
+}
+
+std::string CellText(const kv::Variant& value, kv::TKvICellType type, int32_t xf, kv::TAlignment alignment) {
+    return std::to_string(value.VarType()) + ":" + value.AsString() + ":" + std::to_string(type) + ":" +
+           std::to_string(xf) + ":" + std::to_string(alignment);
+}
+
+// Loads the workbook whole into the cell model and record by record; both must agree on every row of the
+// sheet read (the filtered one, else the second, chosen after the load as a sheet named by the user is).
+void CheckRecordMode(const std::string& bytes, uint8_t options) {
+    int askedWhole = 0, askedRecords = 0;
+    kv::TMSExcel whole, records;
+    Configure(whole, options, askedWhole);
+    Configure(records, options, askedRecords);
+    records.SetRecordMode(true);
+    kv::TMemoryStream wholeStream(bytes), recordStream(bytes);
+    try {
+        whole.LoadFromStream(wholeStream);
+    } catch (const kv::Exception&) {
+        return;
+    }
+    records.LoadFromStream(recordStream); // the same bytes must load again
+    Check(records.Warnings() == whole.Warnings());
+    const int sheet = whole.SheetFilter() >= 0 ? whole.SheetFilter() : 1;
+    if (sheet >= whole.SpreadSheets().Count()) return;
+    records.SetSheetFilter(sheet);
+    const kv::TSpreadSheetCells& kept = whole.SpreadSheets().Spreadsheet(sheet).Cells();
+    Check(records.SpreadSheets().Spreadsheet(sheet).Cells().RowCount() == kept.RowCount());
+    Check(records.SpreadSheets().Spreadsheet(sheet).Cells().ColCount() == kept.ColCount());
+    int atRow = 0;
+    std::map<int, std::string> row;
+    records.OnCellValue = [&](kv::TObject*, int s, int r, int column, int32_t xf, const kv::Variant& value,
+                              kv::TAlignment alignment, kv::TKvICellType type) {
+        Check(s == sheet && r == atRow);
+        row[column] = CellText(value, type, xf, alignment);
+    };
+    records.BeforeLoad();
+    for (; atRow < kept.RowCount(); ++atRow) {
+        row.clear();
+        records.LoadRecord(atRow);
+        std::map<int, std::string> expected;
+        if (const kv::TSpreadSheetRow* r = kept.Row(atRow))
+            for (int column = 0; column < r->Cols().Count(); ++column)
+                if (const kv::TKvICell* cell = r->Cols().GetCell(column))
+                    expected[column] =
+                        CellText(cell->Value, cell->CellType, cell->FormatIndex, cell->Alignment);
+        Check(row == expected);
+    }
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -32,15 +93,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const uint8_t options = data[size - 1];
     const std::string bytes(reinterpret_cast<const char*>(data), size - 1);
     kv::TMSExcel excel;
-    excel.SetLoadNULLs(options & 1);
-    excel.SetSheetFilter(options & 2 ? (options >> 2) & 3 : -1);
     int asked = 0;
-    if (options & 0x10) {
-        excel.OnPassword = [&](kv::TObject*, std::string& password, bool& go) {
-            password = "password";
-            go = ++asked < 3;
-        };
-    }
+    Configure(excel, options, asked);
     excel.OnCellValue = [](kv::TObject*, int sheet, int row, int column, int32_t, const kv::Variant& value,
                            kv::TAlignment, kv::TKvICellType) {
         Check(sheet >= 0 && row >= 0 && row < 65536 && column >= 0 && column < 256);
@@ -58,5 +112,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     for (const kv::TXLSSheetInfo& sheet : excel.Sheets()) Check(kv::IsValidUtf8(sheet.Name));
     for (const auto& [label, text] : excel.FileProperties()) Check(kv::IsValidUtf8(text));
+    CheckRecordMode(bytes, options);
     return 0;
 }

@@ -86,10 +86,13 @@ void TSpreadSheetCells::SetValue(int col, int row, const Variant& value, TAlignm
     cell.Alignment = alignment;
     cell.FormatIndex = formatIndex;
     cell.CellType = cellType;
-    if (autoDimensions_) {
-        colCount_ = std::max(colCount_, col + 1);
-        rowCount_ = std::max(rowCount_, row + 1);
-    }
+    CountValue(col, row, value);
+}
+
+void TSpreadSheetCells::CountValue(int col, int row, const Variant& value) {
+    if (!autoDimensions_ || value.IsNullOrEmpty() || col < 0 || row < 0) return;
+    colCount_ = std::max(colCount_, col + 1);
+    rowCount_ = std::max(rowCount_, row + 1);
 }
 
 Variant TSpreadSheetCells::ValueByCell(std::string_view ref) const {

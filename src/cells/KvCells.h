@@ -116,6 +116,9 @@ public:
     /// Stores a cell; a null or unassigned value stores nothing at all.
     void SetValue(int col, int row, const Variant& value, TAlignment alignment, int32_t formatIndex,
                   TKvICellType cellType);
+    /// Grows the dimensions as SetValue would, storing nothing: the size of a sheet whose rows a reader
+    /// delivers one at a time later.
+    void CountValue(int col, int row, const Variant& value);
     /// The value at a reference such as "C12" (column C, row index 12).
     Variant ValueByCell(std::string_view ref) const;
     /// "A1:C5" as an array by row of arrays by column (a bare value per row for one column); null

@@ -100,7 +100,8 @@ void TKvImportFromCell::BeforeImport() {
         sheetIndex_ = workBook_->SpreadSheets().SheetIndexByName(sheetName_);
         workBook_->SetSheetFilter(sheetIndex_);
     }
-    if (guessNames_ && !workBook_->RecordMode()) GuessNamesRow();
+    // A record reader that names columns by letters reads a sheet too: its rows are read ahead.
+    if (guessNames_ && (!workBook_->RecordMode() || workBook_->NameKind() == nkAlphabet)) GuessNamesRow();
     for (const std::string& warning : workBook_->Warnings()) AddWarning({0, warning, true});
     byFieldName_ = workBook_->NameKind() == nkFieldName;
     if (ByFieldName())
@@ -111,8 +112,14 @@ void TKvImportFromCell::GuessNamesRow() {
     // Row 1 names the columns when it is all text and a row below holds a value of another type under one
     // of its names. A sheet of text alone gives no sign either way: its first row stays data, so that no
     // row is lost to a guess.
+    constexpr int kRowsBelow = 100;
     const TSpreadSheet* sheet = Sheet();
     const TSpreadSheetCells* cells = sheet ? &sheet->Cells() : nullptr;
+    TSpreadSheetCells ahead;
+    if (cells && workBook_->RecordMode()) {
+        ReadAhead(0, kRowsBelow + 1, ahead);
+        cells = &ahead;
+    }
     const TSpreadSheetRow* first = cells && cells->Count() >= 2 ? cells->Row(0) : nullptr;
     const auto filled = [](const TKvICell* cell) { return cell && !cell->Value.IsNullOrEmpty(); };
     bool allText = first != nullptr, any = false, typedBelow = false;
@@ -121,7 +128,7 @@ void TKvImportFromCell::GuessNamesRow() {
         if (!filled(cell)) continue;
         any = true;
         allText = allText && cell->CellType == ictString;
-        for (int row = 1; allText && !typedBelow && row < cells->Count() && row <= 100; ++row) {
+        for (int row = 1; allText && !typedBelow && row < cells->Count() && row <= kRowsBelow; ++row) {
             const TSpreadSheetRow* r = cells->Row(row);
             const TKvICell* below = r ? r->Cols().GetCell(col) : nullptr;
             typedBelow = filled(below) && below->CellType != ictString;
@@ -130,6 +137,21 @@ void TKvImportFromCell::GuessNamesRow() {
     const bool names = allText && any && typedBelow;
     SetRowFieldNames(names ? 1 : 0);
     if (names && RowFirst() <= 1) SetRowFirst(2);
+}
+
+void TKvImportFromCell::ReadAhead(int first, int end, TSpreadSheetCells& rows) {
+    workBook_->BeforeLoad();
+    const int total = GetTotalCount();
+    for (int record = 0; record < end && record < total; ++record) {
+        rowBuffer_.ClearValues();
+        const bool loaded = workBook_->LoadRecord(record);
+        if (record < first) continue;
+        rows.AddRow(record - first);
+        for (int col = 0; loaded && col < rowBuffer_.Cols().Count(); ++col)
+            if (const TKvICell* cell = rowBuffer_.Cols().GetCell(col))
+                rows.SetValue(col, record - first, cell->Value, cell->Alignment, cell->FormatIndex,
+                              cell->CellType);
+    }
 }
 
 void TKvImportFromCell::AfterImport() {
@@ -329,20 +351,31 @@ void TKvImportFromCell::DetectAutoMapping() {
         }
         return;
     }
-    const TSpreadSheet* sheet = Sheet();
-    if (!sheet) return;
-    const TSpreadSheetCells& cells = sheet->Cells();
+    if (!Sheet()) return;
     const int captionRow = RowFieldNames() - 1;
     const int firstData = std::max(RowFirst() - 1, captionRow + 1);
     const int scanned = MaxScanRows() > 0 ? MaxScanRows() : 100;
+    // A record reader keeps no rows: the caption row and the scanned rows are read ahead, to index 0
+    // (before the sheet is looked at: going back to the first row, a reader may load it anew).
+    const bool ahead = workBook_->RecordMode();
+    TSpreadSheetCells captionRows, scanRows;
+    if (ahead) {
+        if (captionRow >= 0) ReadAhead(captionRow, captionRow + 1, captionRows);
+        ReadAhead(firstData, firstData + scanned, scanRows);
+    }
+    const TSpreadSheetCells& cells = Sheet()->Cells();
+    const TSpreadSheetCells& captions = ahead ? captionRows : cells;
+    const TSpreadSheetCells& scan = ahead ? scanRows : cells;
+    const int captionAt = ahead ? 0 : captionRow;
+    const int scanFirst = ahead ? 0 : firstData;
     for (int col = 0; col < cells.ColCount(); ++col) {
         TKvIColumn& c = Columns().Add();
         const std::string letters = GetSpreadSheetColByID(col + 1);
         std::string caption =
-            captionRow >= 0 ? Trim(cells.GetValue(col, captionRow).AsString()) : std::string();
+            captionRow >= 0 ? Trim(captions.GetValue(col, captionAt).AsString()) : std::string();
         c.FieldName = caption.empty() ? letters : caption;
         c.Caption = c.FieldName;
-        c.DataType = ScanColumnType(cells, col, firstData, firstData + scanned, c.Alignment);
+        c.DataType = ScanColumnType(scan, col, scanFirst, scanFirst + scanned, c.Alignment);
     }
 }
 

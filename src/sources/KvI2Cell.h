@@ -78,6 +78,9 @@ protected:
 
 private:
     void GuessNamesRow();
+    /// Rows first..end-1 of a record reader's sheet into `rows` from index 0, read as a run reads them
+    /// (GoFirst rewinds the reader again).
+    void ReadAhead(int first, int end, TSpreadSheetCells& rows);
     /// Makes the row at the current index current; false when the reader skips it.
     bool ReadCurrentRow();
     /// Where `name` is in a row: a declared field's position, or a column letter's; -1 for neither.

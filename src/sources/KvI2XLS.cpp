@@ -20,6 +20,8 @@ std::unique_ptr<TSpreadSheetFile> TKvImportFromXLS::WorkBookCreation() {
     if (TMSExcelX::ServesExtension(std::filesystem::path(SourceFileName()).extension().string()))
         return std::make_unique<TMSExcelX>();
     auto reader = std::make_unique<TMSExcel>();
+    // Row by row: a sheet loaded whole takes several times the file's size.
+    reader->SetRecordMode(true);
     reader->SetPassword(password_);
     if (OnPassword) {
         reader->OnPassword = OnPassword;

@@ -9,6 +9,8 @@
 
 namespace kv {
 class TKvIVCalendar;
+class TMSExcel;
+class TStream;
 class Variant;
 } // namespace kv
 
@@ -49,6 +51,11 @@ std::string DumpCellValue(const Variant& value);
 /// A workbook as its properties, then each sheet ("sheet <n>: <name>") with a line per row of cells
 /// ("<row>: <column letters>=<value>|..."), then the warnings.
 std::string DumpXlsFile(const std::string& path);
+/// "" when `workbook` (the stream `whole` was loaded from, every sheet kept) read in record mode gives each
+/// sheet's rows, one LoadRecord at a time, with the cells `whole` keeps (values, types, styles,
+/// alignments), and the same sizes, warnings and properties; else the first difference. Each sheet is
+/// read with the filter set before the load and after it, twice from its first row.
+std::string XlsRecordModeDifference(TMSExcel& whole, TStream& workbook, const std::string& password = "");
 /// A delimited text file read with default settings (comma-delimited for .csv): "encoding: <name>", a line
 /// a record ("<line number>: <field>|<field>"), then the warnings ("warning line <n>: <message>").
 std::string DumpTextFile(const std::string& path);

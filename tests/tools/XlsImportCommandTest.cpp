@@ -73,6 +73,29 @@ TEST_F(XlsImport, ARowOfTextOverTypedValuesNamesTheColumns) {
     EXPECT_EQ(SqliteQuery(db, "SELECT group_concat(A) FROM n"), "1,2");
 }
 
+TEST_F(XlsImport, RowsComeOneAtATimeWhateverTheOrderOfTheCells) {
+    // Cells stored column by column make the same typed table as cells stored row by row.
+    const std::string globals = Sst({"id", "name", "a", "b"});
+    const std::string byColumn = LabelSst(0, 0, 0, 0) + Number(1, 0, 0, 1) + Number(2, 0, 0, 2) +
+                                 LabelSst(0, 1, 0, 1) + LabelSst(1, 1, 0, 2) + LabelSst(2, 1, 0, 3);
+    const std::string columns = Write("columns.xls", Biff8Book{globals, {}}.AddSheet("S", byColumn).Build());
+    ASSERT_EQ(RunCli({"import", columns, "--db", db, "--table", "c", "--quiet"}).Status, 0);
+    EXPECT_EQ(SqliteQuery(db, "SELECT group_concat(name || ' ' || type, ', ') FROM pragma_table_info('c')"),
+              "id INTEGER, name TEXT");
+    EXPECT_EQ(SqliteQuery(db, "SELECT * FROM c"), "1|a\n2|b");
+
+    // The types come from the rows imported, however far down they begin.
+    std::string rows;
+    for (int r = 0; r < 150; ++r) rows += r < 120 ? LabelSst(r, 0, 0, 2) : Number(r, 0, 0, r);
+    const std::string tall = Write("tall.xls", Biff8Book{globals, {}}.AddSheet("S", rows).Build());
+    ASSERT_EQ(RunCli({"import", tall, "--first-row", "121", "--names-row", "0", "--db", db, "--table", "tall",
+                      "--quiet"})
+                  .Status,
+              0);
+    EXPECT_EQ(SqliteQuery(db, "SELECT type FROM pragma_table_info('tall')"), "INTEGER");
+    EXPECT_EQ(SqliteQuery(db, "SELECT count(*), min(A), max(A) FROM tall"), "30|120|149");
+}
+
 TEST_F(XlsImport, AnEncryptedWorkbookNeedsItsPassword) {
     const std::string xls = KV_SHARED_DIR "/corpus/xls/password.xls";
     if (!std::filesystem::exists(xls)) GTEST_SKIP() << "the shared corpus is not here";

@@ -195,11 +195,22 @@ TAlignment TCustomMSExcel::GetXLSAlignment(uint8_t attribute) {
 
 void TCustomMSExcel::ReportCell(int row, int column, int xf, Variant value, TAlignment alignment,
                                 TKvICellType type) {
+    highestRow_ = std::max(highestRow_, row);
+    highestColumn_ = std::max(highestColumn_, column);
+    if (route_ != crReport) {
+        // Record mode deals in what a loaded sheet would keep (TSpreadSheetFile's storing handler).
+        if (column > LoadRange().LastCol || row > LoadRange().LastRow || column < 0 || row < 0 ||
+            value.IsNullOrEmpty())
+            return;
+        if (route_ == crCount) {
+            SpreadSheets().Spreadsheet(sheetIndex_).Cells().CountValue(column, row, value);
+            return;
+        }
+        if (row != recordRow_) return;
+    }
     if (type == ictString && value.IsString() && value.StringRef().find('\n') != std::string::npos)
         value = Variant(WithCrLf(value.StringRef()));
     if (OnCellValue) OnCellValue(this, sheetIndex_, row, column, xf, value, alignment, type);
-    highestRow_ = std::max(highestRow_, row);
-    highestColumn_ = std::max(highestColumn_, column);
 }
 
 void TCustomMSExcel::ReportNumber(int row, int column, int xf, double value, const TAlignment* alignment) {

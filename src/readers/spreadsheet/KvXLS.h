@@ -138,13 +138,24 @@ protected:
     /// The built-in formats, before any FORMAT record.
     virtual void EnterBuiltInFormats();
     void SetFormat(int number, std::string format);
-    /// Reports one cell: LF becomes CR LF in text, then OnCellValue; the highest row and column grow.
+    /// Reports one cell: LF becomes CR LF in text, then OnCellValue (or as route_ says); the highest row
+    /// and column grow.
     void ReportCell(int row, int column, int xf, Variant value, TAlignment alignment, TKvICellType type);
     /// Reports a number cell as a date, a percent (times 100) or a decimal by its style.
     void ReportNumber(int row, int column, int xf, double value, const TAlignment* alignment);
 
+    /// Where ReportCell sends a cell. The first pass of a record-mode load only counts the cells a loaded
+    /// sheet would keep into its size; LoadRecord then reports those of the row it reads.
+    enum TCellRoute : uint8_t {
+        crReport, ///< to OnCellValue
+        crCount,  ///< into the sheet's size only
+        crRecord, ///< to OnCellValue when kept and in row recordRow_
+    };
+
     TKvISummaryInformation summary_;
     TExcelVersion version_ = evUnknown;
+    TCellRoute route_ = crReport;
+    int recordRow_ = 0; ///< the row LoadRecord reads
     int sheetIndex_ = 0;
     bool parseVBA_ = false;
 
@@ -171,7 +182,9 @@ protected:
     int highestColumn_ = -1;
 };
 
-/// The BIFF reader.
+/// The BIFF reader. In record mode (off by default) LoadFromStream reads the whole workbook for its sheets,
+/// sizes and warnings but keeps no cells; BeforeLoad then goes to the first row of sheet SheetFilter and
+/// LoadRecord(n) reports the cells of its row n. The stream must stay open while records are read.
 class TMSExcel : public TCustomMSExcel {
 public:
     /// Asked for another password while the one tried is refused; clearing `continueAsking` gives up.
@@ -191,6 +204,8 @@ public:
 
     void LoadFromFile(const std::string& fileName) override;
     void LoadFromStream(TStream& stream) override;
+    void BeforeLoad() override;
+    bool LoadRecord(int index) override;
     /// The last load met a FILEPASS record.
     bool IsEncrypted() override { return encrypted_; }
     /// The largest record the current workbook may hold.
@@ -213,9 +228,18 @@ public:
 
 private:
     struct TLoad;
+    /// How LoadRecord finds a row in record mode.
+    enum TRecordSource : uint8_t {
+        rsNone,     ///< not loaded in record mode (or loading)
+        rsReplay,   ///< read again from the sheet's records (load_)
+        rsWholeLoad ///< from the sheet loaded whole
+    };
+    void Load(TStream& stream);
     void ReadCompound(TStream& stream);
     void ReadRecords(TStream& stream, bool bare);
     void ReadVBA(const TKvCompoundFile& file);
+    /// Loads the workbook again as without record mode, for a sheet that cannot be read again row by row.
+    void LoadWhole();
 
     std::string password_;
     bool encrypted_ = false;
@@ -225,6 +249,16 @@ private:
     int generation_ = 0; ///< 2, 3, 4, 5 or 8: the BIFF generation the records are laid out in
     std::vector<TXLSSheetInfo> sheets_;
     std::unique_ptr<TKvBIFFDecryptor> decryptor_; ///< of the workbook being loaded, once FILEPASS is met
+
+    // Record mode: what LoadRecord reads on from.
+    TRecordSource recordSource_ = rsNone;
+    TStream* recordStream_ = nullptr; ///< the stream given to LoadFromStream
+    int64_t recordStreamStart_ = 0;   ///< where the workbook began in it
+    int recordFilter_ = -1;           ///< the sheet filter it was loaded with
+    std::unique_ptr<TStream> file_;   ///< the file LoadFromFile opened
+    std::unique_ptr<TKvCompoundFile> compound_;
+    std::unique_ptr<TStream> workbook_; ///< the compound file's workbook stream
+    std::unique_ptr<TLoad> load_;       ///< the record loop, kept at the end of the first pass
 };
 
 /// The XML workbook reader: recognises the variant by its extension and prepares the formats.

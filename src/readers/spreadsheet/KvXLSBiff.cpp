@@ -110,6 +110,36 @@ std::string Hex4(uint16_t value) {
     return "0x" + IntToHex(value, 4);
 }
 
+bool IsCellRecord(uint16_t type) {
+    switch (type) {
+    case rtBlank2:
+    case rtBlank:
+    case rtInteger2:
+    case rtNumber2:
+    case rtNumber:
+    case rtRK2:
+    case rtRK:
+    case rtMulRK:
+    case rtLabel2:
+    case rtLabel:
+    case rtRString:
+    case rtLabelSST:
+    case rtBoolErr2:
+    case rtBoolErr:
+    case rtFormula:
+    case rtFormula3:
+    case rtFormula4:
+        return true;
+    default:
+        return false;
+    }
+}
+
+/// The row a cell record names first; -1 for a record too short to name one.
+int RowOfCellRecord(const std::string& data) {
+    return data.size() < 2 ? -1 : static_cast<uint8_t>(data[0]) | static_cast<uint8_t>(data[1]) << 8;
+}
+
 } // namespace
 
 /// The state of one load.
@@ -150,6 +180,22 @@ struct TMSExcel::TLoad {
     bool WarnedSST = false;
     bool WarnedString = false;
 
+    // Record mode: where each sheet's cells lie, so that they can be read again row by row.
+    struct TSheetCells {
+        bool Any = false;
+        uint64_t First = 0;  ///< the header of the sheet's first cell record
+        int FirstDepth = 0;  ///< the substreams open there
+        int LastRow = -1;    ///< the highest row of its cell records so far
+        bool InOrder = true; ///< no cell record has a lower row than one before it
+    };
+    std::vector<TSheetCells> SheetCells;
+    /// Where the last record that changes how cells read (a format, a style, the code page...) lies;
+    /// 0 for none. Cells after it read alike in a second pass that starts there.
+    uint64_t LastStateRecord = 0;
+    bool Replaying = false;  ///< reading a sheet's cells again: nothing else is taken in
+    bool Held = false;       ///< the current record begins a later row and waits for it
+    bool SheetEnded = false; ///< the replayed sheet has no more records
+
     TLoad(TMSExcel& owner, TStream& stream, bool bare) : Owner(owner), In(stream, kFormat), Bare(bare) {}
 
     [[noreturn]] void Damaged(const std::string& what) const { In.CorruptAt(DataOffset, what); }
@@ -161,6 +207,14 @@ struct TMSExcel::TLoad {
 
     void Run();
     bool ReadRecord();
+    void NoteCellRecord();
+    /// Whether sheet `index`'s cells can be read again row by row: in row order, and under the formats
+    /// and styles the workbook ends with.
+    bool CanReplay(int index) const;
+    void StartReplay(int index);
+    /// Reports the cells of row `row` of the sheet being replayed (rows are asked for in order).
+    void ReplayRow(int row);
+    void Replay();
     void CollectContinues();
     void Process();
     void ProcessBOF();
@@ -196,12 +250,26 @@ int TMSExcel::GetMaxBuffSize() const {
 
 void TMSExcel::LoadFromFile(const std::string& fileName) {
     TSpreadSheetFile::LoadFromFile(fileName);
-    TFileStream file(fileName, fmOpenRead | fmShareDenyNone);
-    file.Seek(0, soBeginning);
-    LoadFromStream(file);
+    auto file = std::make_unique<TFileStream>(fileName, fmOpenRead | fmShareDenyNone);
+    file->Seek(0, soBeginning);
+    LoadFromStream(*file);
+    if (RecordMode()) file_ = std::move(file); // read on by LoadRecord
 }
 
 void TMSExcel::LoadFromStream(TStream& stream) {
+    load_.reset();
+    workbook_.reset();
+    compound_.reset();
+    recordSource_ = rsNone;
+    route_ = RecordMode() ? crCount : crReport;
+    recordStream_ = RecordMode() ? &stream : nullptr;
+    recordStreamStart_ = stream.Position();
+    recordFilter_ = SheetFilter();
+    Load(stream);
+    if (load_) recordSource_ = rsReplay;
+}
+
+void TMSExcel::Load(TStream& stream) {
     TSpreadSheetFile::LoadFromStream(stream);
     BeforeLoad();
     ClearWarnings();
@@ -225,7 +293,8 @@ void TMSExcel::LoadFromStream(TStream& stream) {
 }
 
 void TMSExcel::ReadCompound(TStream& stream) {
-    TKvCompoundFile file(stream);
+    auto kept = std::make_unique<TKvCompoundFile>(stream);
+    const TKvCompoundFile& file = *kept;
     const TKvCompoundEntry* book = nullptr;
     for (const TKvCompoundEntry& entry : file.Entries()) {
         if (entry.Type != cetStream || entry.Path != entry.Name) continue;
@@ -247,8 +316,12 @@ void TMSExcel::ReadCompound(TStream& stream) {
     const std::string problem = summary_.ReadPropertySets(file);
     if (!problem.empty()) AddWarning(problem);
     if (parseVBA_) ReadVBA(file);
-    const std::unique_ptr<TStream> workbook = file.OpenStream(*book);
+    std::unique_ptr<TStream> workbook = file.OpenStream(*book);
     ReadRecords(*workbook, false);
+    if (load_) { // record mode reads on from them
+        compound_ = std::move(kept);
+        workbook_ = std::move(workbook);
+    }
 }
 
 void TMSExcel::ReadVBA(const TKvCompoundFile& file) {
@@ -268,8 +341,57 @@ void TMSExcel::ReadVBA(const TKvCompoundFile& file) {
 }
 
 void TMSExcel::ReadRecords(TStream& stream, bool bare) {
-    TLoad load(*this, stream, bare);
-    load.Run();
+    auto load = std::make_unique<TLoad>(*this, stream, bare);
+    load->Run();
+    if (route_ == crCount) load_ = std::move(load);
+}
+
+void TMSExcel::BeforeLoad() {
+    TCustomMSExcel::BeforeLoad();
+    if (recordSource_ == rsReplay && !load_->CanReplay(SheetFilter())) LoadWhole();
+    if (recordSource_ == rsReplay) load_->StartReplay(SheetFilter());
+}
+
+bool TMSExcel::LoadRecord(int index) {
+    TCustomMSExcel::LoadRecord(index);
+    if (recordSource_ == rsReplay) {
+        load_->ReplayRow(index);
+    } else if (recordSource_ == rsWholeLoad && OnCellValue && SheetFilter() >= 0 &&
+               SheetFilter() < SpreadSheets().Count()) {
+        const TSpreadSheetRow* row = SpreadSheets().Spreadsheet(SheetFilter()).Cells().Row(index);
+        for (int col = 0; row && col < row->Cols().Count(); ++col)
+            if (const TKvICell* cell = row->Cols().GetCell(col))
+                OnCellValue(this, SheetFilter(), index, col, cell->FormatIndex, cell->Value, cell->Alignment,
+                            cell->CellType);
+    }
+    return true;
+}
+
+void TMSExcel::LoadWhole() {
+    // Cells out of row order, or read under a style that changes after them: the sheet is loaded as it is
+    // without record mode, by the storing handler, with the sheet filter of the first pass.
+    load_.reset();
+    workbook_.reset();
+    compound_.reset();
+    recordSource_ = rsNone;
+    route_ = crReport;
+    TCellValueEvent report = std::move(OnCellValue);
+    OnCellValue = nullptr;
+    const int filter = SheetFilter();
+    SetSheetFilter(recordFilter_);
+    const auto restore = [&] {
+        OnCellValue = std::move(report);
+        SetSheetFilter(filter);
+    };
+    try {
+        recordStream_->Seek(recordStreamStart_, soBeginning);
+        Load(*recordStream_);
+    } catch (...) {
+        restore();
+        throw;
+    }
+    restore();
+    recordSource_ = rsWholeLoad;
 }
 
 bool TMSExcel::AskValidPassword() {
@@ -368,7 +490,7 @@ bool TMSExcel::TLoad::ReadRecord() {
         // Zero padding after the last substream.
         return false;
     }
-    if (length > MaxRecordSize()) {
+    if (length > MaxRecordSize() && !Replaying) { // the first pass checked it, under the version then
         In.CorruptAt(headerOffset, Format("the record of type %s is %d bytes long, more than the %d a record "
                                           "of this workbook may hold",
                                           Hex4(Type).c_str(), static_cast<int>(length), MaxRecordSize()));
@@ -413,9 +535,11 @@ void TMSExcel::TLoad::Process() {
         }
         return;
     case rtFilePass:
+        LastStateRecord = DataOffset;
         ProcessFilePass();
         return;
     case rtCodePage: {
+        LastStateRecord = DataOffset;
         if (Data.size() < 2) return;
         int codePage = static_cast<uint8_t>(Data[0]) | static_cast<uint8_t>(Data[1]) << 8;
         // 32768 is the Macintosh code page, 32769 Windows ANSI of the BIFF2-4 generations.
@@ -431,17 +555,21 @@ void TMSExcel::TLoad::Process() {
         return;
     }
     case rtDateMode:
+        LastStateRecord = DataOffset;
         if (Data.size() >= 2) Owner.dateOffset_ = (Data[0] == 1 && Data[1] == 0) ? EncodeDate(1904, 1, 1) : 0;
         return;
     case rtExcel9:
         Owner.version_ = evExcel9;
         return;
     case rtSST: {
+        LastStateRecord = DataOffset;
         CollectContinues();
         const uint32_t total = Continued.ReadU32();
         (void)total;
         const uint32_t unique = Continued.ReadU32();
         SST = KvReadSST(Continued, unique);
+        Continued.Clear(); // the table is decoded: its CONTINUE records go
+        ContinuedData.clear();
         return;
     }
     case rtBoundSheet:
@@ -450,12 +578,14 @@ void TMSExcel::TLoad::Process() {
         return;
     case rtFormat2:
     case rtFormat:
+        LastStateRecord = DataOffset;
         ProcessFormat();
         return;
     case rtXF2:
     case rtXF3:
     case rtXF4:
     case rtXF5:
+        LastStateRecord = DataOffset;
         ProcessXF();
         return;
     case rtName:
@@ -500,27 +630,91 @@ void TMSExcel::TLoad::Process() {
     case rtString:
         ProcessStringResult();
         return;
-    case rtBlank2:
-    case rtBlank:
-    case rtInteger2:
-    case rtNumber2:
-    case rtNumber:
-    case rtRK2:
-    case rtRK:
-    case rtMulRK:
-    case rtLabel2:
-    case rtLabel:
-    case rtRString:
-    case rtLabelSST:
-    case rtBoolErr2:
-    case rtBoolErr:
-    case rtFormula:
-    case rtFormula3:
-    case rtFormula4:
+    default:
+        if (!IsCellRecord(Type)) return;
+        if (Owner.route_ == crCount) NoteCellRecord();
         DropPendingString();
         ProcessCell();
         return;
+    }
+}
+
+void TMSExcel::TLoad::NoteCellRecord() {
+    const auto index = static_cast<size_t>(Owner.sheetIndex_);
+    if (index >= SheetCells.size()) SheetCells.resize(index + 1);
+    TSheetCells& cells = SheetCells[index];
+    const int row = RowOfCellRecord(Data);
+    if (!cells.Any) {
+        cells.Any = true;
+        cells.First = DataOffset - 4;
+        cells.FirstDepth = Depth;
+    }
+    cells.InOrder = cells.InOrder && row >= cells.LastRow;
+    cells.LastRow = std::max(cells.LastRow, row);
+}
+
+bool TMSExcel::TLoad::CanReplay(int index) const {
+    if (index < 0 || static_cast<size_t>(index) >= SheetCells.size() ||
+        !SheetCells[static_cast<size_t>(index)].Any)
+        return true; // no cells: nothing to read
+    const TSheetCells& cells = SheetCells[static_cast<size_t>(index)];
+    return cells.InOrder && LastStateRecord < cells.First;
+}
+
+void TMSExcel::TLoad::StartReplay(int index) {
+    // The warnings its cells give were given by the first pass, which set their flags.
+    Replaying = true;
+    Held = false;
+    PendingString = false;
+    Owner.route_ = crRecord;
+    Owner.sheetIndex_ = index;
+    SheetEnded = index < 0 || static_cast<size_t>(index) >= SheetCells.size() ||
+                 !SheetCells[static_cast<size_t>(index)].Any;
+    if (SheetEnded) return;
+    const TSheetCells& cells = SheetCells[static_cast<size_t>(index)];
+    In.Seek(cells.First);
+    Depth = cells.FirstDepth;
+    InSheet = true;
+    SkipSheet = false;
+}
+
+void TMSExcel::TLoad::ReplayRow(int row) {
+    Owner.recordRow_ = row;
+    while (!SheetEnded) {
+        if (!Held && (In.Remaining() < 4 || !ReadRecord())) {
+            SheetEnded = true;
+            break;
+        }
+        Held = false;
+        // Rows come in order: the first record of a later row ends this one.
+        if (IsCellRecord(Type) && RowOfCellRecord(Data) > row) {
+            Held = true;
+            break;
+        }
+        Replay();
+    }
+}
+
+void TMSExcel::TLoad::Replay() {
+    // The first pass took in everything else; no record after the first cell changes how cells read.
+    switch (Type) {
+    case 0x0009:
+    case 0x0209:
+    case 0x0409:
+    case 0x0809:
+        ++Depth; // a chart inside the sheet
+        return;
+    case rtEOF:
+        if (--Depth == 0) SheetEnded = true;
+        return;
+    case rtString2:
+    case rtString:
+        ProcessStringResult();
+        return;
     default:
+        if (!IsCellRecord(Type)) return;
+        DropPendingString();
+        ProcessCell();
         return;
     }
 }

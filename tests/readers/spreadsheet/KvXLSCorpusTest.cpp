@@ -6,8 +6,10 @@
 #include "TestSupport.h"
 #include "platform/DateUtils.h"
 #include "platform/Encoding.h"
+#include "platform/Streams.h"
 #include "platform/SysUtils.h"
 #include "platform/Utf8.h"
+#include "support/DataFiles.h"
 
 #include <gtest/gtest.h>
 
@@ -89,8 +91,9 @@ TEST(XLSCorpus, EveryWorkbookLoadsOrGivesItsDocumentedError) {
             {"35897-type4.xls", "freedom"},
             {"xor_password_123456789012345.xls", "123456789012345"},
             {"rc4cryptoapi_password.xls", "Password1234_"}};
+        const std::string password = passwords.count(name) ? passwords.at(name) : "password";
         TMSExcel x;
-        x.SetPassword(passwords.count(name) ? passwords.at(name) : "password");
+        x.SetPassword(password);
         std::string error;
         try {
             x.LoadFromFile(entry.path().string());
@@ -100,6 +103,8 @@ TEST(XLSCorpus, EveryWorkbookLoadsOrGivesItsDocumentedError) {
         const auto expected = failing.find(name);
         if (expected == failing.end()) {
             EXPECT_EQ(error, "");
+            TFileStream file(entry.path().string(), fmOpenRead);
+            EXPECT_EQ(test::XlsRecordModeDifference(x, file, password), "");
             for (int s = 0; s < x.SpreadSheets().Count(); ++s)
                 for (int r = 0; r < x.SpreadSheets().Spreadsheet(s).Cells().Count(); ++r)
                     for (int c = 0; c < x.SpreadSheets().Spreadsheet(s).Cells().ColCount(); ++c) {

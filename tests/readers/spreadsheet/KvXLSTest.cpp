@@ -4,6 +4,7 @@
 #include "platform/FormatError.h"
 #include "platform/Streams.h"
 #include "support/BiffBuilder.h"
+#include "support/DataFiles.h"
 
 #include <gtest/gtest.h>
 
@@ -291,6 +292,59 @@ TEST(MSExcel, DamagedStreams) {
     EXPECT_NE(x.Warnings()[0].find("beyond column IV"), std::string::npos);
     EXPECT_NE(x.Warnings()[1].find("shared string 7"), std::string::npos);
     EXPECT_NE(x.Warnings()[2].find("a formula whose text result is missing"), std::string::npos);
+}
+
+TEST(MSExcel, RecordModeGivesTheRowsAWholeLoadKeeps) {
+    // Rows are read again from the file where its cells come in row order under the styles the workbook
+    // ends with; otherwise the sheet is loaded whole (Whole) and its rows are reported from there.
+    const std::string text = std::string("\0\0\0\0\0\0\xFF\xFF", 8);
+    const std::string mulRk =
+        Rec(0x00BD, U16(2) + U16(1) + U16(0) + U32(0x66) + U16(0) + U32(0x3FF00000) + U16(2));
+    const std::string globals = Xf8(0) + Xf8(14) + Sst({"a", "b\nc"});
+    const std::string twoSheets = Biff8Book{globals, {}}
+                                      .AddSheet("A", Number(0, 0, 0, 1) + Number(1, 0, 0, 2))
+                                      .AddSheet("B", LabelSst(0, 0, 0, 0) + Number(3, 2, 1, 45000))
+                                      .Build();
+    const std::string xf3 = Rec(0x0243, std::string("\0\x0E", 2) + std::string(10, '\0')); // format 14
+    struct Case {
+        std::string Name, Bytes;
+        bool Whole;
+    };
+    const Case cases[] = {
+        {"in row order",
+         Biff8Book{globals, {}}
+             .AddSheet("S", Number(0, 0, 1, 45000) + LabelSst(0, 1, 0, 1) + mulRk + Formula(3, 0, 0, text) +
+                                Rec(0x0207, Str8("cached")) + Number(5, 3, 0, 1) + Number(5, 0, 0, 2))
+             .Build(),
+         false},
+        {"cells lost to damage",
+         Sheet(Number(0, 300, 0, 1) + LabelSst(0, 1, 0, 7) + Formula(1, 0, 0, text) + Number(2, 1, 0, 3) +
+               Formula(2, 2, 0, text)),
+         false},
+        {"two sheets, the last cut before its end", twoSheets.substr(0, twoSheets.size() - Eof().size()),
+         false},
+        {"a bare stream with its styles before its cells",
+         Rec(0x0209, U16(0) + U16(0x10)) + xf3 + Number(0, 0, 0, 45000) + Number(1, 1, 0, 2) + Eof(), false},
+        {"out of row order", Sheet(Number(2, 0, 0, 1) + Number(0, 0, 0, 2) + Number(1, 1, 0, 3)), true},
+        {"a style added after a cell",
+         Sheet(Number(0, 0, 1, 45000) + Xf8(0) + Xf8(14) + Number(1, 0, 1, 45000)), true},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.Name);
+        TMSExcel whole;
+        TMemoryStream stream(c.Bytes);
+        whole.LoadFromStream(stream);
+        TMemoryStream again(c.Bytes);
+        EXPECT_EQ(XlsRecordModeDifference(whole, again), "");
+
+        TMSExcel records;
+        records.SetRecordMode(true);
+        records.SetSheetFilter(0);
+        again.Seek(0, soBeginning);
+        records.LoadFromStream(again);
+        records.BeforeLoad();
+        EXPECT_EQ(records.SpreadSheets().Spreadsheet(0).Cells().Count() > 0, c.Whole);
+    }
 }
 
 TEST(MSExcelX, IsAShellThatKnowsItsVariantAndFormats) {
