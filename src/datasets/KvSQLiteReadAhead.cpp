@@ -89,7 +89,7 @@ void TKvSQLiteReadAhead::Produce(int64_t from) {
         }
         const bool last = result.Error || result.Window.Rowids.size() < static_cast<size_t>(kWindowRows) ||
                           result.Window.Rowids.back() == INT64_MAX;
-        if (!result.Error && !result.Window.Rowids.empty()) from = result.Window.Rowids.back() + 1;
+        if (!last) from = result.Window.Rowids.back() + 1;
         {
             std::lock_guard lock(mutex_);
             // An empty last window says nothing the end does not.
