@@ -12,11 +12,10 @@ namespace kv::cli {
 std::string ZipUsage() {
     return "Usage: kvimport zip list ARCHIVE\n"
            "\n"
-           "Lists the members of a zip archive: size, compressed size, compression method, the time of the\n"
-           "last change as the archive stores it (local time, to 2 seconds) and name, then the totals and "
-           "the\n"
-           "archive comment. Stored and deflated members can be read; the method column names any other,\n"
-           "and encrypted members are marked.\n"
+           "Lists the members of a zip archive: size, compressed size, compression method, the time of\n"
+           "the last change as the archive stores it (local time, to 2 seconds) and name, then the totals\n"
+           "and the archive comment. Stored and deflated members can be read; the method column names any\n"
+           "other, and encrypted members are marked.\n"
            "\n"
            "Example:\n"
            "  kvimport zip list exports.zip\n";

@@ -127,9 +127,8 @@ TEST(TZipArchive, KeepsItsLimitationsAndAddsBounds) {
              TMemoryStream s(shared);
              TZipArchive().LoadFromStream(s);
          }),
-         "Zip: damaged file at byte 0: member \"b\": the members' headers and data add up to more than the "
-         "1262 "
-         "bytes of the archive (members overlap)"},
+         "Zip: damaged file at byte 0: member \"b\": the members' headers and data add up to more than "
+         "the 1262 bytes of the archive (members overlap)"},
         {Failure([] {
              TMemoryStream s("PK\x05\x06");
              TZipArchive().LoadFromStream(s);

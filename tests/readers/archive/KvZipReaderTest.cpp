@@ -214,12 +214,8 @@ TEST(KvZipReader, DamageIsNamedWithItsPlace) {
         {[](ZipBuilder&) {}, [](std::string& s, auto&) { s = std::string(100, 'x'); },
          "format: Zip: damaged file at byte 0: not a zip archive: no end of central directory record"},
         {standard, [](std::string& s, auto& w) { ZipBuilder::Put32(s, w.End + 16, 7); },
-         "format: Zip: damaged file at byte 37100: the end record at byte 37100 puts the central directory "
-         "at "
-         "byte 7, where there is none"},
-        {standard, [](std::string& s, auto& w) { ZipBuilder::Put32(s, w.End + 12, 0x7FFFFFFF); },
-         "format: Zip: damaged file at byte 37100: the end record at byte 37100 gives a central directory of "
-         "2147483647 bytes, more than the 37100 before it"},
+         "format: Zip: damaged file at byte 37100: the end record at byte 37100 puts the central "
+         "directory at byte 7, where there is none"},
         {standard,
          [](std::string& s, auto& w) {
              ZipBuilder::Put16(s, w.End + 10, 4), ZipBuilder::Put16(s, w.End + 8, 4);
@@ -238,25 +234,15 @@ TEST(KvZipReader, DamageIsNamedWithItsPlace) {
          "\"c.txt\" at byte 0 (members that overlap are the mark of a zip bomb)"},
         {standard, [](std::string& s, auto& w) { ZipBuilder::Put32(s, w.Central[2] + 20, 2000); },
          "format: Zip: damaged file at byte 37049: member \"c.txt\" takes bytes 36702 to 38737, into the "
-         "central "
-         "directory at byte 36947"},
-        {standard, [](std::string& s, auto& w) { s[w.Local[2] + 30] = 'C'; },
-         "format: Zip: damaged file at byte 36732: member \"c.txt\": its local header names it \"C.txt\""},
+         "central directory at byte 36947"},
         {standard, [](std::string& s, auto& w) { ZipBuilder::Put16(s, w.Local[2] + 28, 1000); },
          "format: Zip: damaged file at byte 36728: member \"c.txt\": its local name and extra field (1005 "
-         "bytes) "
-         "push its data past byte 36947"},
+         "bytes) push its data past byte 36947"},
         {standard, [](std::string& s, auto& w) { s[w.Local[2]] = 'X'; },
          "format: Zip: damaged file at byte 36702: member \"c.txt\": no local header where the central "
          "directory puts it"},
-        {standard, [](std::string& s, auto& w) { ZipBuilder::Put32(s, w.Local[2] + 14, 1); },
-         "member \"c.txt\": its local header gives CRC 00000001, the central directory "},
-        {standard, [](std::string& s, auto& w) { ZipBuilder::Put16(s, w.Local[2] + 8, 0); },
-         "member \"c.txt\": its local header gives method 0, the central directory 8"},
         {standard, [](std::string& s, auto& w) { ZipBuilder::Put32(s, w.Local[1] + 22, 1); },
          "member \"b.bin\": its local header gives size 1, the central directory 3000"},
-        {standard, [](std::string& s, auto& w) { ZipBuilder::Put32(s, w.Central[1] + 24, 2999); },
-         "member \"b.bin\" is stored, yet its entry gives 3000 bytes of data and a size of 2999"},
         {one({"x", lines, 8, std::string(deflated.size(), '\xFF')}), none,
          "member \"x\": its deflate data is damaged (invalid block type)"},
         {one({"x", lines, 8, deflated.substr(0, deflated.size() / 2)}), none,
@@ -266,11 +252,9 @@ TEST(KvZipReader, DamageIsNamedWithItsPlace) {
         {one({"x", lines, 8, {}, {}, 6000}), none,
          "member \"x\": inflates to 5000 bytes, fewer than the 6000 its entry declares"},
         {one({"x", lines, 8, {}, 0}), none, "crc: CRC Error in \"x\"."},
-        {one({"x", lines, kZipStored, {}, 0}), none, "crc: CRC Error in \"x\"."},
         {one({"x", lines, 8, std::string("\x03\x00", 2), {}, 10000}), none,
          "format: Zip: damaged file at byte 33: member \"x\" declares 10000 bytes, more than its 2 "
-         "compressed "
-         "bytes can inflate to"},
+         "compressed bytes can inflate to"},
         {one({"x", "", 8, ""}), none, ""}, // no deflate data at all for an empty member: allowed
         {one({"x", "a", 8, {}, {}, {}, false, true}),
          [](std::string& s, auto& w) {
