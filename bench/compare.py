@@ -10,6 +10,7 @@ hurts all of them alike.
     bench/compare.py check    [--rows N]   the CSV import's tables: the floor's and kvimport's row for row
     bench/compare.py dbf      [--rows N] [--rounds R]   a dBase table into a typed SQLite table, and read alone
     bench/compare.py xls      [--rows N] [--rounds R]   an Excel workbook into SQLite, and read alone (N <= 65,535)
+    bench/compare.py zip      [--rows N] [--rounds R]   a deflated CSV member of a zip archive written to stdout
 
 The CSV comparison includes the floor (bench/floor_import.cpp, from the bench build given by --floor) and
 DuckDB's Node client (after bench/setup.sh) when they are there; the table-to-table one includes its floor
@@ -18,7 +19,9 @@ DuckDB's Node client (after bench/setup.sh) when they are there; the table-to-ta
 are there. The workbook one (65,000 rows unless --rows says otherwise) includes the library's reader alone
 (bench/xls_read.cpp, given by --xls-read), FreeXL's (bench/freexl_read.c, given by --freexl-read, built when
 libfreexl is installed) and Python's xlrd (after bench/setup.sh), and adds the peak memory of kvimport's
-reader and import measured by /usr/bin/time.
+reader and import measured by /usr/bin/time. The zip one (1,300,000 CSV rows, about 100 MB, unless --rows says
+otherwise) sets the library's reader (bench/zip_inflate.cpp, given by --zip-inflate), streamed and whole, beside
+`unzip -p` (after bench/setup.sh) and Python's zipfile.
 """
 
 import argparse
@@ -32,6 +35,7 @@ import statistics
 import subprocess
 import sys
 import time
+import zipfile
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(HERE)
@@ -352,10 +356,38 @@ def xls_benchmark(args, work, kvimport):
     print(f"\n(kvimport's table holds {rows} rows)")
 
 
+def orders_zip(args, work):
+    archive = os.path.join(work, f"orders-{args.rows}.zip")
+    if not os.path.exists(archive):
+        subprocess.run([sys.executable, os.path.join(HERE, "make_zip.py"), str(args.rows), "-o", archive], check=True)
+    return archive
+
+
+def zip_benchmark(args, work, kvimport):
+    archive = orders_zip(args, work)
+    if not os.path.exists(args.zip_inflate):
+        sys.exit(f"build {args.zip_inflate} with the bench build")
+    entries = [
+        ("kvimport's reader, streamed (bench/zip_inflate.cpp)", "true", f"{args.zip_inflate} {archive} orders.csv"),
+        ("kvimport's reader, whole member in memory", "true", f"{args.zip_inflate} {archive} orders.csv --whole"),
+    ]
+    if shutil.which("unzip"):
+        entries.append(("unzip -p", "true", f"unzip -p {archive} orders.csv"))
+    else:
+        print("(no unzip: run bench/setup.sh)", file=sys.stderr)
+    entries.append(("Python zipfile", "true",
+                    f"{sys.executable} -c \"import shutil, sys, zipfile; shutil.copyfileobj(zipfile.ZipFile("
+                    f"'{archive}').open('orders.csv'), sys.stdout.buffer, 1 << 20)\""))
+    with zipfile.ZipFile(archive) as z:
+        info = z.getinfo("orders.csv")
+    compare(f"A {info.file_size / 1e6:.0f} MB CSV member deflated to {info.compress_size / 1e6:.0f} MB, written to "
+            f"standard output (discarded)", entries, args.rounds, "kvimport's reader")
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("benchmark", choices=["csv", "sqlite", "check", "dbf", "xls"])
-    parser.add_argument("--rows", type=int, help="rows (default 1000000; 65000 for xls)")
+    parser.add_argument("benchmark", choices=["csv", "sqlite", "check", "dbf", "xls", "zip"])
+    parser.add_argument("--rows", type=int, help="rows (default 1000000; 65000 for xls, 1300000 for zip)")
     parser.add_argument("--rounds", type=int, default=3)
     parser.add_argument("--kvimport", default=os.path.join(ROOT, "build", "kvimport"))
     parser.add_argument("--baseline", help="another kvimport build to time beside this one (csv only)")
@@ -364,16 +396,17 @@ def main():
     parser.add_argument("--dbf-read", default=os.path.join(ROOT, "build-bench", "bench", "dbf_read"))
     parser.add_argument("--xls-read", default=os.path.join(ROOT, "build-bench", "bench", "xls_read"))
     parser.add_argument("--freexl-read", default=os.path.join(ROOT, "build-bench", "bench", "freexl_read"))
+    parser.add_argument("--zip-inflate", default=os.path.join(ROOT, "build-bench", "bench", "zip_inflate"))
     parser.add_argument("--work", default=os.path.join(ROOT, "out", "bench"))
     args = parser.parse_args()
     if args.rows is None:
-        args.rows = 65000 if args.benchmark == "xls" else 1000000
+        args.rows = {"xls": 65000, "zip": 1300000}.get(args.benchmark, 1000000)
     for tool in ("sqlite3", args.kvimport):
         if not shutil.which(tool):
             sys.exit(f"{tool} is needed (run scripts/setup.sh)")
     os.makedirs(args.work, exist_ok=True)
     benchmarks = {"csv": csv_benchmark, "sqlite": sqlite_benchmark, "check": check_benchmark, "dbf": dbf_benchmark,
-                  "xls": xls_benchmark}
+                  "xls": xls_benchmark, "zip": zip_benchmark}
     benchmarks[args.benchmark](args, args.work, args.kvimport)
 
 

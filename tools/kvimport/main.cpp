@@ -5,6 +5,7 @@
 #include "ImportCommand.h"
 #include "ImportOptions.h"
 #include "PreviewCommand.h"
+#include "ZipCommand.h"
 #include "platform/Exceptions.h"
 #include "platform/FormatSettings.h"
 
@@ -26,6 +27,7 @@ const Command kCommands[] = {
     {"import", RunImport, ImportUsage},
     {"run", RunSpecification, RunUsage},
     {"preview", RunPreview, PreviewUsage},
+    {"zip", RunZip, ZipUsage},
 };
 
 const char* const kUsage = "Usage: kvimport COMMAND [options]\n"
@@ -35,6 +37,7 @@ const char* const kUsage = "Usage: kvimport COMMAND [options]\n"
                            "  run SPEC.kvi        run a saved import specification\n"
                            "  preview SOURCE      show the columns and first rows of a source\n"
                            "  eval EXPRESSION     evaluate one expression of the mapping language\n"
+                           "  zip list ARCHIVE    list the members of a zip archive\n"
                            "\n"
                            "Run 'kvimport COMMAND --help' for the options of a command.\n";
 
