@@ -56,5 +56,46 @@ TEST_F(ZipCommand, FailuresNameTheArchive) {
     EXPECT_NE(r.Out.find("Lists the members"), std::string::npos);
 }
 
+TEST_F(ZipCommand, ImportsAMemberByTheSourceOfItsExtension) {
+    const std::string archive = Write("exports.zip", ZipBuilder()
+                                                         .Add("docs/", "", 0)
+                                                         .Add("docs/orders.csv", "id,item\n1,pen\n2,ink\n")
+                                                         .Add("readme.md", "not a source", 0)
+                                                         .Build());
+    CliResult r = RunCli({"import", archive, "--db", db, "--quiet"}); // its only member a source reads
+    ASSERT_EQ(r.Status, 0) << r.Err;
+    EXPECT_EQ(SqliteQuery(db, "SELECT id || ' ' || item FROM orders"), "1 pen\n2 ink");
+
+    const std::string two =
+        Write("two.zip", ZipBuilder().Add("a.csv", "x\n1\n").Add("B.CSV", "y\n2\n").Build());
+    r = RunCli({"import", two, "--member", "b.csv", "--db", db, "--table", "b", "--quiet"});
+    ASSERT_EQ(r.Status, 0) << r.Err;
+    EXPECT_EQ(SqliteQuery(db, "SELECT y FROM b"), "2");
+
+    const struct {
+        std::vector<std::string> Args;
+        int Status;
+        std::string Error;
+    } failures[] = {
+        {{"import", two, "--db", db},
+         2,
+         "two.zip holds 2 members a source can read (a.csv, B.CSV): name one with --member"},
+        {{"import", two, "--member", "c.csv", "--db", db},
+         1,
+         "two.zip: no member named \"c.csv\" (kvimport zip list two.zip shows them)"},
+        {{"preview", archive, "--member", "readme.md"},
+         2,
+         "cannot tell the format of the member 'readme.md'"},
+        {{"import", two, "--member", "a.csv", "--db", db, "--save-spec", dir.File("s.kvi")},
+         2,
+         "--save-spec records a source file, not a member"},
+    };
+    for (const auto& f : failures) {
+        r = RunCli(f.Args);
+        EXPECT_EQ(r.Status, f.Status) << f.Error;
+        EXPECT_NE(r.Err.find(f.Error), std::string::npos) << r.Err;
+    }
+}
+
 } // namespace
 } // namespace kv

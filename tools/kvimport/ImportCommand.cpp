@@ -40,7 +40,8 @@ void PrintSummary(const TKvImportBaseComponent& c, int errors) {
     std::cout << message.substr(0, message.find('\r')) << '\n';
 }
 
-std::string DefaultTableName(const ImportOptions& o, const TKvImportBaseComponent& source, CommandKind kind) {
+std::string DefaultTableName(const ImportOptions& o, SourceSetup& setup, CommandKind kind) {
+    const TKvImportBaseComponent& source = setup.Component();
     if (o.Table) return *o.Table;
     if (kind == CommandKind::Run) {
         TStringList spec;
@@ -52,7 +53,8 @@ std::string DefaultTableName(const ImportOptions& o, const TKvImportBaseComponen
     if (const std::string* sourceTable = o.SourceValue("source-table")) return *sourceTable;
     if (o.Clipboard) return "clipboard";
     if (o.Source == "-") return "stdin";
-    return std::filesystem::path(o.Source).stem().string();
+    const std::string inner = setup.InnerFileName();
+    return std::filesystem::path(inner.empty() ? o.Source : inner).stem().string();
 }
 
 // The settings in the library's format, then the command line's own section: where the rows came from
@@ -86,7 +88,7 @@ int Run(const ImportOptions& o, CommandKind kind) {
     AlignRegionalSettings(c.DataFormats());
     c.SetAbortOnProblem(o.AbortOnError);
     c.Statistic().UpdateStep = 1000;
-    const std::string table = DefaultTableName(o, c, kind);
+    const std::string table = DefaultTableName(o, *source, kind);
     if (o.SaveSpec) SaveSpecification(o, c, *source, table);
 
     Destination destination(o.Database, o.SqlFile.has_value(), root);

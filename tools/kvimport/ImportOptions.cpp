@@ -29,6 +29,8 @@ const std::vector<OptionSpec> kSourceOptions = {
      ForImport | ForPreview},
     {"clipboard", nullptr, "read the clipboard's text (no SOURCE)", SetFlag(&ImportOptions::Clipboard),
      ForImport | ForPreview},
+    {"member", "NAME", "the member of the zip archive SOURCE to read (default: its only one)",
+     Set(&ImportOptions::Member), ForImport | ForPreview},
     {"spec", "FILE.kvi", "load a saved specification before the other options apply",
      Set(&ImportOptions::Spec), ForImport | ForPreview},
     {"save-spec", "FILE.kvi", "save the settings that were used", Set(&ImportOptions::SaveSpec),
@@ -170,7 +172,10 @@ std::string ImportUsage() {
            "the\n"
            "source's columns; rows commit every --commit-count rows. The source's kind comes from its\n"
            "extension (" +
-           extensions + ") or --format; '-' is standard input.\n" + ImportOptionHelp(ForImport) +
+           extensions +
+           ") or --format; '-' is standard input. A member of a zip archive is read by the\n"
+           "kind of its own extension, without unpacking the archive (--member).\n" +
+           ImportOptionHelp(ForImport) +
            "\n"
            "At the end the counts are printed (Processed, Added, Updated, Deleted, Skipped, Errors) with "
            "the\n"
@@ -182,6 +187,7 @@ std::string ImportUsage() {
            "\n"
            "Examples:\n"
            "  kvimport import orders.csv --db shop.sqlite\n"
+           "  kvimport import exports.zip --member orders.csv --db shop.sqlite\n"
            "  kvimport import old.sqlite --source-table customers --db new.sqlite --mode appendupdate --keys "
            "ID \\\n"
            "      --map 'ID=CustNo' --map 'NAME=UPPER(TRIM(Company))' --save-spec customers.kvi\n";

@@ -18,6 +18,7 @@ struct ImportOptions {
     std::string Source; ///< the source file ("-" for standard input), or the specification for run
     bool Clipboard = false;
     std::optional<std::string> Format;
+    std::optional<std::string> Member; ///< of the zip archive Source
     std::string Database;
     std::optional<std::string> Table;
     std::optional<std::string> Spec, SaveSpec, Description;

@@ -1,5 +1,7 @@
 #include "SourceKinds.h"
 
+#include "ArchiveMember.h"
+
 #include "platform/SysUtils.h"
 
 #include <algorithm>
@@ -70,6 +72,7 @@ const SourceKind& SourceKindOf(const ImportOptions& o) {
     if (o.Clipboard || o.Source == "-") {
         if (const SourceKind* kind = StandardInputKind()) return *kind;
     }
+    if (NamesArchiveMember(o)) return ArchiveMemberKind(o);
     if (const SourceKind* kind = SourceKindByExtension(std::filesystem::path(o.Source).extension().string()))
         return *kind;
     throw UsageError("cannot tell the format of '" + o.Source + "' from its extension; use --format " +

@@ -1,5 +1,6 @@
 #include "Sources.h"
 
+#include "ArchiveMember.h"
 #include "SourceKinds.h"
 
 #include "engine/Impcnst.h"
@@ -55,6 +56,9 @@ std::unique_ptr<SourceSetup> Open(const SourceKind& kind, const ImportOptions& o
 } // namespace
 
 std::unique_ptr<SourceSetup> OpenSource(const ImportOptions& o, TComponent& root) {
+    if (NamesArchiveMember(o))
+        return OpenArchiveMember(o,
+                                 [&root](const ImportOptions& member) { return OpenSource(member, root); });
     std::unique_ptr<SourceSetup> source = Open(SourceKindOf(o), o, o.Source, nullptr, root);
     if (o.Spec) source->Component().LoadSpecification(*o.Spec);
     return source;

@@ -30,6 +30,9 @@ public:
         (void)index;
         return {};
     }
+    /// The file the rows come from where it is not SOURCE itself (a member of an archive): a table created
+    /// for them is named after it.
+    virtual std::string InnerFileName() const { return {}; }
     /// Puts the options of this kind of source into the component, after a specification was loaded.
     virtual void ApplyOptions(const ImportOptions& options) { (void)options; }
     /// The field type a column gets in a created table (the destination names it in its own terms);
