@@ -173,8 +173,9 @@ std::string ImportUsage() {
            "source's columns; rows commit every --commit-count rows. The source's kind comes from its\n"
            "extension (" +
            extensions +
-           ") or --format; '-' is standard input. A member of a zip archive is read by the\n"
-           "kind of its own extension, without unpacking the archive (--member).\n" +
+           ") or --format; '-' is standard input.\n"
+           "A member of a zip archive is read by the kind of its own extension, without unpacking it\n"
+           "(--member).\n" +
            ImportOptionHelp(ForImport) +
            "\n"
            "At the end the counts are printed (Processed, Added, Updated, Deleted, Skipped, Errors) with "
