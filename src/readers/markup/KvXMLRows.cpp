@@ -40,8 +40,9 @@ void TKvXMLRows::Restart() {
 
 std::string TKvXMLRows::ChooseRowElement() {
     Restart();
-    // Bounds for documents of endless distinct names or depth: what lies beyond them is not counted.
-    constexpr size_t kMaxNames = 100000, kMaxLevels = 100000;
+    // Bounds for documents of endless distinct names, names of endless length or endless depth: what lies
+    // beyond them is not counted.
+    constexpr size_t kMaxNames = 100000, kMaxNameBytes = 1024, kMaxLevels = 100000;
     std::unordered_map<std::string, int, TNameHash, std::equal_to<>> ids;
     std::vector<std::string> names;
     std::vector<int64_t> counts;
@@ -66,7 +67,7 @@ std::string TKvXMLRows::ChooseRowElement() {
             int id = -1;
             if (auto it = ids.find(scanner_.Name()); it != ids.end()) {
                 id = it->second;
-            } else if (names.size() < kMaxNames) {
+            } else if (names.size() < kMaxNames && scanner_.Name().size() <= kMaxNameBytes) {
                 id = static_cast<int>(names.size());
                 names.emplace_back(scanner_.Name());
                 counts.push_back(0);
