@@ -41,8 +41,8 @@ private:
 std::vector<OptionSpec> XmlOptions() {
     std::vector<OptionSpec> options = {
         {"row-element", "NAME",
-         "the element each occurrence of which is a row, prefix included (default: the one that most "
-         "often has attributes or child elements)",
+         "the element whose occurrences are the rows (default: the one most often with attributes or "
+         "children)",
          KeepOption("row-element")},
     };
     for (OptionSpec& o : CellRowOptions(false)) options.push_back(std::move(o));
