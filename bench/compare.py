@@ -11,6 +11,7 @@ hurts all of them alike.
     bench/compare.py dbf      [--rows N] [--rounds R]   a dBase table into a typed SQLite table, and read alone
     bench/compare.py xls      [--rows N] [--rounds R]   an Excel workbook into SQLite, and read alone (N <= 65,535)
     bench/compare.py zip      [--rows N] [--rounds R]   a deflated CSV member of a zip archive written to stdout
+    bench/compare.py xml      [--megabytes M] [--rounds R]   an XML document's rows into SQLite, and peak memory
 
 The CSV comparison includes the floor (bench/floor_import.cpp, from the bench build given by --floor) and
 DuckDB's Node client (after bench/setup.sh) when they are there; the table-to-table one includes its floor
@@ -21,7 +22,9 @@ are there. The workbook one (65,000 rows unless --rows says otherwise) includes 
 libfreexl is installed) and Python's xlrd (after bench/setup.sh), and adds the peak memory of kvimport's
 reader and import measured by /usr/bin/time. The zip one (1,300,000 CSV rows, about 100 MB, unless --rows says
 otherwise) sets the library's reader (bench/zip_inflate.cpp, given by --zip-inflate), streamed and whole, beside
-`unzip -p` (after bench/setup.sh) and Python's zipfile.
+`unzip -p` (after bench/setup.sh) and Python's zipfile. The XML one (100 MB unless --megabytes says otherwise)
+sets kvimport beside Python's xml.etree.ElementTree.iterparse with executemany (bench/xml_etree.py), adds the
+peak memory of both at 10 MB and at the full size, and checks that the two tables hold the same rows.
 """
 
 import argparse
@@ -384,11 +387,59 @@ def zip_benchmark(args, work, kvimport):
             f"standard output (discarded)", entries, args.rounds, "kvimport's reader")
 
 
+def orders_xml(work, megabytes):
+    data = os.path.join(work, f"orders-{megabytes:g}mb.xml")
+    if not os.path.exists(data):
+        subprocess.run([sys.executable, os.path.join(HERE, "make_xml.py"), "--megabytes", str(megabytes), "-o", data],
+                       check=True)
+    return data
+
+
+def xml_benchmark(args, work, kvimport):
+    script = os.path.join(HERE, "xml_etree.py")
+
+    def entries(data, db=os.path.join(work, "orders-xml.sqlite")):
+        # The table exists beforehand for both, with the same types; kvimport maps its columns by name.
+        fresh = f"rm -f {db} && sqlite3 {db} '{ORDERS_SCHEMA}'"
+        return [("kvimport import", fresh, f"{kvimport} import {data} --db {db} --table orders --quiet"),
+                ("Python ElementTree.iterparse + executemany", fresh, f"{sys.executable} {script} {data} {db}")]
+
+    data = orders_xml(work, args.megabytes)
+    rows = int(subprocess.run(["grep", "-c", "<order ", data], capture_output=True, text=True).stdout)
+    compare(f"{rows:,} XML rows into a typed SQLite table ({os.path.getsize(data) / 1e6:.0f} MB)", entries(data),
+            args.rounds)
+
+    small = orders_xml(work, args.megabytes / 10)
+    print("\n### Peak memory (/usr/bin/time -f %M, largest of 3 runs)\n")
+    print(f"| tool | {args.megabytes / 10:g} MB | {args.megabytes:g} MB |")
+    print("|---|---|---|")
+    for (label, setup, small_command), (_, _, command) in zip(entries(small), entries(data)):
+        print(f"| {label} | {peak_memory(setup, small_command):.1f} MiB | {peak_memory(setup, command):.1f} MiB |")
+
+    # Both tables hold the same rows, storage classes included.
+    dbs = [os.path.join(work, f"check-xml-{i}.sqlite") for i in range(2)]
+    for i, db in enumerate(dbs):
+        _, setup, command = entries(data, db)[i]
+        subprocess.run(setup, shell=True, check=True)
+        subprocess.run(command, shell=True, check=True)
+    con = sqlite3.connect(dbs[0])
+    con.execute("ATTACH ? AS other", (dbs[1],))
+    typed = "SELECT *, typeof(amount), typeof(paid) FROM {}.orders"
+    differ = sum(con.execute(f"SELECT count(*) FROM ({typed.format(a)} EXCEPT {typed.format(b)})").fetchone()[0]
+                 for a, b in (("main", "other"), ("other", "main")))
+    count = con.execute("SELECT count(*) FROM main.orders").fetchone()[0]
+    con.close()
+    print(f"\n{count:,} rows in kvimport's table, {differ:,} differ from the Python script's")
+    if differ or count != rows:
+        sys.exit(1)
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("benchmark", choices=["csv", "sqlite", "check", "dbf", "xls", "zip"])
+    parser.add_argument("benchmark", choices=["csv", "sqlite", "check", "dbf", "xls", "zip", "xml"])
     parser.add_argument("--rows", type=int, help="rows (default 1000000; 65000 for xls, 1300000 for zip)")
     parser.add_argument("--rounds", type=int, default=3)
+    parser.add_argument("--megabytes", type=float, default=100, help="size of the XML document (default 100)")
     parser.add_argument("--kvimport", default=os.path.join(ROOT, "build", "kvimport"))
     parser.add_argument("--baseline", help="another kvimport build to time beside this one (csv only)")
     parser.add_argument("--floor", default=os.path.join(ROOT, "build-bench", "bench", "floor_import"))
@@ -406,7 +457,7 @@ def main():
             sys.exit(f"{tool} is needed (run scripts/setup.sh)")
     os.makedirs(args.work, exist_ok=True)
     benchmarks = {"csv": csv_benchmark, "sqlite": sqlite_benchmark, "check": check_benchmark, "dbf": dbf_benchmark,
-                  "xls": xls_benchmark, "zip": zip_benchmark}
+                  "xls": xls_benchmark, "zip": zip_benchmark, "xml": xml_benchmark}
     benchmarks[args.benchmark](args, args.work, args.kvimport)
 
 

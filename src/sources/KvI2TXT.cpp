@@ -228,10 +228,9 @@ Variant TKvImportFromText::ValueOf(const TKvTextRef& ref) const {
     return Variant(std::move(text));
 }
 
-void TKvImportFromText::DetectAutoMapping() {
+TKvTextTypeOptions TextTypeOptions(const TKvIDataFormats& f, int maxScanRows) {
     TKvTextTypeOptions options;
-    const TKvIDataFormats& f = DataFormats();
-    options.MaxScanRows = MaxScanRows();
+    options.MaxScanRows = maxScanRows;
     options.DecimalSeparator = f.DecimalSeparator;
     options.ThousandSeparator = f.ThousandSeparator;
     options.DateOrder = f.DateOrder == doDMY ? tdoDMY : f.DateOrder == doMDY ? tdoMDY : tdoYMD;
@@ -241,7 +240,32 @@ void TKvImportFromText::DetectAutoMapping() {
     options.TimeSeparator = f.TimeSeparator ? f.TimeSeparator : U':';
     options.TrueText = f.BooleanTrue;
     options.FalseText = f.BooleanFalse;
+    return options;
+}
 
+void DescribeTextColumn(TKvIColumn& c, const TKvTextColumnType& t) {
+    c.Size = static_cast<int>(std::min<int64_t>(t.MaxLength, INT32_MAX));
+    switch (t.Kind) {
+    case tckInteger:
+        c.DataType = itInteger, c.Alignment = taRightJustify;
+        break;
+    case tckFloat:
+        c.DataType = itFloat, c.Alignment = taRightJustify;
+        break;
+    case tckDateTime:
+        c.DataType = t.HasTime ? itDateTime : itDate;
+        break;
+    case tckBoolean:
+        c.DataType = itBoolean;
+        break;
+    case tckString:
+        c.DataType = itString;
+        break;
+    }
+}
+
+void TKvImportFromText::DetectAutoMapping() {
+    const TKvTextTypeOptions options = TextTypeOptions(DataFormats(), MaxScanRows());
     std::vector<std::string> names;
     std::vector<TKvTextColumnType> types;
     if (Fixed()) {
@@ -257,26 +281,7 @@ void TKvImportFromText::DetectAutoMapping() {
         TKvIColumn& c = Columns().Add();
         c.FieldName = names[i];
         c.Caption = names[i];
-        if (i >= types.size()) continue;
-        const TKvTextColumnType& t = types[i];
-        c.Size = static_cast<int>(std::min<int64_t>(t.MaxLength, INT32_MAX));
-        switch (t.Kind) {
-        case tckInteger:
-            c.DataType = itInteger, c.Alignment = taRightJustify;
-            break;
-        case tckFloat:
-            c.DataType = itFloat, c.Alignment = taRightJustify;
-            break;
-        case tckDateTime:
-            c.DataType = t.HasTime ? itDateTime : itDate;
-            break;
-        case tckBoolean:
-            c.DataType = itBoolean;
-            break;
-        case tckString:
-            c.DataType = itString;
-            break;
-        }
+        if (i < types.size()) DescribeTextColumn(c, types[i]);
     }
 }
 

@@ -8,11 +8,18 @@
 #include "readers/text/KvTextFile.h"
 #include "readers/text/KvTextReadAhead.h"
 #include "readers/text/KvTextSniff.h"
+#include "readers/text/KvTextTypes.h"
 
 #include <optional>
 #include <unordered_map>
 
 namespace kv {
+
+/// How a type guess reads values under an import's data formats, looking at `maxScanRows` rows (0: the
+/// default number, below 0: every row).
+TKvTextTypeOptions TextTypeOptions(const TKvIDataFormats& formats, int maxScanRows);
+/// Puts a guessed type into a column's description: its data type, size and alignment.
+void DescribeTextColumn(TKvIColumn& column, const TKvTextColumnType& type);
 
 class TKvImportFromText : public TKvImportBaseComponent {
 public:
