@@ -1,7 +1,7 @@
 #pragma once
-// Compound files and property-set streams built in memory for the reader tests. The layout is fixed (FAT
-// sectors, DIFAT, directory, mini FAT, mini stream, then the large streams in the order added), so that a
-// test can damage one link and know where it lies.
+// Little-endian bytes for the spreadsheet tests' builders, compound files built in memory, and property-set
+// streams. The compound file's layout is fixed (FAT sectors, DIFAT, directory, mini FAT, mini stream, then
+// the large streams in the order added), so that a test can damage one link and know where it lies.
 
 #include "platform/Utf8.h"
 
@@ -19,21 +19,11 @@ inline std::string Le(uint64_t v, int bytes) {
     for (int i = 0; i < bytes; ++i) s += static_cast<char>(v >> (8 * i));
     return s;
 }
-inline std::string U16(uint16_t v) {
-    return Le(v, 2);
-}
-inline std::string U32(uint32_t v) {
-    return Le(v, 4);
-}
-inline std::string U64(uint64_t v) {
-    return Le(v, 8);
-}
-inline void PutU16(std::string& bytes, size_t at, uint16_t v) {
-    bytes.replace(at, 2, U16(v));
-}
-inline void PutU32(std::string& bytes, size_t at, uint32_t v) {
-    bytes.replace(at, 4, U32(v));
-}
+inline const auto U16 = [](uint16_t v) { return Le(v, 2); };
+inline const auto U32 = [](uint32_t v) { return Le(v, 4); };
+inline const auto U64 = [](uint64_t v) { return Le(v, 8); };
+inline const auto F64 = [](double v) { return U64(std::bit_cast<uint64_t>(v)); };
+inline const auto PutU32 = [](std::string& bytes, size_t at, uint32_t v) { bytes.replace(at, 4, U32(v)); };
 
 class CompoundFileBuilder {
 public:
@@ -63,8 +53,7 @@ public:
     size_t SectorOffset(uint32_t sector) const { return (size_t{sector} + 1) * sectorSize_; }
     size_t FatEntry(uint32_t sector) const { return In(layout_.Fat, size_t{sector} * 4); }
     size_t MiniFatEntry(uint32_t mini) const { return In(layout_.MiniFat, size_t{mini} * 4); }
-    /// Where entry `id` (0 the root) starts: +64 name length, +66 type, +68 left, +72 right, +76 child,
-    /// +116 start, +120 size.
+    /// Where entry `id` (0 the root) starts: +66 type, +68 left, +72 right, +76 child, +116 start, +120 size.
     size_t Entry(uint32_t id) const { return In(layout_.Directory, size_t{id} * 128); }
     size_t Entry(const std::string& path) const { return Entry(Id(path)); }
 
@@ -119,15 +108,15 @@ public:
             }
             return count ? first : kEnd;
         };
-        chain(fatSectors, &layout_.Fat, 0xFFFFFFFD);
-        chain(difatSectors, &layout_.Difat, 0xFFFFFFFC);
-        chain(dirSectors, &layout_.Directory);
-        chain(miniFatSectors, &layout_.MiniFat);
+        Layout& lo = layout_;
+        chain(fatSectors, &lo.Fat, 0xFFFFFFFD);
+        chain(difatSectors, &lo.Difat, 0xFFFFFFFC);
+        chain(dirSectors, &lo.Directory);
+        chain(miniFatSectors, &lo.MiniFat);
         for (Node* n : large) n->Start = chain(Count(n->Bytes.size()));
         fat.resize(size_t{fatSectors} * per, kFree);
 
         const bool v4 = sectorSize_ == 4096;
-        const Layout& lo = layout_;
         std::string file = std::string("\xD0\xCF\x11\xE0\xA1\xB1\x1A\xE1", 8) + std::string(16, '\0') +
                            U16(0x3E) + U16(v4 ? 4 : 3) + U16(0xFFFE) + U16(v4 ? 12 : 9) + U16(6) +
                            std::string(6, '\0') + U32(v4 ? dirSectors : 0) + U32(fatSectors) +
@@ -212,30 +201,14 @@ inline const std::string
     kDocSummaryFormatId("\x02\xD5\xCD\xD5\x9C\x2E\x1B\x10\x93\x97\x08\x00\x2B\x2C\xF9\xAE", 16);
 
 /// One property as written: its ID and its typed value (type word, value, padded to 4 bytes).
-struct RawProperty {
-    uint32_t Id;
-    std::string Value;
-};
+using RawProperty = std::pair<uint32_t, std::string>;
 inline RawProperty Prop(uint32_t id, uint32_t type, std::string value) {
     value = U32(type) + value;
     value.resize((value.size() + 3) / 4 * 4, '\0');
     return {id, value};
 }
-inline RawProperty PropI2(uint32_t id, int16_t v) {
-    return Prop(id, 2, U16(static_cast<uint16_t>(v)));
-}
-inline RawProperty PropI4(uint32_t id, int32_t v) {
-    return Prop(id, 3, U32(static_cast<uint32_t>(v)));
-}
-inline RawProperty PropBool(uint32_t id, bool v) {
-    return Prop(id, 11, U16(v ? 0xFFFF : 0));
-}
-inline RawProperty PropR8(uint32_t id, double v) {
-    return Prop(id, 5, U64(std::bit_cast<uint64_t>(v)));
-}
-inline RawProperty PropFileTime(uint32_t id, uint64_t v) {
-    return Prop(id, 64, U64(v));
-}
+inline const auto PropI2 = [](uint32_t id, int16_t v) { return Prop(id, 2, U16(static_cast<uint16_t>(v))); };
+inline const auto PropI4 = [](uint32_t id, int32_t v) { return Prop(id, 3, U32(static_cast<uint32_t>(v))); };
 /// VT_LPSTR: `bytes` in the section's code page; a NUL is added unless `terminate` is false.
 inline RawProperty PropString(uint32_t id, std::string bytes, bool terminate = true) {
     if (terminate) bytes += '\0';
@@ -248,10 +221,8 @@ inline RawProperty PropWString(uint32_t id, const std::string& text) {
     return Prop(id, 31, U32(static_cast<uint32_t>(units.size() / 2)) + units);
 }
 
-struct PropertySection {
-    std::string FormatId;
-    std::vector<RawProperty> Properties;
-};
+/// A section: its FMTID and properties.
+using PropertySection = std::pair<std::string, std::vector<RawProperty>>;
 
 /// A property-set stream holding `sections`, each property's offset pointing at its value.
 inline std::string PropertySetStream(const std::vector<PropertySection>& sections) {
@@ -259,16 +230,16 @@ inline std::string PropertySetStream(const std::vector<PropertySection>& section
                       U32(static_cast<uint32_t>(sections.size()));
     const size_t headerEnd = out.size() + sections.size() * 20;
     std::string body;
-    for (const PropertySection& s : sections) {
-        out += s.FormatId + U32(static_cast<uint32_t>(headerEnd + body.size()));
+    for (const auto& [formatId, properties] : sections) {
+        out += formatId + U32(static_cast<uint32_t>(headerEnd + body.size()));
         std::string table, values;
-        const size_t valuesStart = 8 + s.Properties.size() * 8;
-        for (const RawProperty& p : s.Properties) {
-            table += U32(p.Id) + U32(static_cast<uint32_t>(valuesStart + values.size()));
-            values += p.Value;
+        const size_t valuesStart = 8 + properties.size() * 8;
+        for (const auto& [id, value] : properties) {
+            table += U32(id) + U32(static_cast<uint32_t>(valuesStart + values.size()));
+            values += value;
         }
         body += U32(static_cast<uint32_t>(valuesStart + values.size())) +
-                U32(static_cast<uint32_t>(s.Properties.size())) + table + values;
+                U32(static_cast<uint32_t>(properties.size())) + table + values;
     }
     return out + body;
 }
