@@ -10,6 +10,7 @@ hurts all of them alike.
     bench/compare.py check    [--rows N]   the CSV import's tables: the floor's and kvimport's row for row
     bench/compare.py dbf      [--rows N] [--rounds R]   a dBase table into a typed SQLite table, and read alone
     bench/compare.py xls      [--rows N] [--rounds R]   an Excel workbook into SQLite, and read alone (N <= 65,535)
+    bench/compare.py sav      [--rows N] [--rounds R]   an SPSS file of 20 variables read and into SQLite, beside pspp
 
 The CSV comparison includes the floor (bench/floor_import.cpp, from the bench build given by --floor) and
 DuckDB's Node client (after bench/setup.sh) when they are there; the table-to-table one includes its floor
@@ -18,7 +19,11 @@ DuckDB's Node client (after bench/setup.sh) when they are there; the table-to-ta
 are there. The workbook one (65,000 rows unless --rows says otherwise) includes the library's reader alone
 (bench/xls_read.cpp, given by --xls-read), FreeXL's (bench/freexl_read.c, given by --freexl-read, built when
 libfreexl is installed) and Python's xlrd (after bench/setup.sh), and adds the peak memory of kvimport's
-reader and import measured by /usr/bin/time.
+reader and import measured by /usr/bin/time. The SPSS one (after bench/setup.sh, which installs pspp)
+has pspp generate the cases (bench/make_sav.py) and saves them uncompressed, bytecode- and zlib-compressed;
+each is read by the library's reader (bench/sav_read.cpp, given by --sav-read) and converted to CSV by
+pspp-convert, and the bytecode file is imported into SQLite beside pspp-convert followed by sqlite3's
+.import; the peak memory of reading and importing is measured at N cases and at N/10.
 """
 
 import argparse
@@ -352,9 +357,59 @@ def xls_benchmark(args, work, kvimport):
     print(f"\n(kvimport's table holds {rows} rows)")
 
 
+def survey_sav(rows, work):
+    prefix = os.path.join(work, f"survey-{rows}")
+    files = {"uncompressed": prefix + ".sav", "bytecode": prefix + "-bytecode.sav", "zlib": prefix + ".zsav"}
+    if not all(map(os.path.exists, files.values())):
+        if not shutil.which("pspp"):
+            sys.exit("pspp is needed to write the SPSS files (run bench/setup.sh)")
+        subprocess.run([sys.executable, os.path.join(HERE, "make_sav.py"), str(rows), "-o", prefix], check=True)
+    return files
+
+
+def sav_benchmark(args, work, kvimport):
+    files = survey_sav(args.rows, work)
+    convert = shutil.which("pspp-convert")
+    if not convert:
+        print("(no pspp-convert: run bench/setup.sh)", file=sys.stderr)
+    reader = os.path.exists(args.sav_read)
+    if not reader:
+        print(f"(no reading program: build {args.sav_read} with the bench build)", file=sys.stderr)
+    csv = os.path.join(work, "survey.csv")
+    for kind, path in files.items():
+        readers = []
+        if reader:
+            readers.append(("kvimport's reader (bench/sav_read.cpp)", "true", f"{args.sav_read} {path}"))
+        if convert:
+            readers.append(("pspp-convert to CSV", f"rm -f {csv}", f"{convert} {path} {csv}"))
+        if readers:
+            compare(f"{args.rows:,} cases of 20 variables read, {kind} ({os.path.getsize(path) / 1e6:.0f} MB)",
+                    readers, args.rounds, readers[0][0])
+    db = os.path.join(work, "survey.sqlite")
+    path = files["bytecode"]
+    imports = [("kvimport import", f"rm -f {db}", f"{kvimport} import {path} --db {db} --table t --quiet")]
+    if convert:
+        imports.append(("pspp-convert to CSV, then sqlite3 .import", f"rm -f {db} {csv}",
+                        f"{convert} {path} {csv} && sqlite3 {db} '.import --csv {csv} t'"))
+    compare(f"{args.rows:,} cases of 20 variables into a SQLite table (bytecode file)", imports, args.rounds)
+    rows = subprocess.run(["sqlite3", db, "SELECT count(*) FROM t"], capture_output=True, text=True).stdout.strip()
+    print(f"\n(the last table holds {rows} rows)")
+
+    # Memory must not grow with the number of cases: the same measures on a tenth of them.
+    print("\n### Peak memory (/usr/bin/time -f %M, largest of 3 runs)\n")
+    print("| cases | file | kvimport's reader | kvimport import |")
+    print("|---|---|---|---|")
+    for count in (args.rows // 10, args.rows):
+        sized = survey_sav(count, work)
+        for kind, path in sized.items():
+            read = f"{peak_memory('true', f'{args.sav_read} {path}'):.1f} MiB" if reader else "-"
+            imported = peak_memory(f"rm -f {db}", f"{kvimport} import {path} --db {db} --table t --quiet")
+            print(f"| {count:,} | {kind}, {os.path.getsize(path) / 1e6:.0f} MB | {read} | {imported:.1f} MiB |")
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("benchmark", choices=["csv", "sqlite", "check", "dbf", "xls"])
+    parser.add_argument("benchmark", choices=["csv", "sqlite", "check", "dbf", "xls", "sav"])
     parser.add_argument("--rows", type=int, help="rows (default 1000000; 65000 for xls)")
     parser.add_argument("--rounds", type=int, default=3)
     parser.add_argument("--kvimport", default=os.path.join(ROOT, "build", "kvimport"))
@@ -363,6 +418,7 @@ def main():
     parser.add_argument("--floor-copy", default=os.path.join(ROOT, "build-bench", "bench", "floor_copy"))
     parser.add_argument("--dbf-read", default=os.path.join(ROOT, "build-bench", "bench", "dbf_read"))
     parser.add_argument("--xls-read", default=os.path.join(ROOT, "build-bench", "bench", "xls_read"))
+    parser.add_argument("--sav-read", default=os.path.join(ROOT, "build-bench", "bench", "sav_read"))
     parser.add_argument("--freexl-read", default=os.path.join(ROOT, "build-bench", "bench", "freexl_read"))
     parser.add_argument("--work", default=os.path.join(ROOT, "out", "bench"))
     args = parser.parse_args()
@@ -373,7 +429,7 @@ def main():
             sys.exit(f"{tool} is needed (run scripts/setup.sh)")
     os.makedirs(args.work, exist_ok=True)
     benchmarks = {"csv": csv_benchmark, "sqlite": sqlite_benchmark, "check": check_benchmark, "dbf": dbf_benchmark,
-                  "xls": xls_benchmark}
+                  "xls": xls_benchmark, "sav": sav_benchmark}
     benchmarks[args.benchmark](args, args.work, args.kvimport)
 
 
