@@ -385,6 +385,12 @@ def sav_benchmark(args, work, kvimport):
         if readers:
             compare(f"{args.rows:,} cases of 20 variables read, {kind} ({os.path.getsize(path) / 1e6:.0f} MB)",
                     readers, args.rounds, readers[0][0])
+        if convert:
+            # pspp-convert may stop early with a message and still exit 0: say how many cases it wrote.
+            with open(csv, encoding="utf-8", errors="replace") as f:
+                written = sum(1 for _ in f) - 1
+            if written != args.rows:
+                print(f"\n(pspp-convert wrote {written:,} of the {args.rows:,} cases)")
     db = os.path.join(work, "survey.sqlite")
     path = files["bytecode"]
     imports = [("kvimport import", f"rm -f {db}", f"{kvimport} import {path} --db {db} --table t --quiet")]

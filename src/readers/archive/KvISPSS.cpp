@@ -194,8 +194,8 @@ void TSPSSFile::AfterLoad() {
 bool TSPSSFile::FetchCase() {
     if (error_) std::rethrow_exception(std::exchange(error_, nullptr));
     if (ended_ || !data_) return false;
-    if (header_.CaseCount >= 0 && casesRead_ >= header_.CaseCount) {
-        // Whatever follows the declared cases is not theirs.
+    if (caseCount_ >= 0 && casesRead_ >= caseCount_) {
+        // Whatever follows the cases counted is not theirs.
         ended_ = true;
         return false;
     }
@@ -315,7 +315,7 @@ void TSPSSFile::DeliverCase(int row) {
                 value_ = number;
             }
         }
-        const int32_t format = (v.Print.Type << 16) | (v.Print.Width << 8) | v.Print.Decimals;
+        const int32_t format = (v.Print.Type << 16) | (std::min(v.Print.Width, 255) << 8) | v.Print.Decimals;
         OnCellValue(this, 0, row, static_cast<int>(i), format, value_, alignment, type);
     }
 }
