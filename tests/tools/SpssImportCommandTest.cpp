@@ -76,6 +76,13 @@ TEST_F(SpssImport, ChoicesGoIntoTheSpecification) {
     EXPECT_EQ(bad.Status, 2);
     EXPECT_NE(bad.Err.find("--user-missing expects one of null, keep; got 'drop'"), std::string::npos)
         << bad.Err;
+    const std::string full = Survey(1);
+    const std::string cut = Write("cut.sav", full.substr(0, full.size() - 20));
+    test::CliResult partial = RunCli({"import", cut, "--db", db, "--table", "partial"});
+    EXPECT_EQ(partial.Status, 4);
+    EXPECT_EQ(SqliteQuery(db, "SELECT count(*) FROM partial"), "2");
+    EXPECT_NE(partial.Err.find("Row 3: " + cut + ": SPSS: unexpected end of file at byte"), std::string::npos)
+        << partial.Err;
     const std::string broken = Write("broken.sav", Survey(1).substr(0, 300));
     test::CliResult damaged = RunCli({"import", broken, "--db", db});
     EXPECT_NE(damaged.Status, 0);

@@ -199,26 +199,26 @@ bool TSPSSFile::FetchCase() {
         ended_ = true;
         return false;
     }
-    bool fetched = false;
     try {
-        fetched = data_->Next(caseBuffer_.data(), casesRead_ + 1);
-    } catch (...) {
+        if (data_->Next(caseBuffer_.data(), casesRead_ + 1)) {
+            pending_ = true;
+            return true;
+        }
+        ended_ = true;
+        const int64_t declared = caseCount_;
+        caseCount_ = casesRead_;
+        if (declared > casesRead_)
+            throw EKvFormatError(fekTruncated, kFormat, data_->Offset(),
+                                 "the header announces " + std::to_string(declared) +
+                                     " cases, the data ends after " + std::to_string(casesRead_));
+        return false;
+    } catch (const EKvFormatError& e) {
         ended_ = true;
         caseCount_ = casesRead_;
-        throw;
+        // A failure among the cases reaches the user beside a row number: the file is named too.
+        if (FileName().empty() || !RecordMode()) throw;
+        throw EKvFormatError(e.Kind(), FileName() + ": " + e.Format(), e.Offset(), e.Detail());
     }
-    if (fetched) {
-        pending_ = true;
-        return true;
-    }
-    ended_ = true;
-    const int64_t declared = caseCount_;
-    caseCount_ = casesRead_;
-    if (declared > casesRead_)
-        throw EKvFormatError(fekTruncated, kFormat, data_->Offset(),
-                             "the header announces " + std::to_string(declared) +
-                                 " cases, the data ends after " + std::to_string(casesRead_));
-    return false;
 }
 
 bool TSPSSFile::LoadNextCase() {
