@@ -12,6 +12,7 @@ hurts all of them alike.
     bench/compare.py xls      [--rows N] [--rounds R]   an Excel workbook into SQLite, and read alone (N <= 65,535)
     bench/compare.py zip      [--rows N] [--rounds R]   a deflated CSV member of a zip archive written to stdout
     bench/compare.py xml      [--megabytes M] [--rounds R]   an XML document's rows into SQLite, and peak memory
+    bench/compare.py sav      [--rows N] [--rounds R]   an SPSS file of 20 variables read and into SQLite, beside pspp
 
 The CSV comparison includes the floor (bench/floor_import.cpp, from the bench build given by --floor) and
 DuckDB's Node client (after bench/setup.sh) when they are there; the table-to-table one includes its floor
@@ -25,6 +26,11 @@ otherwise) sets the library's reader (bench/zip_inflate.cpp, given by --zip-infl
 `unzip -p` (after bench/setup.sh) and Python's zipfile. The XML one (100 MB unless --megabytes says otherwise)
 sets kvimport beside Python's xml.etree.ElementTree.iterparse with executemany (bench/xml_etree.py), adds the
 peak memory of both at 10 MB and at the full size, and checks that the two tables hold the same rows.
+The SPSS one (after bench/setup.sh, which installs pspp)
+has pspp generate the cases (bench/make_sav.py) and saves them uncompressed, bytecode- and zlib-compressed;
+each is read by the library's reader (bench/sav_read.cpp, given by --sav-read) and converted to CSV by
+pspp-convert, and the bytecode file is imported into SQLite beside pspp-convert followed by sqlite3's
+.import; the peak memory of reading and importing is measured at N cases and at N/10.
 """
 
 import argparse
@@ -434,9 +440,65 @@ def xml_benchmark(args, work, kvimport):
         sys.exit(1)
 
 
+def survey_sav(rows, work):
+    prefix = os.path.join(work, f"survey-{rows}")
+    files = {"uncompressed": prefix + ".sav", "bytecode": prefix + "-bytecode.sav", "zlib": prefix + ".zsav"}
+    if not all(map(os.path.exists, files.values())):
+        if not shutil.which("pspp"):
+            sys.exit("pspp is needed to write the SPSS files (run bench/setup.sh)")
+        subprocess.run([sys.executable, os.path.join(HERE, "make_sav.py"), str(rows), "-o", prefix], check=True)
+    return files
+
+
+def sav_benchmark(args, work, kvimport):
+    files = survey_sav(args.rows, work)
+    convert = shutil.which("pspp-convert")
+    if not convert:
+        print("(no pspp-convert: run bench/setup.sh)", file=sys.stderr)
+    reader = os.path.exists(args.sav_read)
+    if not reader:
+        print(f"(no reading program: build {args.sav_read} with the bench build)", file=sys.stderr)
+    csv = os.path.join(work, "survey.csv")
+    for kind, path in files.items():
+        readers = []
+        if reader:
+            readers.append(("kvimport's reader (bench/sav_read.cpp)", "true", f"{args.sav_read} {path}"))
+        if convert:
+            readers.append(("pspp-convert to CSV", f"rm -f {csv}", f"{convert} {path} {csv}"))
+        if readers:
+            compare(f"{args.rows:,} cases of 20 variables read, {kind} ({os.path.getsize(path) / 1e6:.0f} MB)",
+                    readers, args.rounds, readers[0][0])
+        if convert:
+            # pspp-convert may stop early with a message and still exit 0: say how many cases it wrote.
+            with open(csv, encoding="utf-8", errors="replace") as f:
+                written = sum(1 for _ in f) - 1
+            if written != args.rows:
+                print(f"\n(pspp-convert wrote {written:,} of the {args.rows:,} cases)")
+    db = os.path.join(work, "survey.sqlite")
+    path = files["bytecode"]
+    imports = [("kvimport import", f"rm -f {db}", f"{kvimport} import {path} --db {db} --table t --quiet")]
+    if convert:
+        imports.append(("pspp-convert to CSV, then sqlite3 .import", f"rm -f {db} {csv}",
+                        f"{convert} {path} {csv} && sqlite3 {db} '.import --csv {csv} t'"))
+    compare(f"{args.rows:,} cases of 20 variables into a SQLite table (bytecode file)", imports, args.rounds)
+    rows = subprocess.run(["sqlite3", db, "SELECT count(*) FROM t"], capture_output=True, text=True).stdout.strip()
+    print(f"\n(the last table holds {rows} rows)")
+
+    # Memory must not grow with the number of cases: the same measures on a tenth of them.
+    print("\n### Peak memory (/usr/bin/time -f %M, largest of 3 runs)\n")
+    print("| cases | file | kvimport's reader | kvimport import |")
+    print("|---|---|---|---|")
+    for count in (args.rows // 10, args.rows):
+        sized = survey_sav(count, work)
+        for kind, path in sized.items():
+            read = f"{peak_memory('true', f'{args.sav_read} {path}'):.1f} MiB" if reader else "-"
+            imported = peak_memory(f"rm -f {db}", f"{kvimport} import {path} --db {db} --table t --quiet")
+            print(f"| {count:,} | {kind}, {os.path.getsize(path) / 1e6:.0f} MB | {read} | {imported:.1f} MiB |")
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("benchmark", choices=["csv", "sqlite", "check", "dbf", "xls", "zip", "xml"])
+    parser.add_argument("benchmark", choices=["csv", "sqlite", "check", "dbf", "xls", "zip", "xml", "sav"])
     parser.add_argument("--rows", type=int, help="rows (default 1000000; 65000 for xls, 1300000 for zip)")
     parser.add_argument("--rounds", type=int, default=3)
     parser.add_argument("--megabytes", type=float, default=100, help="size of the XML document (default 100)")
@@ -446,6 +508,7 @@ def main():
     parser.add_argument("--floor-copy", default=os.path.join(ROOT, "build-bench", "bench", "floor_copy"))
     parser.add_argument("--dbf-read", default=os.path.join(ROOT, "build-bench", "bench", "dbf_read"))
     parser.add_argument("--xls-read", default=os.path.join(ROOT, "build-bench", "bench", "xls_read"))
+    parser.add_argument("--sav-read", default=os.path.join(ROOT, "build-bench", "bench", "sav_read"))
     parser.add_argument("--freexl-read", default=os.path.join(ROOT, "build-bench", "bench", "freexl_read"))
     parser.add_argument("--zip-inflate", default=os.path.join(ROOT, "build-bench", "bench", "zip_inflate"))
     parser.add_argument("--work", default=os.path.join(ROOT, "out", "bench"))
@@ -457,7 +520,7 @@ def main():
             sys.exit(f"{tool} is needed (run scripts/setup.sh)")
     os.makedirs(args.work, exist_ok=True)
     benchmarks = {"csv": csv_benchmark, "sqlite": sqlite_benchmark, "check": check_benchmark, "dbf": dbf_benchmark,
-                  "xls": xls_benchmark, "zip": zip_benchmark, "xml": xml_benchmark}
+                  "xls": xls_benchmark, "zip": zip_benchmark, "xml": xml_benchmark, "sav": sav_benchmark}
     benchmarks[args.benchmark](args, args.work, args.kvimport)
 
 

@@ -290,6 +290,9 @@ public:
     virtual std::vector<TKvIDeclaredField> DeclaredFields() const { return {}; }
     /// The number of records the file announces, -1 when it announces none.
     virtual int64_t RecordCount() const { return -1; }
+    /// In record mode, whether record `index` is there to read: below RecordCount() in the base. A reader
+    /// whose file announces no count finds out by reading ahead.
+    virtual bool HasRecord(int index) { return index < RecordCount(); }
     /// What a preview shows of the file besides its rows, as (label, text) pairs: version, code page...
     virtual std::vector<std::pair<std::string, std::string>> FileProperties() const { return {}; }
 

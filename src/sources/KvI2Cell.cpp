@@ -179,7 +179,8 @@ void TKvImportFromCell::GoFirst() {
     // A record reader reads the file in order: the records before the first row are read and dropped,
     // so that RowFirst skips records rather than renumbering them.
     workBook_->BeforeLoad();
-    for (int record = 0; record < row_ && record < GetTotalCount(); ++record) {
+    for (int record = 0; record < row_ && (record < GetTotalCount() || workBook_->HasRecord(record));
+         ++record) {
         rowBuffer_.ClearValues();
         workBook_->LoadRecord(record);
     }
@@ -194,7 +195,7 @@ bool TKvImportFromCell::NeedMore() {
     if (!workBook_ || ended_) return false;
     bool more = row_ < RowLast();
     if (more && workBook_->RecordMode()) {
-        more = GetTotalCount() > row_;
+        more = GetTotalCount() > row_ || workBook_->HasRecord(row_);
     } else if (more) {
         const TSpreadSheet* sheet = Sheet();
         more = sheet && row_ < sheet->Cells().RowCount() && row_ < sheet->Cells().Count();

@@ -178,7 +178,7 @@ TEST_F(ImportCommand, UsageAndSetupErrors) {
          "--source-table is not an option of text sources"},
         {{"import", "x.csv", "--db", "d.sqlite", "--format", "ods"},
          2,
-         "--format expects one of dbf, sqlite, text, vcalendar, xls, xml; got 'ods'"},
+         "--format expects one of dbf, spss, sqlite, text, vcalendar, xls, xml; got 'ods'"},
         {{"preview", "x.csv", "--rows", "x"}, 2, "--rows expects a number, got 'x'"},
         {{"import", "-", "--db", "postgresql://me@localhost/shop"},
          1,

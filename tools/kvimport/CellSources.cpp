@@ -28,6 +28,7 @@ std::string PreviewText(const Variant& v) {
     if (v.IsNullOrEmpty()) return {};
     if (v.VarType() == varDate) {
         const TDateTime d = v.AsDateTime();
+        if (d > 0 && d < 1) return FormatDateTime("hh:nn:ss", d); // a time of day alone
         return FormatDateTime(d == std::floor(d) ? "yyyy-mm-dd" : "yyyy-mm-dd hh:nn:ss", d);
     }
     if (v.VarType() == varBoolean) return v.AsBoolean() ? "true" : "false";
@@ -55,6 +56,7 @@ void CellSource::Preview(int64_t rows, const PreviewRow& row) {
             properties_ = reader.FileProperties();
             declared_ = reader.DeclaredFields();
             declaredRead_ = true;
+            Opened(reader);
         });
 }
 

@@ -28,6 +28,8 @@ public:
 
 protected:
     const std::vector<TKvIDeclaredField>& Declared() const;
+    /// Sees the reader of a preview once it has opened the file, before the rows.
+    virtual void Opened(TSpreadSheetFile& reader) { (void)reader; }
 
     TKvImportFromCell* component_;
     std::string specificationName_;
