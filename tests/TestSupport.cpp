@@ -1,5 +1,8 @@
 #include "TestSupport.h"
 
+#include "datasets/KvMemDataSet.h"
+#include "platform/DateUtils.h"
+
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
@@ -44,6 +47,20 @@ std::string ReadFile(const std::string& path) {
     std::ostringstream s;
     s << in.rdbuf();
     return s.str();
+}
+
+std::string MemRows(const TKvMemDataSet& table) {
+    std::string out;
+    for (int i = 0; i < table.RowCount(); ++i) {
+        for (size_t c = 0; c < table.Row(i).size(); ++c) {
+            const Variant& v = table.Row(i)[c];
+            out += (c ? "|" : "") + (v.IsNull()               ? std::string("null")
+                                     : v.VarType() == varDate ? DateToISO8601(v.AsDateTime())
+                                                              : v.AsString());
+        }
+        out += "\n";
+    }
+    return out;
 }
 
 std::string SqliteQuery(const std::string& file, const std::string& sql) {

@@ -8,6 +8,10 @@
 #include <string>
 #include <vector>
 
+namespace kv {
+class TKvMemDataSet;
+}
+
 namespace kv::test {
 
 /// Puts fixed regional settings in force for one test and restores the previous ones afterwards.
@@ -64,6 +68,9 @@ std::string ReadFile(const std::string& path);
 
 /// Runs `sql` on an SQLite file (creating it) and gives the rows as "a|b" lines joined by "\n".
 std::string SqliteQuery(const std::string& file, const std::string& sql);
+
+/// The rows of an in-memory table as "a|b" lines, each ending in "\n": Null as "null", dates as ISO days.
+std::string MemRows(const TKvMemDataSet& table);
 
 /// A temporary folder with an SQLite destination in it, for the tests that run the command line.
 class CliFixture : public ::testing::Test {

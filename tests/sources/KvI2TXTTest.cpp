@@ -5,7 +5,6 @@
 #include "datasets/KvMemDataSet.h"
 #include "datasets/KvSQLiteDataSet.h"
 #include "platform/Clipboard.h"
-#include "platform/DateUtils.h"
 #include "platform/FrontEnd.h"
 #include "platform/Streams.h"
 
@@ -42,19 +41,7 @@ protected:
         text.Execute();
         return Rows();
     }
-    std::string Rows() {
-        std::string out;
-        for (int i = 0; i < dest.RowCount(); ++i) {
-            for (size_t c = 0; c < dest.Row(i).size(); ++c) {
-                const Variant& v = dest.Row(i)[c];
-                out += (c ? "|" : "") + (v.IsNull()               ? std::string("null")
-                                         : v.VarType() == varDate ? DateToISO8601(v.AsDateTime())
-                                                                  : v.AsString());
-            }
-            out += "\n";
-        }
-        return out;
-    }
+    std::string Rows() { return test::MemRows(dest); }
 
     test::ScopedFormatSettings settings_;
     test::TempDir dir;

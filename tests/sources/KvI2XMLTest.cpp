@@ -5,7 +5,6 @@
 
 #include "TestSupport.h"
 #include "datasets/KvMemDataSet.h"
-#include "platform/DateUtils.h"
 #include "platform/Streams.h"
 
 namespace kv {
@@ -35,17 +34,7 @@ protected:
     std::string Import() {
         dest.EmptyTable();
         xml.Execute();
-        std::string out;
-        for (int i = 0; i < dest.RowCount(); ++i) {
-            for (size_t c = 0; c < dest.Row(i).size(); ++c) {
-                const Variant& v = dest.Row(i)[c];
-                out += (c ? "|" : "") + (v.IsNull()               ? std::string("null")
-                                         : v.VarType() == varDate ? DateToISO8601(v.AsDateTime())
-                                                                  : v.AsString());
-            }
-            out += "\n";
-        }
-        return out;
+        return test::MemRows(dest);
     }
 
     test::ScopedFormatSettings settings_;
