@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <filesystem>
 
 namespace kv {
@@ -26,12 +27,27 @@ constexpr const char* kFormatNames[] = {
     "DATETIME", "ADATE", "JDATE", "DTIME", "WKDAY",  "MONTH", "MOYR",  "QYR",    "WKYR",  "PCT",  "DOT",
     "CCA",      "CCB",   "CCC",   "CCD",   "CCE",    "EDATE", "SDATE", "MTIME",  "YMDHMS"};
 
-/// A number of seconds since 1582-10-14 as a date-time, or a duration as a time; null outside the
-/// years 1 to 9999.
+/// A number of seconds since 1582-10-14 as a date-time, or a duration as a time of day. What neither can
+/// hold whole comes as it would be shown rather than changed: a duration of a day or more (or below 0) as
+/// its hours, minutes and seconds ("25:10:10"), a date outside the years 1 to 9999 as its number.
 Variant SecondsToDateTime(double seconds, TSPSSValueKind kind) {
-    if (!(std::fabs(seconds) < 1e12)) return Variant::Null();
+    if (!(std::fabs(seconds) < 1e12)) return Variant(seconds);
     const auto msecs = static_cast<int64_t>(std::llround(seconds * 1000));
-    if (kind == svkTime) return Variant::FromDateTime(static_cast<double>(msecs) / MSecsPerDay);
+    if (kind == svkTime) {
+        if (msecs >= 0 && msecs < MSecsPerDay)
+            return Variant::FromDateTime(static_cast<double>(msecs) / MSecsPerDay);
+        const int64_t total = msecs < 0 ? -msecs : msecs;
+        char text[48];
+        std::snprintf(text, sizeof text, "%s%02lld:%02lld:%02lld", msecs < 0 ? "-" : "",
+                      static_cast<long long>(total / 3600000), static_cast<long long>(total / 60000 % 60),
+                      static_cast<long long>(total / 1000 % 60));
+        std::string shown = text;
+        if (total % 1000) {
+            std::snprintf(text, sizeof text, ".%03lld", static_cast<long long>(total % 1000));
+            shown += text;
+        }
+        return Variant(shown);
+    }
     int64_t days = msecs / MSecsPerDay;
     int64_t rest = msecs % MSecsPerDay;
     if (rest < 0) {
@@ -39,7 +55,7 @@ Variant SecondsToDateTime(double seconds, TSPSSValueKind kind) {
         --days;
     }
     days -= kDaysTo1899;
-    if (days + DateDelta < 1 || days + DateDelta > kLastDay) return Variant::Null();
+    if (days + DateDelta < 1 || days + DateDelta > kLastDay) return Variant(seconds);
     return Variant::FromDateTime(
         CombineDateTime(static_cast<double>(days), static_cast<double>(rest) / MSecsPerDay));
 }
@@ -308,6 +324,10 @@ void TSPSSFile::DeliverCase(int row) {
                 type = ictString;
             } else if (type != ictDecimal) {
                 value_ = SecondsToDateTime(number, v.Kind);
+                if (value_.IsString())
+                    type = ictString;
+                else if (value_.VarType() != varDate)
+                    type = ictDecimal;
             } else if (v.Print.Decimals == 0 && number == std::trunc(number) && std::fabs(number) < 9.0e15) {
                 value_ = Variant::FromInt(static_cast<int64_t>(number));
                 type = ictInteger;

@@ -90,7 +90,10 @@ SavFile Mixed() {
     for (int i = 0; i < 600; ++i) note += static_cast<char>('a' + (i * 7) % 26);
     f.Cases = {{1, 2.5, "Ann", note, k20180506, k20180506At101010, 36610},
                {1000, -1.25, "", "short", k18800506, SavValue::Missing(), 83410},
-               {SavValue::Missing(), 151, "Zoë Ünal", "", k15830101, k15830101, 0.5}};
+               {SavValue::Missing(), 151, "Zoë Ünal", "", k15830101, k15830101, 0.5},
+               // What no date or time of day holds comes as shown, not cut: a day and more, past 9999.
+               {2, 0, "x", "", k20180506, 3.2e11, 90610.5},
+               {3, 0, "y", "", k20180506, k20180506, -3600}};
     return f;
 }
 
@@ -100,7 +103,9 @@ TEST(SPSSCases, EveryStorageAndByteOrderGivesTheSameValues) {
     const std::vector<std::string> expected = {
         "i:1 d:2.5 s:Ann s:" + note + " t:2018-05-06 t:2018-05-06 10:10:10 t:1899-12-30 10:10:10",
         "i:1000 d:-1.25 s: s:short t:1880-05-06 null t:1899-12-30 23:10:10",
-        "null d:151 s:Zoë Ünal s: t:1583-01-01 t:1583-01-01 t:1899-12-30 00:00:00.500"};
+        "null d:151 s:Zoë Ünal s: t:1583-01-01 t:1583-01-01 t:1899-12-30 00:00:00.500",
+        "i:2 d:0 s:x s: t:2018-05-06 d:320000000000 s:25:10:10.500",
+        "i:3 d:0 s:y s: t:2018-05-06 t:2018-05-06 s:-01:00:00"};
     for (int compression = 0; compression < 3; ++compression)
         for (bool bigEndian : {false, true})
             for (bool declared : {true, false}) {
@@ -116,7 +121,7 @@ TEST(SPSSCases, EveryStorageAndByteOrderGivesTheSameValues) {
                 const Loaded loaded = Load(f.Build(), {}, &reader);
                 EXPECT_EQ(loaded.Error, "");
                 EXPECT_EQ(loaded.Rows, expected);
-                EXPECT_EQ(reader.RecordCount(), 3);
+                EXPECT_EQ(reader.RecordCount(), 5);
                 EXPECT_EQ(reader.Header().Compression, compression);
                 EXPECT_EQ(reader.Header().BigEndian, bigEndian);
                 // Going back reads the first case again.
