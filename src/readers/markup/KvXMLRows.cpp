@@ -173,6 +173,15 @@ bool TKvXMLRows::NextRow() {
         case xtkStartTag:
             if (scanner_.Depth() == rowDepth_ + 1) {
                 EndValue();
+                // A child's attributes are columns of their own ("link@href"), so that a child holding
+                // its value there (an empty <link href="..."/>) loses nothing.
+                ForEachAttribute(scanner_.Attributes(), [this](std::string_view name, std::string_view text) {
+                    attributeName_.assign(scanner_.Name()).append(1, '@').append(name);
+                    std::string& value = Begin(ColumnAt(attributeName_));
+                    const size_t from = value.size();
+                    value += text;
+                    DecodeXMLEntities(value, from);
+                });
                 value_ = &Begin(ColumnAt(scanner_.Name()));
                 raw_ = value_->size();
             }

@@ -93,6 +93,7 @@ private:
     std::string own_;              ///< the row element's own text
 
     std::vector<TKvXMLWarning> taken_;
+    std::string attributeName_; ///< "child@attribute", built in place
 };
 
 } // namespace kv

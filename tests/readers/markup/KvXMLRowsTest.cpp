@@ -73,12 +73,13 @@ TEST(XMLRows, AttributesAndChildrenAreColumns) {
                             " <item id='2'>own <empty/>text<name/></item>\n"
                             " <item/>\n"
                             "</shop>\n";
-    EXPECT_EQ(Rows(doc, "item"),
-              "<item>\n"
-              "3: id=1 note=a & b flag= name=Tom <3 ☺☃ &nbsp; &#0; p:price=12.50 desc=<b>&amp;</b> & more "
-              "tag=x\ny addr=Oslo 0150\n"
-              "10: id=2 name= empty= item=own text\n"
-              "11:\n");
+    EXPECT_EQ(Rows(doc, "item"), "<item>\n"
+                                 "3: id=1 note=a & b flag= name=Tom <3 ☺☃ &nbsp; &#0; p:price@cur=EUR "
+                                 "p:price=12.50 desc=<b>&amp;</b> & "
+                                 "more "
+                                 "tag=x\ny addr=Oslo 0150\n"
+                                 "10: id=2 name= empty= item=own text\n"
+                                 "11:\n");
 }
 
 TEST(XMLRows, BlocksOfAnySizeReadAlike) {
