@@ -61,6 +61,8 @@ std::string XlsRecordModeDifference(TMSExcel& whole, TStream& workbook, const st
 std::string DumpTextFile(const std::string& path);
 /// A table (with its memo file beside it) as its declared fields, then one line per record.
 std::string DumpDbfFile(const std::string& path);
+/// The rows of an XML document as the XML source reads them.
+std::string DumpXmlFile(const std::string& path);
 /// A calendar as its event count and fields ("field: <name> <type> <size>"), then a line per row of sheet 0
 /// ("<row>: <name>=<value>|..."), date-times as yyyy-mm-dd hh:nn:ss.
 std::string DumpVCalendarFile(const std::string& path);

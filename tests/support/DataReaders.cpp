@@ -7,10 +7,8 @@ namespace kv::test {
 
 const std::vector<TDataReader>& DataReaders() {
     static const std::vector<TDataReader> readers = {
-        {"text", DumpTextFile},
-        {"dbf", DumpDbfFile},
-        {"ics", DumpVCalendarFile},
-        {"xls", DumpXlsFile},
+        {"text", DumpTextFile}, {"dbf", DumpDbfFile}, {"ics", DumpVCalendarFile},
+        {"xls", DumpXlsFile},   {"xml", DumpXmlFile},
     };
     return readers;
 }

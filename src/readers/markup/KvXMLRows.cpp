@@ -21,6 +21,7 @@ void TKvXMLRows::Open(TStream& stream) {
     stamps_.clear();
     order_.clear();
     taken_.clear();
+    ended_.clear();
     element_.clear();
     rows_ = 0;
     Restart();
@@ -209,13 +210,18 @@ bool TKvXMLRows::NextRow() {
         }
     }
     if (rowDepth_ == 0) return false;
-    // The document ends inside a row: what it holds is a row still.
+    // The document ends inside a row: what it holds is a row still, said to be cut short.
+    ended_.push_back(
+        {rowLine_,
+         "the document ends inside the <" + element_ + "> that starts here: its last value may be cut short",
+         true});
     EndRow();
     return true;
 }
 
 void TKvXMLRows::TakeNewWarnings(std::vector<TKvXMLWarning>& out) {
-    for (const std::vector<TKvXMLWarning>* list : {&decoder_.Warnings(), &scanner_.Warnings()})
+    const std::vector<TKvXMLWarning>* lists[] = {&decoder_.Warnings(), &scanner_.Warnings(), &ended_};
+    for (const std::vector<TKvXMLWarning>* list : lists)
         for (const TKvXMLWarning& warning : *list)
             if (std::find(taken_.begin(), taken_.end(), warning) == taken_.end()) {
                 taken_.push_back(warning);

@@ -93,7 +93,8 @@ private:
     std::string own_;              ///< the row element's own text
 
     std::vector<TKvXMLWarning> taken_;
-    std::string attributeName_; ///< "child@attribute", built in place
+    std::string attributeName_;        ///< "child@attribute", built in place
+    std::vector<TKvXMLWarning> ended_; ///< a row the document ended inside
 };
 
 } // namespace kv
