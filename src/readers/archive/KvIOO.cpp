@@ -158,11 +158,13 @@ int64_t TKvIOpenOfficeSpreadsheet::TLoad::RowsOf(int64_t rowStart, int sheet) {
         const oo::TCellRun& run = Row.Runs[i];
         const int64_t copies = run.Count * rows - 1;
         cells += copies;
-        bytes += copies * static_cast<int64_t>(std::min<size_t>(run.Bytes, size_t(1) << 30));
+        bytes += copies * static_cast<int64_t>(std::min<size_t>(run.Bytes, size_t(1) << 24));
     }
-    RepeatedCells += cells;
-    RepeatedBytes += bytes;
-    if (RepeatedCells > Owner.maxRepeated_ || RepeatedBytes > Owner.maxRepeated_ * 16)
+    // A row adds no more than 2^34 cells and 2^58 bytes: the sums stay far from overflowing until they fail.
+    RepeatedCells = std::min(RepeatedCells + cells, INT64_MAX / 2);
+    RepeatedBytes = std::min(RepeatedBytes + bytes, INT64_MAX / 2);
+    const int64_t limit = std::max<int64_t>(Owner.maxRepeated_, 0);
+    if (RepeatedCells > limit || RepeatedBytes > std::min(limit, INT64_MAX / 32) * 16)
         oo::Fail(ContentPart(), Row.Line,
                  Format("sheet \"%s\" repeats its cells more than the %d copies a document may claim (a row "
                         "of %d values repeated %d times)",
