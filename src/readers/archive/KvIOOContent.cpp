@@ -209,7 +209,8 @@ bool TDocumentReader::NextTable(std::string& name, std::string& styleName) {
             else
                 SkipElement();
         } else if ((element == "office:styles" || element == "office:automatic-styles") && !inBody) {
-            if (sinks_.Styles)
+            // Styles count before the body only: a sheet read again must find what its first reading found.
+            if (sinks_.Styles && !bodySeen_)
                 ReadStyles();
             else
                 SkipElement();

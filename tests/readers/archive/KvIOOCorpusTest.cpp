@@ -3,6 +3,7 @@
 // assert.
 
 #include "readers/archive/KvIOO.h"
+#include "readers/spreadsheet/KvXLS.h"
 
 #include "TestSupport.h"
 #include "platform/DateUtils.h"
@@ -138,6 +139,34 @@ TEST(OOCorpus, ValuesOtherReadersAssert) {
     // The same workbook as the Excel corpus's SampleSS.
     auto sample = Load("SampleSS.ods");
     EXPECT_EQ(sample->SpreadSheets().Count(), 3);
+}
+
+TEST(OOCorpus, TwinsReadAsTheExcelReaderReadsThem) {
+    if (!CorpusHere()) GTEST_SKIP() << "the shared corpus is not here";
+    // The same workbooks saved as .xls: every cell has the value and the type the Excel reader gives it,
+    // dates the same date-times.
+    for (const char* name : {"1904", "SampleSS"}) {
+        SCOPED_TRACE(name);
+        auto ods = Load(std::string(name) + ".ods");
+        TMSExcel xls;
+        xls.LoadFromFile(std::string(KV_SHARED_DIR "/corpus/xls/") + name + ".xls");
+        ASSERT_EQ(ods->SpreadSheets().Count(), xls.SpreadSheets().Count());
+        for (int s = 0; s < xls.SpreadSheets().Count(); ++s) {
+            const TSpreadSheetCells& theirs = xls.SpreadSheets().Spreadsheet(s).Cells();
+            const TSpreadSheetCells& ours = ods->SpreadSheets().Spreadsheet(s).Cells();
+            EXPECT_EQ(ours.RowCount(), theirs.RowCount());
+            EXPECT_EQ(ours.ColCount(), theirs.ColCount());
+            for (int r = 0; r < theirs.Count(); ++r)
+                for (int c = 0; theirs.Row(r) && c < theirs.Row(r)->Cols().Count(); ++c) {
+                    const TKvICell* cell = theirs.Row(r)->Cols().GetCell(c);
+                    const TKvICell* mine = ours.Row(r) ? ours.Row(r)->Cols().GetCell(c) : nullptr;
+                    if (!cell) continue;
+                    ASSERT_NE(mine, nullptr) << "row " << r << ", column " << c;
+                    EXPECT_EQ(DumpCellValue(mine->Value), DumpCellValue(cell->Value));
+                    EXPECT_EQ(mine->CellType, cell->CellType);
+                }
+        }
+    }
 }
 
 } // namespace
