@@ -141,13 +141,13 @@ int64_t TKvIOpenOfficeSpreadsheet::TLoad::RowsOf(int64_t rowStart, int sheet) {
     const std::string& name = Owner.sheets_[static_cast<size_t>(sheet)].Name;
     if (Row.CutColumns && !WarnedColumns)
         Owner.AddWarning(Format("%s, line %d: sheet \"%s\" has values past column %d, which are not read",
-                                ContentPart().c_str(), Row.Line, name.c_str(), MaxColumns));
+                                ContentPart().c_str(), Reader.Line(), name.c_str(), MaxColumns));
     WarnedColumns = WarnedColumns || Row.CutColumns;
     if (Row.Count == 0) return 0;
     if (rowStart >= MaxRows || Row.Repeat > MaxRows - rowStart) {
         if (!WarnedRows)
             Owner.AddWarning(Format("%s, line %d: sheet \"%s\" has values past row %d, which are not read",
-                                    ContentPart().c_str(), Row.Line, name.c_str(), MaxRows));
+                                    ContentPart().c_str(), Reader.Line(), name.c_str(), MaxRows));
         WarnedRows = true;
         if (rowStart >= MaxRows) return 0;
     }
@@ -165,7 +165,7 @@ int64_t TKvIOpenOfficeSpreadsheet::TLoad::RowsOf(int64_t rowStart, int sheet) {
     RepeatedBytes = std::min(RepeatedBytes + bytes, INT64_MAX / 2);
     const int64_t limit = std::max<int64_t>(Owner.maxRepeated_, 0);
     if (RepeatedCells > limit || RepeatedBytes > std::min(limit, INT64_MAX / 32) * 16)
-        oo::Fail(ContentPart(), Row.Line,
+        oo::Fail(ContentPart(), Reader.Line(),
                  Format("sheet \"%s\" repeats its cells more than the %d copies a document may claim (a row "
                         "of %d values repeated %d times)",
                         name.c_str(), static_cast<int>(std::min<int64_t>(Owner.maxRepeated_, INT32_MAX)),

@@ -278,7 +278,6 @@ void TDocumentReader::ReadRow(TRow& row) {
     row.Count = 0;
     row.Repeat = 1;
     row.CutColumns = false;
-    row.Line = scanner_.Line();
     ForEachAttribute(scanner_.Attributes(), [&](std::string_view n, std::string_view v) {
         if (n == "table:number-rows-repeated") row.Repeat = ParseCount(v, INT64_MAX / 2);
     });

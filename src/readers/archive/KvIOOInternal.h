@@ -35,7 +35,6 @@ struct TRow {
     int64_t Repeat = 1;
     std::vector<TCellRun> Runs; ///< the first Count are this row's, by column
     size_t Count = 0;
-    int64_t Line = 0;        ///< where its start tag is
     bool CutColumns = false; ///< it holds values past the last column of a sheet
 };
 
@@ -79,6 +78,7 @@ public:
     bool NextRow(TRow& row);
 
     const std::string& Part() const { return part_; }
+    /// The line of the last token read (counted only when asked: counting costs a pass over the text).
     int64_t Line() { return scanner_.Line(); }
     int64_t BytesRead() const { return decoder_.BytesRead(); }
     /// The body element was met, and a spreadsheet in it.
