@@ -61,6 +61,9 @@ std::string XlsRecordModeDifference(TMSExcel& whole, TStream& workbook, const st
 std::string DumpTextFile(const std::string& path);
 /// A table (with its memo file beside it) as its declared fields, then one line per record.
 std::string DumpDbfFile(const std::string& path);
+/// An OpenDocument spreadsheet as its properties, then each sheet's rows of cells, then the warnings; read
+/// again row by row in record mode, which must agree.
+std::string DumpOdsFile(const std::string& path);
 /// The rows of an XML document as the XML source reads them.
 std::string DumpXmlFile(const std::string& path);
 /// A calendar as its event count and fields ("field: <name> <type> <size>"), then a line per row of sheet 0

@@ -8,7 +8,7 @@ namespace kv::test {
 const std::vector<TDataReader>& DataReaders() {
     static const std::vector<TDataReader> readers = {
         {"text", DumpTextFile}, {"dbf", DumpDbfFile}, {"ics", DumpVCalendarFile},
-        {"xls", DumpXlsFile},   {"xml", DumpXmlFile},
+        {"xls", DumpXlsFile},   {"xml", DumpXmlFile}, {"ods", DumpOdsFile},
     };
     return readers;
 }

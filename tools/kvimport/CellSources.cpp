@@ -134,6 +134,44 @@ std::vector<OptionSpec> CellRowOptions(bool sheets) {
     return options;
 }
 
+void SheetSource::ApplyOptions(const ImportOptions& o) {
+    CellSource::ApplyOptions(o);
+    TKvImportFromCell& c = *component_;
+    // Most sheets name their columns in the first row: a row of text over more rows is taken as names.
+    if (!o.SourceValue("names-row"))
+        c.SetGuessFieldNamesRow(true);
+    else if (!o.SourceValue("first-row"))
+        c.SetRowFirst(c.RowFieldNames() + 1);
+}
+
+std::string SheetSource::ColumnNote(int index) const {
+    if (index < 0 || index >= component_->Columns().Count()) return {};
+    switch (component_->Columns().Columns(index).DataType) {
+    case itInteger:
+        return "whole number";
+    case itFloat:
+        return "number";
+    case itDate:
+        return "date";
+    case itDateTime:
+        return "date-time";
+    case itTime:
+        return "time";
+    case itBoolean:
+        return "boolean";
+    default:
+        return "text";
+    }
+}
+
+std::vector<OptionSpec> SheetOptions() {
+    std::vector<OptionSpec> options = CellRowOptions(true);
+    for (OptionSpec& o : options)
+        if (std::string(o.Name) == "names-row")
+            o.Help = "the row holding the column names, 0 for none (default: 1)";
+    return options;
+}
+
 namespace {
 
 const RegisterSourceKind kVCalendar({

@@ -38,6 +38,20 @@ protected:
     mutable bool declaredRead_ = false;
 };
 
+/// A sheet of a workbook: its cells carry their types, which a column's note shows and a created table
+/// takes; unless --names-row says, the first row names the columns when it looks like it.
+class SheetSource : public CellSource {
+public:
+    using CellSource::CellSource;
+    void ApplyOptions(const ImportOptions& options) override;
+    std::string ColumnNote(int index) const override;
+    /// A sheet declares no fields: the type is the one its cells gave the column.
+    TFieldType ColumnType(const TKvIColumn& column) const override { return SourceSetup::ColumnType(column); }
+};
+
+/// The options of a sheet: CellRowOptions(true), the names row guessed unless given.
+std::vector<OptionSpec> SheetOptions();
+
 /// --first-row and --last-row, and with `sheets` --sheet and --names-row.
 std::vector<OptionSpec> CellRowOptions(bool sheets);
 /// Options that keep their value as given, or a checked number.
