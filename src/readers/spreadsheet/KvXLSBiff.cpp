@@ -419,18 +419,7 @@ std::vector<std::pair<std::string, std::string>> TMSExcel::FileProperties() cons
         "", "", "BIFF8 (Excel 97-2003)"};
     if (generation_ >= 2 && generation_ <= 8 && *kGenerations[generation_])
         out.emplace_back("Format", kGenerations[generation_]);
-    static const char* const kVisibility[] = {"", ", hidden", ", very hidden", ""};
-    for (size_t i = 0; i < sheets_.size(); ++i) {
-        const TXLSSheetInfo& s = sheets_[i];
-        std::string text = s.Name + " (";
-        text += s.Type == 2 ? "chart" : s.Type == 1 ? "macro sheet" : s.Type == 6 ? "macro module" : "";
-        if (s.Type == 0 || s.Type == 1) {
-            text += s.Rows < 0 ? "size not read"
-                               : IntToStr(s.Rows) + " rows, " + IntToStr(s.Columns) + " columns";
-        }
-        text += kVisibility[s.Visibility & 3];
-        out.emplace_back("Sheet " + IntToStr(static_cast<int64_t>(i + 1)), text + ")");
-    }
+    AddSheetProperties(sheets_, out);
     out.emplace_back("Code page", CodePageDisplayName(codePage_));
     if (dateOffset_ != 0) out.emplace_back("Date system", "1904");
     if (encrypted_) out.emplace_back("Encryption", encryptionText_);
