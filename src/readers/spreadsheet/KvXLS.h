@@ -317,6 +317,14 @@ private:
     void MeasureSkippedSheet(int index);
     /// Reports one cell as its kind and style say.
     void ReportXLSXCell(int row, const TXLSXCell& cell);
+    /// Counts one cell into the sheet's size as ReportXLSXCell would report it.
+    void CountXLSXCell(int row, const TXLSXCell& cell);
+    /// The cell's style, -1 (with a warning) for one the workbook does not hold.
+    int StyleOf(const TXLSXCell& cell);
+    /// The shared string a cell names, nullptr (with a warning) when there is none.
+    const std::string_view* SharedStringOf(const TXLSXCell& cell);
+    /// Adds to the sheet's text, failing past MaxSheetText.
+    void CountText(size_t bytes);
     void StartRecords();
     [[noreturn]] void FailInPart(const std::string& part, const std::exception& e) const;
 
@@ -333,7 +341,8 @@ private:
     uint64_t maxSheetText_ = uint64_t{1} << 30;
     uint64_t sheetText_ = 0;
     bool warnedString_ = false, warnedStyle_ = false;
-    int binaryRow_ = 0; ///< the row the last row header of the binary form named
+    std::string_view sharedString_; ///< what SharedStringOf found last
+    int binaryRow_ = 0;             ///< the row the last row header of the binary form named
 };
 
 /// The number an RK value holds: a 30-bit integer or the high bits of a double, divided by 100 when

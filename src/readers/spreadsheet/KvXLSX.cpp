@@ -199,7 +199,12 @@ void TMSExcelX::ReadSheet(int index) {
             while (reader.NextRow(row)) {
                 if (row.Index <= last) rowsInOrder_[static_cast<size_t>(index)] = false;
                 last = std::max(last, row.Index);
-                for (size_t i = 0; i < row.Count; ++i) ReportXLSXCell(row.Index, row.Cells[i]);
+                for (size_t i = 0; i < row.Count; ++i) {
+                    if (route_ == crCount)
+                        CountXLSXCell(row.Index, row.Cells[i]);
+                    else
+                        ReportXLSXCell(row.Index, row.Cells[i]);
+                }
             }
             if (reader.CellsLeftOut() > 0)
                 AddWarning(Format("Sheet %d holds cells beyond the last row or column a workbook can have: "
@@ -224,25 +229,69 @@ void TMSExcelX::ReadSheet(int index) {
     if (OnDimensions) OnDimensions(this, index, 0, highestRow_ + 1, 0, highestColumn_ + 1);
 }
 
-void TMSExcelX::ReportXLSXCell(int row, const TXLSXCell& cell) {
-    int xf = cell.Style;
-    if (xf < 0 || static_cast<size_t>(xf) >= xfFormats_.size()) {
-        // A style the workbook does not hold would read as a format number: the cell gets none.
-        if (xf != 0 && !warnedStyle_ && !records_) {
-            warnedStyle_ = true;
-            AddWarning(Format("Sheet %d uses cell style %d, which the workbook does not hold: such cells "
-                              "are read without a style",
-                              sheetIndex_ + 1, xf));
-        }
-        xf = -1;
+int TMSExcelX::StyleOf(const TXLSXCell& cell) {
+    const int xf = cell.Style;
+    if (xf >= 0 && static_cast<size_t>(xf) < xfFormats_.size()) return xf;
+    // A style the workbook does not hold would read as a format number: the cell gets none.
+    if (xf != 0 && !warnedStyle_ && !records_) {
+        warnedStyle_ = true;
+        AddWarning(
+            Format("Sheet %d uses cell style %d, which the workbook does not hold: such cells are read "
+                   "without a style",
+                   sheetIndex_ + 1, xf));
     }
+    return -1;
+}
+
+const std::string_view* TMSExcelX::SharedStringOf(const TXLSXCell& cell) {
+    size_t index = 0;
+    const std::string& t = cell.Text;
+    const auto [at, ec] = std::from_chars(t.data(), t.data() + t.size(), index);
+    if (ec == std::errc() && at == t.data() + t.size() && index < strings_->Count()) {
+        sharedString_ = strings_->Item(index);
+        return &sharedString_;
+    }
+    if (!warnedString_ && !records_) {
+        warnedString_ = true;
+        AddWarning(Format("Sheet %d refers to shared string %s, which the workbook does not hold: such cells "
+                          "are left empty",
+                          sheetIndex_ + 1, t.substr(0, 32).c_str()));
+    }
+    return nullptr;
+}
+
+void TMSExcelX::CountText(size_t bytes) {
+    sheetText_ += bytes;
+    if (sheetText_ > maxSheetText_)
+        throw Exception(
+            Format("sheet %d gives more than %d MiB of text (a shared string repeated without end?)",
+                   sheetIndex_ + 1, static_cast<int>(maxSheetText_ >> 20)));
+}
+
+void TMSExcelX::CountXLSXCell(int row, const TXLSXCell& cell) {
+    // What ReportXLSXCell would report, without making the values: the first pass of a record-mode load
+    // only needs the sheet's size, the warnings and the text bound.
+    StyleOf(cell);
+    if (!cell.HasValue && !LoadNULLs()) return;
+    highestRow_ = std::max(highestRow_, row);
+    highestColumn_ = std::max(highestColumn_, cell.Column);
+    if (!cell.HasValue) return;
+    if (cell.Kind == xvSharedString) {
+        const std::string_view* text = SharedStringOf(cell);
+        CountText(text ? text->size() : 0);
+    } else if (cell.Kind != xvNumber && cell.Kind != xvBoolean && cell.Kind != xvDate) {
+        CountText(cell.Text.size());
+    }
+    if (cell.Column > LoadRange().LastCol || row > LoadRange().LastRow) return;
+    static const Variant kAny(true);
+    SpreadSheets().Spreadsheet(sheetIndex_).Cells().CountValue(cell.Column, row, kAny);
+}
+
+void TMSExcelX::ReportXLSXCell(int row, const TXLSXCell& cell) {
+    const int xf = StyleOf(cell);
     const TAlignment align = xf >= 0 ? xfAligns_[static_cast<size_t>(xf)] : taLeftJustify;
     const auto text = [&](Variant value) {
-        sheetText_ += value.StringRef().size();
-        if (sheetText_ > maxSheetText_)
-            throw Exception(Format("sheet %d gives more than %d MiB of text (a shared string repeated "
-                                   "without end?)",
-                                   sheetIndex_ + 1, static_cast<int>(maxSheetText_ >> 20)));
+        CountText(value.StringRef().size());
         ReportCell(row, cell.Column, xf, std::move(value), align, ictString);
     };
     if (!cell.HasValue) {
@@ -266,19 +315,8 @@ void TMSExcelX::ReportXLSXCell(int row, const TXLSXCell& cell) {
         return;
     }
     case xvSharedString: {
-        size_t index = 0;
-        const auto [at, ec] = std::from_chars(t.data(), t.data() + t.size(), index);
-        if (ec != std::errc() || at != t.data() + t.size() || index >= strings_->Count()) {
-            if (!warnedString_ && !records_) {
-                warnedString_ = true;
-                AddWarning(Format("Sheet %d refers to shared string %s, which the workbook does not hold: "
-                                  "such cells are left empty",
-                                  sheetIndex_ + 1, t.substr(0, 32).c_str()));
-            }
-            text(Variant(""));
-            return;
-        }
-        text(Variant(strings_->Item(index)));
+        const std::string_view* shared = SharedStringOf(cell);
+        text(shared ? Variant(*shared) : Variant(""));
         return;
     }
     case xvBoolean:
