@@ -3,7 +3,7 @@
 // sheets, shared strings, styles and core properties, each of which a test may replace, damage or leave
 // out.
 
-#include "support/ZipBuilder.h"
+#include "ZipBuilder.h"
 
 #include <map>
 #include <string>
@@ -61,6 +61,11 @@ public:
         parts_[name] = std::move(data);
         return *this;
     }
+    /// Stores every part as it is, not deflated.
+    XlsxBuilder& Stored() {
+        method_ = 0;
+        return *this;
+    }
     /// Leaves a part out.
     XlsxBuilder& Without(const std::string& name) {
         parts_[name] = kLeftOut;
@@ -115,7 +120,7 @@ public:
         for (const auto& [name, data] : parts_) parts[name] = data;
         ZipBuilder zip;
         for (const auto& [name, data] : parts)
-            if (data != kLeftOut) zip.Add(name, data);
+            if (data != kLeftOut) zip.Add(name, data, method_);
         return zip.Build();
     }
 
@@ -136,6 +141,7 @@ private:
     std::vector<int> cellStyles_ = {0};
     bool date1904_ = false;
     std::string title_;
+    uint16_t method_ = 8;
     std::map<std::string, std::string> parts_;
 };
 
