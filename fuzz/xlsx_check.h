@@ -7,23 +7,14 @@
 #include "platform/Streams.h"
 #include "platform/Utf8.h"
 #include "readers/spreadsheet/KvXLS.h"
+#include "record_mode_check.h"
 
 #include <cstdint>
-#include <cstdlib>
-#include <map>
 #include <string>
 
 namespace xlsxfuzz {
 
-inline void Check(bool condition) {
-    if (!condition) std::abort();
-}
-
-inline std::string CellText(const kv::Variant& value, kv::TKvICellType type, int32_t xf,
-                            kv::TAlignment alignment) {
-    return std::to_string(value.VarType()) + ":" + value.AsString() + ":" + std::to_string(type) + ":" +
-           std::to_string(xf) + ":" + std::to_string(alignment);
-}
+using fuzzcheck::Check;
 
 inline void Configure(kv::TMSExcelX& excel, uint8_t options) {
     excel.SetLoadNULLs(options & 1);
@@ -38,32 +29,7 @@ inline void CheckRecordMode(const std::string& bytes, uint8_t options, kv::TMSEx
     records.SetRecordMode(true);
     kv::TMemoryStream stream(bytes);
     records.LoadFromStream(stream); // the same bytes must load again
-    Check(records.Warnings() == whole.Warnings());
-    const int sheet = whole.SheetFilter() >= 0 ? whole.SheetFilter() : 0;
-    if (sheet >= whole.SpreadSheets().Count()) return;
-    records.SetSheetFilter(sheet);
-    const kv::TSpreadSheetCells& kept = whole.SpreadSheets().Spreadsheet(sheet).Cells();
-    Check(records.SpreadSheets().Spreadsheet(sheet).Cells().RowCount() == kept.RowCount());
-    Check(records.SpreadSheets().Spreadsheet(sheet).Cells().ColCount() == kept.ColCount());
-    int atRow = 0;
-    std::map<int, std::string> row;
-    records.OnCellValue = [&](kv::TObject*, int s, int r, int column, int32_t xf, const kv::Variant& value,
-                              kv::TAlignment alignment, kv::TKvICellType type) {
-        Check(s == sheet && r == atRow);
-        row[column] = CellText(value, type, xf, alignment);
-    };
-    records.BeforeLoad();
-    for (; atRow < kept.RowCount(); ++atRow) {
-        row.clear();
-        records.LoadRecord(atRow);
-        std::map<int, std::string> expected;
-        if (const kv::TSpreadSheetRow* r = kept.Row(atRow))
-            for (int column = 0; column < r->Cols().Count(); ++column)
-                if (const kv::TKvICell* cell = r->Cols().GetCell(column))
-                    expected[column] =
-                        CellText(cell->Value, cell->CellType, cell->FormatIndex, cell->Alignment);
-        Check(row == expected);
-    }
+    fuzzcheck::CompareRecords(whole, records, whole.SheetFilter() >= 0 ? whole.SheetFilter() : 0);
 }
 
 /// Loads the package whole and row by row; the readers' own errors end it quietly.
