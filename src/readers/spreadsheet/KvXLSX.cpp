@@ -378,6 +378,10 @@ void TMSExcelX::StartRecords() {
         route_ = crRecord;
         r.Reader.reset();
     } catch (const std::exception& e) {
+        // Nothing more is read from this sheet until it is started again.
+        r.Ended = true;
+        r.Reader.reset();
+        r.Whole.reset();
         FailInPart(part, e);
     }
 }
