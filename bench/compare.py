@@ -35,8 +35,9 @@ pspp-convert, and the bytecode file is imported into SQLite beside pspp-convert 
 .import; the peak memory of reading and importing is measured at N cases and at N/10.
 The Excel 2007+ one (after bench/setup.sh; 200,000 rows of 10 columns unless --rows says otherwise) has openpyxl
 write the workbook in write-only mode (bench/make_xlsx.py) and LibreOffice convert it to .ods; kvimport imports
-each into SQLite, beside openpyxl reading every value in read-only mode (bench/openpyxl_read.py) and LibreOffice
-converting the workbook to CSV, and the peak memory of the imports is measured.
+each into SQLite, and the library's reader (bench/xls_read.cpp, given by --xls-read) reads every value, beside
+openpyxl reading every value in read-only mode (bench/openpyxl_read.py) and LibreOffice converting the workbook
+to CSV; the peak memory of kvimport's runs is measured.
 """
 
 import argparse
@@ -532,6 +533,11 @@ def workbook_benchmark(args, work, kvimport):
                             f"{kvimport} import {ods} --db {db} --table t --quiet"))
         else:
             print(f"(kvimport import .ods: unavailable here: {probe.stderr.strip()[:200]})", file=sys.stderr)
+    if os.path.exists(args.xls_read):
+        entries.append(("kvimport's reader alone, every value (bench/xls_read.cpp)", "true",
+                        f"{args.xls_read} {book}"))
+    else:
+        print(f"(no reading program: build {args.xls_read} with the bench build)", file=sys.stderr)
     entries.append(("openpyxl read-only, every value (bench/openpyxl_read.py)", "true",
                     f"{python} {os.path.join(HERE, 'openpyxl_read.py')} {book}"))
     if soffice:
