@@ -212,8 +212,10 @@ void TMSExcelX::ReadSheet(int index) {
                                   index + 1,
                                   static_cast<int>(std::min<int64_t>(reader.CellsLeftOut(), INT32_MAX))));
             if (reader.TextsCut() > 0)
-                AddWarning(Format("Sheet %d holds texts longer than %d MiB: they were cut", index + 1,
-                                  static_cast<int>(TKvXLSXSheetReader::kMaxCellText >> 20)));
+                AddWarning(Format("Sheet %d holds texts longer than %d MiB, or rows of more than %d MiB of "
+                                  "text: they were cut",
+                                  index + 1, static_cast<int>(TKvXLSXSheetReader::kMaxCellText >> 20),
+                                  static_cast<int>(TKvXLSXSheetReader::kMaxRowText >> 20)));
             if (reader.EndedEarly())
                 AddWarning(Format("The part of sheet %d (%s) ends inside its cells: its last rows may be "
                                   "missing",

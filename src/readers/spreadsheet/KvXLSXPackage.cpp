@@ -134,8 +134,9 @@ std::vector<TXLSXRelationship> TKvXLSXPackage::Relationships(const std::string& 
     std::vector<TXLSXRelationship> out;
     const std::string relsName = KvRelationshipsPartName(part);
     if (!FindPart(relsName)) return out;
-    // A part of relationships lists a few dozen; a bound keeps a hostile one from growing without end.
-    constexpr size_t kMaxRelationships = 100000;
+    // A part of relationships lists a few dozen, each a short name: bounds keep a hostile one from growing
+    // without end.
+    constexpr size_t kMaxRelationships = 100000, kMaxText = 4096;
     TKvXLSXPartScanner xml(OpenPart(relsName));
     TKvXMLScanner& scanner = xml.Scanner();
     try {
@@ -146,6 +147,7 @@ std::vector<TXLSXRelationship> TKvXLSXPackage::Relationships(const std::string& 
             r.Type = std::string(TypeSegment(KvXMLAttribute(scanner.Attributes(), "Type")));
             r.External = SameText(KvXMLAttribute(scanner.Attributes(), "TargetMode"), "External");
             const std::string target = KvXMLAttribute(scanner.Attributes(), "Target");
+            if (r.Id.size() > kMaxText || r.Type.size() > kMaxText || target.size() > kMaxText) continue;
             r.Target = r.External ? target : KvResolvePartName(part, target);
             out.push_back(std::move(r));
         }
@@ -221,7 +223,7 @@ TXLSXWorkbookInfo KvReadXLSXWorkbook(const TKvXLSXPackage& package, const std::s
         if (r.Type == "styles" && info.StylesPart.empty()) info.StylesPart = r.Target;
     }
     // A workbook has at most a few thousand sheets; the bound keeps a hostile one from costing more.
-    constexpr size_t kMaxSheets = 65536;
+    constexpr size_t kMaxSheets = 65536, kMaxName = 1024;
     TKvXLSXPartScanner xml(package.OpenPart(part));
     TKvXMLScanner& scanner = xml.Scanner();
     bool root = true;
@@ -242,6 +244,12 @@ TXLSXWorkbookInfo KvReadXLSXWorkbook(const TKvXLSXPackage& package, const std::s
             } else if (name == "sheet" && info.Sheets.size() < kMaxSheets) {
                 TXLSXSheetEntry sheet;
                 sheet.Name = KvXMLAttribute(scanner.Attributes(), "name");
+                // Excel's names have at most 31 characters; a longer one is cut to a size a name can have.
+                if (sheet.Name.size() > kMaxName) {
+                    size_t end = kMaxName;
+                    while (end > 0 && (static_cast<uint8_t>(sheet.Name[end]) & 0xC0) == 0x80) --end;
+                    sheet.Name.resize(end);
+                }
                 const std::string state = KvXMLAttribute(scanner.Attributes(), "state");
                 sheet.Visibility = state == "hidden" ? 1 : state == "veryHidden" ? 2 : 0;
                 const std::string id = KvXMLAttribute(scanner.Attributes(), "id");

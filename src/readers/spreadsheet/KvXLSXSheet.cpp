@@ -72,6 +72,7 @@ void TKvXLSXSheetReader::StartRow(std::string_view attributes, TXLSXRow& row) {
     if (index >= kMaxRows) index = kMaxRows;
     row.Index = index;
     row.Count = 0;
+    rowText_ = 0;
     rowKept_ = index < kMaxRows;
     lastRow_ = index;
     lastColumn_ = -1;
@@ -115,16 +116,22 @@ void TKvXLSXSheetReader::StartCell(std::string_view attributes, TXLSXRow& row) {
     cell.Kind = kind;
     cell.HasValue = false;
     cell.Text.clear();
+    cellCut_ = false;
 }
 
 void TKvXLSXSheetReader::AddText(std::string_view text, TXLSXRow& row) {
     TXLSXCell& cell = row.Cells[row.Count - 1];
     cell.HasValue = true;
-    if (cell.Text.size() + text.size() > kMaxCellText) {
-        if (cell.Text.size() < kMaxCellText) ++textsCut_;
-        text = text.substr(0, kMaxCellText - std::min(kMaxCellText, cell.Text.size()));
+    // Each cell's text and the row's together are bounded: a row is held whole until it is handed out.
+    const size_t room = std::min(kMaxCellText - std::min(kMaxCellText, cell.Text.size()),
+                                 kMaxRowText - std::min(kMaxRowText, rowText_));
+    if (text.size() > room) {
+        if (!cellCut_) ++textsCut_;
+        cellCut_ = true;
+        text = text.substr(0, room);
     }
     cell.Text += text;
+    rowText_ += text.size();
 }
 
 void TKvXLSXSheetReader::EndCell(TXLSXRow& row) {

@@ -42,8 +42,10 @@ class TKvXLSXSheetReader {
 public:
     /// The largest sheet a workbook can have; cells beyond it are left out and counted.
     static constexpr int kMaxRows = 1048576, kMaxColumns = 16384;
-    /// The most cells one row may give (a column written again counts again) and the longest cell text.
-    static constexpr size_t kMaxRowCells = 65536, kMaxCellText = size_t(32) << 20;
+    /// The most cells one row may give (a column written again counts again), the longest cell text and
+    /// the most text of one row.
+    static constexpr size_t kMaxRowCells = 65536, kMaxCellText = size_t(32) << 20,
+                            kMaxRowText = size_t(128) << 20;
 
     /// Reads `part`, named `partName` in errors.
     TKvXLSXSheetReader(std::unique_ptr<TStream> part, std::string partName);
@@ -56,7 +58,7 @@ public:
 
     /// Cells left out because they lie beyond the sheet's limits or a row's cell bound.
     int64_t CellsLeftOut() const { return leftOut_; }
-    /// Cell texts cut at kMaxCellText.
+    /// Cell texts cut at kMaxCellText or at the row's kMaxRowText.
     int64_t TextsCut() const { return textsCut_; }
     /// The part ended inside its cell data (a cut or damaged file).
     bool EndedEarly() const { return endedEarly_; }
@@ -80,6 +82,8 @@ private:
     int lastColumn_ = -1;
     int64_t leftOut_ = 0;
     int64_t textsCut_ = 0;
+    size_t rowText_ = 0;   ///< text held by the open row
+    bool cellCut_ = false; ///< the open cell's text was cut
     bool endedEarly_ = false;
 };
 

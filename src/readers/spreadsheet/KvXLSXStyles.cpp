@@ -22,7 +22,7 @@ TAlignment AlignmentOf(const std::string& horizontal) {
 
 TXLSXStyles KvReadXLSXStyles(std::unique_ptr<TStream> part) {
     // Excel keeps at most 64000 cell styles and 250 custom formats; the bounds leave room beyond both.
-    constexpr size_t kMaxStyles = 1 << 20, kMaxFormats = 1 << 16;
+    constexpr size_t kMaxStyles = 1 << 20, kMaxFormats = 1 << 16, kMaxFormatBytes = 1024;
     TXLSXStyles styles;
     TKvXLSXPartScanner xml(std::move(part));
     TKvXMLScanner& scanner = xml.Scanner();
@@ -37,8 +37,11 @@ TXLSXStyles KvReadXLSXStyles(std::unique_ptr<TStream> part) {
         if (scanner.Kind() != xtkStartTag) continue;
         const std::string_view name = KvXMLLocalName(scanner.Name());
         if (name == "numFmt" && styles.Formats.size() < kMaxFormats) {
+            // Excel writes at most 255 characters; what is longer is no format anyone wrote.
+            std::string code = KvXMLAttribute(scanner.Attributes(), "formatCode");
+            if (code.size() > kMaxFormatBytes) code.resize(kMaxFormatBytes);
             styles.Formats.emplace_back(NumberOr0(KvXMLAttribute(scanner.Attributes(), "numFmtId")),
-                                        KvXMLAttribute(scanner.Attributes(), "formatCode"));
+                                        std::move(code));
         } else if (name == "cellXfs") {
             cellXfsDepth = scanner.Depth();
         } else if (name == "xf" && cellXfsDepth >= 0 && scanner.Depth() == cellXfsDepth + 1 &&
