@@ -149,6 +149,8 @@ protected:
     /// Reports one cell: LF becomes CR LF in text, then OnCellValue (or as route_ says); the highest row
     /// and column grow.
     void ReportCell(int row, int column, int xf, Variant value, TAlignment alignment, TKvICellType type);
+    /// Lists the macro modules of the project stored under `project` ("" for the root) of `file`.
+    void ReadVBA(const TKvCompoundFile& file, const std::string& project);
     /// Reports a number cell as a date, a percent (times 100) or a decimal by its style.
     void ReportNumber(int row, int column, int xf, double value, const TAlignment* alignment);
 
@@ -245,7 +247,6 @@ private:
     void Load(TStream& stream);
     void ReadCompound(TStream& stream);
     void ReadRecords(TStream& stream, bool bare);
-    void ReadVBA(const TKvCompoundFile& file);
     /// Loads the workbook again as without record mode, for a sheet that cannot be read again row by row.
     void LoadWhole();
 
@@ -312,6 +313,8 @@ private:
     struct TRecordState;
     void Load(TStream& stream);
     void ReadStyles(const std::string& part);
+    /// Lists the modules of the macro project part (when ParseVBA is set).
+    void ReadVBAProject(const std::string& part);
     /// Reads sheet `index` through: reported (or counted, in record mode) cell by cell.
     void ReadSheet(int index);
     void MeasureSkippedSheet(int index);

@@ -315,7 +315,7 @@ void TMSExcel::ReadCompound(TStream& stream) {
     }
     const std::string problem = summary_.ReadPropertySets(file);
     if (!problem.empty()) AddWarning(problem);
-    if (parseVBA_) ReadVBA(file);
+    if (parseVBA_) ReadVBA(file, "_VBA_PROJECT_CUR/");
     std::unique_ptr<TStream> workbook = file.OpenStream(*book);
     ReadRecords(*workbook, false);
     if (load_) { // record mode reads on from them
@@ -324,9 +324,9 @@ void TMSExcel::ReadCompound(TStream& stream) {
     }
 }
 
-void TMSExcel::ReadVBA(const TKvCompoundFile& file) {
+void TCustomMSExcel::ReadVBA(const TKvCompoundFile& file, const std::string& project) {
     // The modules are the streams of the project's VBA storage other than its bookkeeping ones.
-    static const std::string kPrefix = "_VBA_PROJECT_CUR/VBA/";
+    const std::string kPrefix = project + "VBA/";
     for (const TKvCompoundEntry& entry : file.Entries()) {
         if (entry.Type != cetStream || entry.Path.size() <= kPrefix.size() ||
             UpperCase(entry.Path.substr(0, kPrefix.size())) != kPrefix)

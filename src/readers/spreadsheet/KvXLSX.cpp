@@ -113,6 +113,7 @@ void TMSExcelX::Load(TStream& stream) {
         else
             AddWarning("The styles part " + workbook.StylesPart + " is missing: no cell is read as a date");
     }
+    if (ParseVBA() && !workbook.VBAProjectPart.empty()) ReadVBAProject(workbook.VBAProjectPart);
     strings_ = std::make_unique<TKvXLSXSharedStrings>();
     if (!workbook.SharedStringsPart.empty()) {
         if (!package_->FindPart(workbook.SharedStringsPart)) {
@@ -143,6 +144,20 @@ void TMSExcelX::Load(TStream& stream) {
             MeasureSkippedSheet(static_cast<int>(i));
         else
             ReadSheet(static_cast<int>(i));
+    }
+}
+
+void TMSExcelX::ReadVBAProject(const std::string& part) {
+    // A project is a small compound file; one far larger is not read, and a damaged one costs only its list.
+    constexpr uint64_t kMaxProject = uint64_t{64} << 20;
+    const TKvZipEntry* entry = package_->FindPart(part);
+    try {
+        if (!entry) throw Exception("the package has no such part");
+        if (entry->UncompressedSize > kMaxProject) throw Exception("it is larger than 64 MiB");
+        TMemoryStream bytes(package_->OpenPart(part)->ReadAll());
+        ReadVBA(TKvCompoundFile(bytes), "");
+    } catch (const std::exception& e) {
+        AddWarning("The macro project " + part + " could not be read: " + e.what());
     }
 }
 

@@ -221,6 +221,7 @@ TXLSXWorkbookInfo KvReadXLSXWorkbook(const TKvXLSXPackage& package, const std::s
         if (r.External) continue;
         if (r.Type == "sharedStrings" && info.SharedStringsPart.empty()) info.SharedStringsPart = r.Target;
         if (r.Type == "styles" && info.StylesPart.empty()) info.StylesPart = r.Target;
+        if (r.Type == "vbaProject" && info.VBAProjectPart.empty()) info.VBAProjectPart = r.Target;
     }
     // A workbook has at most a few thousand sheets; the bound keeps a hostile one from costing more.
     constexpr size_t kMaxSheets = 65536, kMaxName = 1024;

@@ -41,6 +41,7 @@ struct TXLSXWorkbookInfo {
     bool Date1904 = false;
     std::string SharedStringsPart; ///< "" when it has none
     std::string StylesPart;
+    std::string VBAProjectPart; ///< the macro project (a compound file), "" when it has none
 };
 
 /// The local part of a qualified XML name ("x:row" -> "row").

@@ -131,6 +131,17 @@ TEST(XLSXCorpus, ValuesOthersAssert) {
     EXPECT_EQ(rows, "1,a;2,b;3,c;");
 }
 
+TEST(XLSXCorpus, MacroModulesAreListedWhenAskedFor) {
+    if (!CorpusHere()) GTEST_SKIP() << "the shared corpus is not here";
+    TMSExcelX x;
+    x.SetParseVBA(true);
+    ASSERT_EQ(ErrorLoading(x, "vba.xlsm"), "");
+    std::string names;
+    for (const TVBAProjectItem& item : x.VBAProject()) names += item.Name + ",";
+    EXPECT_NE(names.find("testVBA,"), std::string::npos) << names;
+    EXPECT_EQ(x.Warnings(), std::vector<std::string>());
+}
+
 TEST(XLSXCorpus, EntitiesAreNeverExpanded) {
     if (!CorpusHere()) GTEST_SKIP() << "the shared corpus is not here";
     // The shared string is "test123" and references to an entity that would grow to megabytes: they stay as
