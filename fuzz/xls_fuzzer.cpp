@@ -8,10 +8,10 @@
 #include "platform/Streams.h"
 #include "platform/Utf8.h"
 #include "readers/spreadsheet/KvXLS.h"
+#include "record_mode_check.h"
 
 #include <cstdint>
 #include <cstdlib>
-#include <map>
 #include <string>
 
 namespace {
@@ -38,11 +38,6 @@ void Configure(kv::TMSExcel& excel, uint8_t options, int& asked) {
     }
 }
 
-std::string CellText(const kv::Variant& value, kv::TKvICellType type, int32_t xf, kv::TAlignment alignment) {
-    return std::to_string(value.VarType()) + ":" + value.AsString() + ":" + std::to_string(type) + ":" +
-           std::to_string(xf) + ":" + std::to_string(alignment);
-}
-
 // Loads the workbook whole into the cell model and record by record; both must agree on every row of the
 // sheet read (the filtered one, else the second, chosen after the load as a sheet named by the user is).
 void CheckRecordMode(const std::string& bytes, uint8_t options) {
@@ -58,32 +53,7 @@ void CheckRecordMode(const std::string& bytes, uint8_t options) {
         return;
     }
     records.LoadFromStream(recordStream); // the same bytes must load again
-    Check(records.Warnings() == whole.Warnings());
-    const int sheet = whole.SheetFilter() >= 0 ? whole.SheetFilter() : 1;
-    if (sheet >= whole.SpreadSheets().Count()) return;
-    records.SetSheetFilter(sheet);
-    const kv::TSpreadSheetCells& kept = whole.SpreadSheets().Spreadsheet(sheet).Cells();
-    Check(records.SpreadSheets().Spreadsheet(sheet).Cells().RowCount() == kept.RowCount());
-    Check(records.SpreadSheets().Spreadsheet(sheet).Cells().ColCount() == kept.ColCount());
-    int atRow = 0;
-    std::map<int, std::string> row;
-    records.OnCellValue = [&](kv::TObject*, int s, int r, int column, int32_t xf, const kv::Variant& value,
-                              kv::TAlignment alignment, kv::TKvICellType type) {
-        Check(s == sheet && r == atRow);
-        row[column] = CellText(value, type, xf, alignment);
-    };
-    records.BeforeLoad();
-    for (; atRow < kept.RowCount(); ++atRow) {
-        row.clear();
-        records.LoadRecord(atRow);
-        std::map<int, std::string> expected;
-        if (const kv::TSpreadSheetRow* r = kept.Row(atRow))
-            for (int column = 0; column < r->Cols().Count(); ++column)
-                if (const kv::TKvICell* cell = r->Cols().GetCell(column))
-                    expected[column] =
-                        CellText(cell->Value, cell->CellType, cell->FormatIndex, cell->Alignment);
-        Check(row == expected);
-    }
+    fuzzcheck::CompareRecords(whole, records, whole.SheetFilter() >= 0 ? whole.SheetFilter() : 1);
 }
 
 } // namespace

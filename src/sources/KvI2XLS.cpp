@@ -17,8 +17,11 @@ std::string TKvImportFromXLS::FillFileFilters() const {
 }
 
 std::unique_ptr<TSpreadSheetFile> TKvImportFromXLS::WorkBookCreation() {
-    if (TMSExcelX::ServesExtension(std::filesystem::path(SourceFileName()).extension().string()))
-        return std::make_unique<TMSExcelX>();
+    if (TMSExcelX::ServesExtension(std::filesystem::path(SourceFileName()).extension().string())) {
+        auto reader = std::make_unique<TMSExcelX>();
+        reader->SetRecordMode(true); // rows read as the run asks for them, the sheet never held whole
+        return reader;
+    }
     auto reader = std::make_unique<TMSExcel>();
     // Row by row: a sheet loaded whole takes several times the file's size.
     reader->SetRecordMode(true);

@@ -10,6 +10,7 @@
 namespace kv {
 class TKvIVCalendar;
 class TMSExcel;
+class TMSExcelX;
 class TStream;
 class Variant;
 } // namespace kv
@@ -56,6 +57,10 @@ std::string DumpXlsFile(const std::string& path);
 /// alignments), and the same sizes, warnings and properties; else the first difference. Each sheet is
 /// read with the filter set before the load and after it, twice from its first row.
 std::string XlsRecordModeDifference(TMSExcel& whole, TStream& workbook, const std::string& password = "");
+/// An Excel 2007+ workbook as DumpXlsFile writes a binary one.
+std::string DumpXlsxFile(const std::string& path);
+/// XlsRecordModeDifference for an Excel 2007+ workbook.
+std::string XlsxRecordModeDifference(TMSExcelX& whole, TStream& workbook);
 /// A delimited text file read with default settings (comma-delimited for .csv): "encoding: <name>", a line
 /// a record ("<line number>: <field>|<field>"), then the warnings ("warning line <n>: <message>").
 std::string DumpTextFile(const std::string& path);

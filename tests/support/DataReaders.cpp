@@ -7,8 +7,8 @@ namespace kv::test {
 
 const std::vector<TDataReader>& DataReaders() {
     static const std::vector<TDataReader> readers = {
-        {"text", DumpTextFile}, {"dbf", DumpDbfFile}, {"ics", DumpVCalendarFile},
-        {"xls", DumpXlsFile},   {"xml", DumpXmlFile}, {"ods", DumpOdsFile},
+        {"text", DumpTextFile}, {"dbf", DumpDbfFile}, {"ics", DumpVCalendarFile}, {"xls", DumpXlsFile},
+        {"xlsx", DumpXlsxFile}, {"xml", DumpXmlFile}, {"ods", DumpOdsFile},
     };
     return readers;
 }

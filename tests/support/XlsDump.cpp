@@ -1,16 +1,23 @@
-// How the test of real files reads tests/data/xls: every sheet of the workbook, each cell with its letters,
-// and the same sheets read row by row in record mode, which must agree.
+// How the test of real files reads tests/data/xls and tests/data/xlsx: every sheet of the workbook, each
+// cell with its letters, and the same sheets read row by row in record mode, which must agree.
 
 #include "platform/Streams.h"
 #include "readers/spreadsheet/KvXLS.h"
 #include "support/DataFiles.h"
 
+#include <functional>
 #include <map>
 
 namespace kv::test {
 
-std::string DumpXlsFile(const std::string& path) {
-    TMSExcel excel;
+namespace {
+
+template <class TReader>
+std::string RecordModeDifference(TReader& whole, TStream& workbook,
+                                 const std::function<void(TReader&)>& configure);
+
+template <class TReader> std::string DumpExcelFile(const std::string& path) {
+    TReader excel;
     excel.LoadFromFile(path);
     std::string out;
     for (const auto& [label, text] : excel.FileProperties()) out += label + ": " + text + "\n";
@@ -30,9 +37,19 @@ std::string DumpXlsFile(const std::string& path) {
     }
     for (const std::string& warning : excel.Warnings()) out += "warning: " + warning + "\n";
     TFileStream file(path, fmOpenRead);
-    const std::string difference = XlsRecordModeDifference(excel, file);
+    const std::string difference = RecordModeDifference<TReader>(excel, file, nullptr);
     if (!difference.empty()) out += "record mode: " + difference + "\n";
     return out;
+}
+
+} // namespace
+
+std::string DumpXlsFile(const std::string& path) {
+    return DumpExcelFile<TMSExcel>(path);
+}
+
+std::string DumpXlsxFile(const std::string& path) {
+    return DumpExcelFile<TMSExcelX>(path);
 }
 
 namespace {
@@ -42,17 +59,17 @@ std::string CellText(int col, const Variant& value, TKvICellType type, int xf, T
            std::to_string(xf) + "," + std::to_string(alignment) + ")";
 }
 
-} // namespace
-
-std::string XlsRecordModeDifference(TMSExcel& whole, TStream& workbook, const std::string& password) {
+template <class TReader>
+std::string RecordModeDifference(TReader& whole, TStream& workbook,
+                                 const std::function<void(TReader&)>& configure) {
     const int64_t start = workbook.Position();
     for (int s = 0; s < whole.SpreadSheets().Count(); ++s) {
         const TSpreadSheetCells& kept = whole.SpreadSheets().Spreadsheet(s).Cells();
         for (const bool late : {false, true}) {
             const std::string where = "sheet " + std::to_string(s + 1) + (late ? ", chosen late" : "") + ": ";
-            TMSExcel records;
+            TReader records;
             records.SetRecordMode(true);
-            records.SetPassword(password);
+            if (configure) configure(records);
             records.SetFileName(whole.FileName());
             records.SetSheetFilter(late ? -1 : s);
             int atRow = -1;
@@ -97,6 +114,16 @@ std::string XlsRecordModeDifference(TMSExcel& whole, TStream& workbook, const st
         }
     }
     return "";
+}
+
+} // namespace
+
+std::string XlsRecordModeDifference(TMSExcel& whole, TStream& workbook, const std::string& password) {
+    return RecordModeDifference<TMSExcel>(whole, workbook, [&](TMSExcel& r) { r.SetPassword(password); });
+}
+
+std::string XlsxRecordModeDifference(TMSExcelX& whole, TStream& workbook) {
+    return RecordModeDifference<TMSExcelX>(whole, workbook, nullptr);
 }
 
 } // namespace kv::test

@@ -1,11 +1,12 @@
-// Excel binary workbooks on the command line: the sheet by number or name, the first row as column names
-// unless told otherwise, and the password of an encrypted workbook given, asked on the terminal, or
-// missing with a clear message.
+// Excel workbooks on the command line (binary ones and Excel 2007+ packages): the sheet by number or name,
+// the first row as column names unless told otherwise, and the password of an encrypted binary workbook
+// given, asked on the terminal, or missing with a clear message.
 
 #include "CellSources.h"
 #include "CommandLine.h"
 #include "TerminalFrontEnd.h"
 #include "platform/Exceptions.h"
+#include "platform/SysUtils.h"
 #include "sources/KvI2XLS.h"
 
 #include <filesystem>
@@ -47,10 +48,9 @@ class XlsSource : public CellSource {
 public:
     XlsSource(const ImportOptions& o, const std::string& file, TComponent& root)
         : CellSource(new TKvImportFromXLS(&root), "XLS", file) {
-        if (TMSExcelX::ServesExtension(std::filesystem::path(file).extension().string()))
-            throw UsageError(file +
-                             ": XML workbooks (.xlsx, .xlsm, .xlsb) cannot be read yet; save the sheet as "
-                             ".xls or CSV");
+        if (UpperCase(std::filesystem::path(file).extension().string()) == ".XLSB")
+            throw UsageError(file + ": binary workbooks (.xlsb) cannot be read yet; save the sheet as .xlsx, "
+                                    ".xls or CSV");
         auto& xls = static_cast<TKvImportFromXLS&>(*component_);
         const std::string* given = o.SourceValue("password");
         if (given) xls.SetPassword(*given);
@@ -87,7 +87,9 @@ const RegisterSourceKind kXls({
     "xls",
     {".xls", ".xlsx", ".xlsm", ".xlsb", ".xltx", ".xltm"},
     "XLS",
-    "Excel workbooks (.xls: Excel 2 to 2003, encrypted ones too; one sheet per run)",
+    "Excel workbooks (.xls: Excel 2 to 2003, encrypted ones too; .xlsx, .xlsm, .xltx, .xltm: Excel 2007+; "
+    "one "
+    "sheet per run)",
     false,
     XlsOptions(),
     [](const ImportOptions& o, const std::string& file, const TStringList*, TComponent& root)

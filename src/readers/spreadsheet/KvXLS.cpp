@@ -18,6 +18,8 @@ std::string strXLSNotValidWorkbook = "File is not valid Excel Workbook";
 std::string strXLSPasswordProtected = "Could not read the password protected file";
 std::string strXLSContinueNotFound = "CONTINUE record is not found in the stream";
 std::string strXLSSSTOptionsUnhandled = "String in SST (Options byte is 0x%.2x) can not be processed.";
+std::string strXLSXEncrypted =
+    "The workbook is encrypted with a password, which this reader cannot remove: save it without one";
 
 namespace {
 
@@ -246,43 +248,23 @@ std::vector<std::pair<std::string, std::string>> TCustomMSExcel::FileProperties(
     return out;
 }
 
-// ---- TMSExcelX ----
-
-bool TMSExcelX::ServesExtension(std::string_view extension) {
-    static const char* const kExtensions[] = {".XLSX", ".XLSM", ".XLTX", ".XLTM", ".XLAX",
-                                              ".XLAM", ".XLSB", ".XLTB", ".XLAB"};
-    const std::string upper = UpperCase(extension);
-    return std::any_of(std::begin(kExtensions), std::end(kExtensions),
-                       [&](const char* e) { return upper == e; });
+void TCustomMSExcel::AddSheetProperties(const std::vector<TXLSSheetInfo>& sheets,
+                                        std::vector<std::pair<std::string, std::string>>& out) {
+    static const char* const kVisibility[] = {"", ", hidden", ", very hidden", ""};
+    for (size_t i = 0; i < sheets.size(); ++i) {
+        const TXLSSheetInfo& s = sheets[i];
+        std::string text = s.Name + " (";
+        text += s.Type == 2 ? "chart" : s.Type == 1 ? "macro sheet" : s.Type == 6 ? "macro module" : "";
+        if (s.Type == 0 || s.Type == 1) {
+            text += s.Rows < 0 ? "size not read"
+                               : IntToStr(s.Rows) + " rows, " + IntToStr(s.Columns) + " columns";
+        }
+        text += kVisibility[s.Visibility & 3];
+        out.emplace_back("Sheet " + IntToStr(static_cast<int64_t>(i + 1)), text + ")");
+    }
 }
 
-void TMSExcelX::LoadFromFile(const std::string& fileName) {
-    TSpreadSheetFile::LoadFromFile(fileName);
-    const std::string extension = UpperCase(std::filesystem::path(fileName).extension().string());
-    SetVersion(extension == ".XLSB" || extension == ".XLTB" || extension == ".XLAB" ? evExcel12Bin
-                                                                                    : evExcel12);
-    TFileStream file(fileName, fmOpenRead | fmShareDenyWrite);
-    file.Seek(0, soBeginning);
-    LoadFromStream(file);
-}
-
-void TMSExcelX::LoadFromStream(TStream& stream) {
-    TSpreadSheetFile::LoadFromStream(stream);
-    summary_.Clear();
-    // The workbook's parts are not unpacked yet: the load ends with the formats ready and no sheets.
-}
-
-void TMSExcelX::EnterBuiltInFormats() {
-    TCustomMSExcel::EnterBuiltInFormats();
-    // This reader's format 8 has no opening parenthesis; kept, since saved results depend on it.
-    SetFormat(8, "$#,##0.00_);[Red]($#,##0.00)");
-}
-
-void TMSExcelX::UnZipAndLoadBinaryXML(const std::string&) {}
-void TMSExcelX::UnZipVBProjectAndLoad(const std::string&) {}
-void TMSExcelX::UnZipStyles(const std::string&) {}
-void TMSExcelX::UnZipProp(const std::string&, int, const std::string&, const std::string&,
-                          std::vector<std::string>&) {}
+// ---- TMSExcelX: the binary form ----
 
 void TMSExcelX::ProcessBIFF12Record(TStream& stream) {
     // A record is a type and a size, each 7 bits a byte with the high bit set while more follow.

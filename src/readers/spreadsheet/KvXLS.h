@@ -1,8 +1,8 @@
 #pragma once
 // TMSExcel reads Excel workbooks in the BIFF record format of every generation, from bare Excel 2-4
 // worksheet streams to Excel 97-2003 workbooks in a compound file, and reports their sheets and cells
-// through the cell reader's events. TMSExcelX is its sibling for the XML workbook extensions: it
-// identifies the variant and prepares the formats, and delivers no cells yet.
+// through the cell reader's events. TMSExcelX is its sibling for Excel 2007+ workbooks (the XML parts of a
+// zip package).
 
 #include "cells/KvCells.h"
 #include "readers/spreadsheet/KvI_Sum.h"
@@ -20,6 +20,9 @@ namespace kv {
 class TKvBinaryReader;
 class TKvBIFFDecryptor;
 class TKvCompoundFile;
+class TKvXLSXPackage;
+class TKvXLSXSharedStrings;
+struct TXLSXCell;
 
 // The reader's own texts.
 extern std::string strXLSNotExcelFile;      // "File is not an Excel file"
@@ -27,7 +30,8 @@ extern std::string strXLSNotValidWorkbook;  // "File is not valid Excel Workbook
 extern std::string strXLSPasswordProtected; // "Could not read the password protected file"
 extern std::string strXLSContinueNotFound;  // "CONTINUE record is not found in the stream"
 extern std::string
-    strXLSSSTOptionsUnhandled; // "String in SST (Options byte is 0x%.2x) can not be processed."
+    strXLSSSTOptionsUnhandled;       // "String in SST (Options byte is 0x%.2x) can not be processed."
+extern std::string strXLSXEncrypted; // "The workbook is encrypted with a password: ..."
 
 enum TExcelVersion : uint8_t {
     evUnknown,
@@ -134,6 +138,10 @@ public:
     std::vector<std::pair<std::string, std::string>> FileProperties() const override;
     std::string ClassName() const override { return "TCustomMSExcel"; }
 
+    /// "Sheet <n>" lines of a preview: name, kind, size and visibility of each sheet.
+    static void AddSheetProperties(const std::vector<TXLSSheetInfo>& sheets,
+                                   std::vector<std::pair<std::string, std::string>>& out);
+
 protected:
     /// The built-in formats, before any FORMAT record.
     virtual void EnterBuiltInFormats();
@@ -141,6 +149,8 @@ protected:
     /// Reports one cell: LF becomes CR LF in text, then OnCellValue (or as route_ says); the highest row
     /// and column grow.
     void ReportCell(int row, int column, int xf, Variant value, TAlignment alignment, TKvICellType type);
+    /// Lists the macro modules of the project stored under `project` ("" for the root) of `file`.
+    void ReadVBA(const TKvCompoundFile& file, const std::string& project);
     /// Reports a number cell as a date, a percent (times 100) or a decimal by its style.
     void ReportNumber(int row, int column, int xf, double value, const TAlignment* alignment);
 
@@ -237,7 +247,6 @@ private:
     void Load(TStream& stream);
     void ReadCompound(TStream& stream);
     void ReadRecords(TStream& stream, bool bare);
-    void ReadVBA(const TKvCompoundFile& file);
     /// Loads the workbook again as without record mode, for a sheet that cannot be read again row by row.
     void LoadWhole();
 
@@ -261,33 +270,82 @@ private:
     std::unique_ptr<TLoad> load_;       ///< the record loop, kept at the end of the first pass
 };
 
-/// The XML workbook reader: recognises the variant by its extension and prepares the formats.
+/// The Excel 2007+ reader: a zip package of XML parts. A load reads the workbook's sheet list, styles,
+/// shared strings and document properties, then each sheet part as a stream of rows. In record mode
+/// (off by default) the load only measures the sheets; BeforeLoad then starts on sheet SheetFilter and
+/// LoadRecord(n) reports the cells of its row n, reading the part on as rows are asked for, so that
+/// memory holds the shared strings and one row. The stream must stay open while records are read.
+/// Binary workbooks (.xlsb) are recognised and give no sheets yet.
 class TMSExcelX : public TCustomMSExcel {
 public:
-    explicit TMSExcelX(TComponent* owner = nullptr) : TCustomMSExcel(owner) {}
+    explicit TMSExcelX(TComponent* owner = nullptr);
+    ~TMSExcelX() override;
+    TMSExcelX(const TMSExcelX&) = delete;
+    TMSExcelX& operator=(const TMSExcelX&) = delete;
 
     void LoadFromFile(const std::string& fileName) override;
     void LoadFromStream(TStream& stream) override;
+    void BeforeLoad() override;
+    bool LoadRecord(int index) override;
+    /// The last load met an encrypted package (and failed).
+    bool IsEncrypted() override { return encrypted_; }
 
-    // The extraction steps of the workbook's parts; not part of a load yet.
-    void UnZipAndLoadBinaryXML(const std::string& fileName);
-    void UnZipVBProjectAndLoad(const std::string& fileName);
-    void UnZipStyles(const std::string& fileName);
-    void UnZipProp(const std::string& fileName, int flag, const std::string& name, const std::string& value,
-                   std::vector<std::string>& strings);
+    /// The sheets of the last load, in the workbook's order (charts too, without cells).
+    const std::vector<TXLSSheetInfo>& Sheets() const { return sheets_; }
+    /// The most text the cells of one sheet may give, a shared string counted each time a cell uses it:
+    /// a few cells that repeat a huge string would otherwise cost without bound.
+    uint64_t MaxSheetText() const { return maxSheetText_; }
+    void SetMaxSheetText(uint64_t v) { maxSheetText_ = v; }
+
     /// Reports the cell of one binary-form record through the shared cell routine.
     void ProcessBIFF12Record(TStream& stream);
 
     /// True for the extensions this reader serves (.XLSX, .XLSM, ..., .XLAB), any case.
     static bool ServesExtension(std::string_view extension);
 
+    std::vector<std::pair<std::string, std::string>> FileProperties() const override;
     std::string ClassName() const override { return "TMSExcelX"; }
 
 protected:
     void EnterBuiltInFormats() override;
 
 private:
-    int binaryRow_ = 0; ///< the row the last row header of the binary form named
+    struct TRecordState;
+    void Load(TStream& stream);
+    void ReadStyles(const std::string& part);
+    /// Lists the modules of the macro project part (when ParseVBA is set).
+    void ReadVBAProject(const std::string& part);
+    /// Reads sheet `index` through: reported (or counted, in record mode) cell by cell.
+    void ReadSheet(int index);
+    void MeasureSkippedSheet(int index);
+    /// Reports one cell as its kind and style say.
+    void ReportXLSXCell(int row, const TXLSXCell& cell);
+    /// Counts one cell into the sheet's size as ReportXLSXCell would report it.
+    void CountXLSXCell(int row, const TXLSXCell& cell);
+    /// The cell's style, -1 (with a warning) for one the workbook does not hold.
+    int StyleOf(const TXLSXCell& cell);
+    /// The shared string a cell names, nullptr (with a warning) when there is none.
+    const std::string_view* SharedStringOf(const TXLSXCell& cell);
+    /// Adds to the sheet's text, failing past MaxSheetText.
+    void CountText(size_t bytes);
+    void StartRecords();
+    [[noreturn]] void FailInPart(const std::string& part, const std::exception& e) const;
+
+    std::unique_ptr<TStream> file_; ///< the file LoadFromFile opened, kept for record mode
+    std::unique_ptr<TKvXLSXPackage> package_;
+    std::unique_ptr<TKvXLSXSharedStrings> strings_;
+    std::vector<TXLSSheetInfo> sheets_;
+    std::vector<std::string> sheetParts_; ///< each sheet's part ("" for none)
+    std::vector<bool> rowsInOrder_;       ///< each sheet's rows came in ascending order
+    std::unique_ptr<TRecordState> records_;
+    std::string format_; ///< what the package is, for the preview
+    bool encrypted_ = false;
+    bool loaded_ = false; ///< a record-mode load ended and rows may be asked for
+    uint64_t maxSheetText_ = uint64_t{1} << 30;
+    uint64_t sheetText_ = 0;
+    bool warnedString_ = false, warnedStyle_ = false;
+    std::string_view sharedString_; ///< what SharedStringOf found last
+    int binaryRow_ = 0;             ///< the row the last row header of the binary form named
 };
 
 /// The number an RK value holds: a 30-bit integer or the high bits of a double, divided by 100 when

@@ -315,7 +315,7 @@ void TMSExcel::ReadCompound(TStream& stream) {
     }
     const std::string problem = summary_.ReadPropertySets(file);
     if (!problem.empty()) AddWarning(problem);
-    if (parseVBA_) ReadVBA(file);
+    if (parseVBA_) ReadVBA(file, "_VBA_PROJECT_CUR/");
     std::unique_ptr<TStream> workbook = file.OpenStream(*book);
     ReadRecords(*workbook, false);
     if (load_) { // record mode reads on from them
@@ -324,9 +324,9 @@ void TMSExcel::ReadCompound(TStream& stream) {
     }
 }
 
-void TMSExcel::ReadVBA(const TKvCompoundFile& file) {
+void TCustomMSExcel::ReadVBA(const TKvCompoundFile& file, const std::string& project) {
     // The modules are the streams of the project's VBA storage other than its bookkeeping ones.
-    static const std::string kPrefix = "_VBA_PROJECT_CUR/VBA/";
+    const std::string kPrefix = project + "VBA/";
     for (const TKvCompoundEntry& entry : file.Entries()) {
         if (entry.Type != cetStream || entry.Path.size() <= kPrefix.size() ||
             UpperCase(entry.Path.substr(0, kPrefix.size())) != kPrefix)
@@ -419,18 +419,7 @@ std::vector<std::pair<std::string, std::string>> TMSExcel::FileProperties() cons
         "", "", "BIFF8 (Excel 97-2003)"};
     if (generation_ >= 2 && generation_ <= 8 && *kGenerations[generation_])
         out.emplace_back("Format", kGenerations[generation_]);
-    static const char* const kVisibility[] = {"", ", hidden", ", very hidden", ""};
-    for (size_t i = 0; i < sheets_.size(); ++i) {
-        const TXLSSheetInfo& s = sheets_[i];
-        std::string text = s.Name + " (";
-        text += s.Type == 2 ? "chart" : s.Type == 1 ? "macro sheet" : s.Type == 6 ? "macro module" : "";
-        if (s.Type == 0 || s.Type == 1) {
-            text += s.Rows < 0 ? "size not read"
-                               : IntToStr(s.Rows) + " rows, " + IntToStr(s.Columns) + " columns";
-        }
-        text += kVisibility[s.Visibility & 3];
-        out.emplace_back("Sheet " + IntToStr(static_cast<int64_t>(i + 1)), text + ")");
-    }
+    AddSheetProperties(sheets_, out);
     out.emplace_back("Code page", CodePageDisplayName(codePage_));
     if (dateOffset_ != 0) out.emplace_back("Date system", "1904");
     if (encrypted_) out.emplace_back("Encryption", encryptionText_);
