@@ -293,6 +293,9 @@ void TKvPgDatabase::RaiseError(const pg_result* result) const {
                                   (host ? " on host \"" + std::string(host) + "\"" : std::string()) + ": " +
                                   message);
     }
+    if (state && std::string_view(state) == "55P03")
+        throw EDatabaseUnwritable(message + ": another session held a lock for longer than the " +
+                                  IntToStr(lockTimeout_) + " ms this run waits");
     if (state && RefusesEveryWrite(state)) throw EDatabaseUnwritable(message);
     throw EDatabaseError(message);
 }

@@ -196,7 +196,14 @@ TEST_F(Pg, ALockHeldByAnotherSessionFailsAfterTheLockTimeout) {
     db.Execute("LOCK TABLE t IN ACCESS EXCLUSIVE MODE");
     const auto start = std::chrono::steady_clock::now();
     waiting.StartTransaction();
-    EXPECT_THROW(Insert(*ds, {1}), EDatabaseUnwritable);
+    std::string message;
+    try {
+        Insert(*ds, {1});
+    } catch (const EDatabaseUnwritable& e) {
+        message = e.Message();
+    }
+    EXPECT_EQ(message, "canceling statement due to lock timeout: another session held a lock for longer than "
+                       "the 200 ms this run waits");
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
     ds->Cancel();
     waiting.Rollback();

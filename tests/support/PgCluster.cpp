@@ -164,4 +164,22 @@ std::string PgCluster::FreshSchema() {
     return ConnectionString() + " options='-c search_path=" + schema + "'";
 }
 
+std::string PgCluster::Query(const std::string& target, const std::string& sql) {
+    PGconn* conn = PQconnectdb(target.c_str());
+    PGresult* result = PQexec(conn, sql.c_str());
+    const ExecStatusType status = PQresultStatus(result);
+    std::string rows;
+    for (int row = 0; row < PQntuples(result); ++row) {
+        if (row) rows += "\n";
+        for (int column = 0; column < PQnfields(result); ++column)
+            rows += (column ? "|" : "") +
+                    std::string(PQgetisnull(result, row, column) ? "null" : PQgetvalue(result, row, column));
+    }
+    const std::string error = PQerrorMessage(conn);
+    PQclear(result);
+    PQfinish(conn);
+    if (status != PGRES_TUPLES_OK && status != PGRES_COMMAND_OK) throw std::runtime_error(error);
+    return rows;
+}
+
 } // namespace kv::test

@@ -24,6 +24,10 @@ public:
     /// The command that runs a program of BinDir as the cluster's owner ("" or "runuser -u postgres -- ").
     const std::string& AsOwner() const { return asOwner_; }
 
+    /// Runs `sql` on the database `target` names and gives the rows of its last statement as "a|b" lines
+    /// joined by "\n", Null as "null"; std::runtime_error with the server's message when it fails.
+    static std::string Query(const std::string& target, const std::string& sql);
+
 private:
     PgCluster();
     void Stop() noexcept;

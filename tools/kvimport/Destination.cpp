@@ -71,9 +71,9 @@ void Destination::Commit() {
 }
 
 void Destination::Rollback() {
-    if (!database_->InTransaction()) return;
-    database_->Rollback();
+    // A lost connection has ended the transaction already; its rows are gone all the same.
     if (component_) rolledBack_ = Writes() - committedWrites_;
+    database_->Rollback();
 }
 
 } // namespace kv::cli

@@ -32,8 +32,10 @@ public:
     void Commit();
     /// Rolls back the open transaction (after a failed run).
     void Rollback();
-    /// Rows written since the last commit that a rollback took away.
+    /// Rows written since the last commit that a rollback (or a lost connection) took away.
     int RolledBackRows() const { return rolledBack_; }
+    /// Rows the run wrote and committed.
+    int CommittedRows() const { return committedWrites_; }
 
 private:
     int Writes() const;

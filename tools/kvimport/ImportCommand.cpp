@@ -142,10 +142,15 @@ int Run(const ImportOptions& o, CommandKind kind) {
         const std::string& message = c.LastMessage();
         const size_t br = message.find("\r\n");
         std::cerr << (br == std::string::npos ? message : message.substr(br + 2)) << '\n';
-        if (const int lost = destination.RolledBackRows(); lost > 0)
+        const int lost = destination.RolledBackRows(), kept = destination.CommittedRows();
+        const auto rows = [](int n) { return std::to_string(n) + (n == 1 ? " row" : " rows"); };
+        if (lost > 0)
             std::cerr << "The last " << (lost == 1 ? std::string("row") : std::to_string(lost) + " rows")
-                      << " written since the last commit " << (lost == 1 ? "was" : "were")
-                      << " rolled back; the table holds the rows committed before.\n";
+                      << " written since the last commit " << (lost == 1 ? "was" : "were") << " rolled back; "
+                      << (kept > 0 ? "the " + rows(kept) + " written before were committed.\n"
+                                   : "the table holds the rows committed before.\n");
+        else if (kept > 0)
+            std::cerr << "The " << rows(kept) << " written before the failure were committed.\n";
     } else {
         destination.Commit();
     }

@@ -1,0 +1,88 @@
+// kvimport import into PostgreSQL tables of the test run's cluster, as a user runs it: the same run gives
+// the same counts and row errors as into SQLite.
+
+#include "TestSupport.h"
+#include "support/PgCluster.h"
+
+namespace kv {
+namespace {
+
+using test::RunCli;
+using test::SqliteQuery;
+
+class PgImport : public test::CliFixture {
+protected:
+    void SetUp() override {
+        if (!test::PgCluster::Missing().empty()) GTEST_SKIP() << test::PgCluster::Missing();
+        pg = test::PgCluster::Get().FreshSchema();
+    }
+    std::string Query(const std::string& sql) { return test::PgCluster::Query(pg, sql); }
+
+    std::string pg;
+};
+
+TEST_F(PgImport, CreatesATypedTableInASchema) {
+    Query("CREATE SCHEMA \"Shop\"");
+    const std::string csv =
+        Write("orders.csv", "id,amount,day,name,paid\r\n1,\"1,234.50\",2024-01-05,\"Doe, J\",true\r\n"
+                            "2,7,2024-02-29,\"say \"\"hi\"\"\",false\r\n");
+    test::CliResult r = RunCli({"import", csv, "--db", pg, "--table", "Shop.Order Lines"});
+    EXPECT_EQ(r.Status, 0) << r.Err;
+    EXPECT_NE(r.Out.find("Added: 2\n"), std::string::npos);
+    EXPECT_EQ(Query("SELECT attname || ' ' || format_type(atttypid, atttypmod) FROM pg_attribute "
+                    "WHERE attrelid = '\"Shop\".\"Order Lines\"'::regclass AND attnum > 0 ORDER BY attnum"),
+              "id bigint\namount double precision\nday date\nname text\npaid boolean");
+    EXPECT_EQ(Query("SELECT * FROM \"Shop\".\"Order Lines\" ORDER BY id"),
+              "1|1234.5|2024-01-05|Doe, J|t\n2|7|2024-02-29|say \"hi\"|f");
+}
+
+TEST_F(PgImport, KeysLookupsAndRowErrorsAsWithSQLite) {
+    const std::string tables =
+        "CREATE TABLE states(Code TEXT, Name TEXT); INSERT INTO states VALUES ('A','Active'),('B','Idle');"
+        "CREATE TABLE people(ID INTEGER, NAME TEXT NOT NULL, STATE TEXT); INSERT INTO people VALUES "
+        "(2,'old',NULL);";
+    SqliteQuery(db, tables);
+    Query(tables);
+    const std::string csv =
+        Write("people.csv", "ID,NAME,ACTIVE\n1,Ada,true\n2,Bob,false\n3,,true\n4,Di,false\n");
+    test::CliResult results[2];
+    for (int i = 0; i < 2; ++i) {
+        results[i] =
+            RunCli({"import",         csv,
+                    "--db",           i ? pg : db,
+                    "--table",        "people",
+                    "--mode",         "appendupdate",
+                    "--keys",         "ID",
+                    "--map",          "ID=ID",
+                    "--map",          "NAME=NAME",
+                    "--map",          "STATE=LOOKUP('states', 'Code', IIF(ACTIVE, 'A', 'B'), '~Name~')",
+                    "--lookup",       "states",
+                    "--commit-count", "2"});
+    }
+    EXPECT_EQ(results[1].Status, results[0].Status);
+    EXPECT_EQ(results[1].Out, results[0].Out);
+    EXPECT_NE(results[0].Out.find("Added: 2\nUpdated: 1\n"), std::string::npos) << results[0].Out;
+    for (const test::CliResult& r : results)
+        EXPECT_TRUE(r.Err.starts_with("Row 4: ")) << r.Err; // the fourth line
+    const std::string rows = "1|Ada|Active\n2|Bob|Idle\n4|Di|Idle";
+    EXPECT_EQ(SqliteQuery(db, "SELECT * FROM people ORDER BY ID"), rows);
+    EXPECT_EQ(Query("SELECT * FROM people ORDER BY ID"), rows);
+}
+
+TEST_F(PgImport, AServerThatGoesAwayMidRunKeepsTheCommittedRows) {
+    // The server ends the session when row 5 arrives.
+    Query("CREATE TABLE t (n bigint);"
+          "CREATE FUNCTION end_session() RETURNS trigger LANGUAGE plpgsql AS $$ BEGIN "
+          "IF NEW.n = 5 THEN PERFORM pg_terminate_backend(pg_backend_pid()); END IF; RETURN NEW; END $$;"
+          "CREATE TRIGGER end_session BEFORE INSERT ON t FOR EACH ROW EXECUTE FUNCTION end_session()");
+    const std::string csv = Write("n.csv", "n\n1\n2\n3\n4\n5\n6\n7\n");
+    test::CliResult r = RunCli({"import", csv, "--db", pg, "--table", "t", "--commit-count", "2"});
+    EXPECT_EQ(r.Status, 1);
+    EXPECT_NE(r.Err.find("Lost the connection to the PostgreSQL server"), std::string::npos) << r.Err;
+    EXPECT_NE(r.Err.find("The 4 rows written before the failure were committed."), std::string::npos)
+        << r.Err;
+    EXPECT_EQ(Query("SELECT string_agg(n::text, ',' ORDER BY n) FROM t"), "1,2,3,4");
+}
+
+} // namespace
+} // namespace kv
