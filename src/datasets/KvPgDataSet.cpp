@@ -323,6 +323,7 @@ TPgResult TKvPgDatabase::Guarded(const std::string& sql) {
 }
 
 void TKvPgDatabase::Execute(const std::string& sql) {
+    for (TKvPgDataSet* dataSet : dataSets_) dataSet->FlushAppends(); // the statement may read the rows
     Guarded(sql);
 }
 
@@ -407,10 +408,12 @@ void TKvPgDatabase::StartTransaction() {
 void TKvPgDatabase::Commit() {
     CheckConnected();
     if (!InTransaction()) throw EDatabaseError("No transaction is active");
+    for (TKvPgDataSet* dataSet : dataSets_) dataSet->FlushAppends();
     Exec("COMMIT");
 }
 
 void TKvPgDatabase::Rollback() {
+    for (TKvPgDataSet* dataSet : dataSets_) dataSet->DiscardAppends();
     if (InTransaction()) Exec("ROLLBACK");
 }
 
@@ -693,6 +696,15 @@ void TKvPgDataSet::ForgetStatements() noexcept {
 }
 
 void TKvPgDataSet::InternalClose() {
+    try {
+        FlushAppends();
+    } catch (const EDatabaseError&) {
+        // Closing cannot report: the rows go with the connection or transaction that failed.
+    }
+    batch_.clear();
+    batchStarts_.clear();
+    batchNumbers_.clear();
+    onBatchedRow_ = false;
     if (pendingNumber_) {
         try {
             MoveSequencePast();
@@ -791,12 +803,17 @@ size_t TKvPgDataSet::FillWindow(const std::string& from, bool after) {
 }
 
 bool TKvPgDataSet::InternalFirst() {
+    FlushAppends();
     onRow_ = FillWindow(hasCtid_ ? "(0,0)" : "0", false) > 0;
     if (onRow_) address_ = windowAddresses_[0];
     return onRow_;
 }
 
 bool TKvPgDataSet::InternalNext() {
+    if (onBatchedRow_) {
+        FlushAppends();
+        return false; // the row appended last is the last
+    }
     if (!onRow_) return false;
     if (windowValid_ && windowPos_ + 1 < windowAddresses_.size()) {
         address_ = windowAddresses_[++windowPos_];
@@ -808,6 +825,10 @@ bool TKvPgDataSet::InternalNext() {
 }
 
 void TKvPgDataSet::InternalReadRecord(std::vector<Variant>& values) {
+    if (onBatchedRow_) {
+        values = batchLast_; // as posted: the server has not seen it yet
+        return;
+    }
     if (!onRow_) return;
     if (!windowValid_) {
         // Read again after a write or a Locate: that row alone, the next window comes when walking on.
@@ -848,6 +869,11 @@ void TKvPgDataSet::InternalPost(bool inserting, const std::vector<Variant>& valu
         if (numbered) numberGiven = true;
     }
     if (!inserting && fields.empty()) return; // nothing changed
+    if (inserting && appendBatch_ > 0 && !numberGiven) {
+        AddToBatch(bound, fields);
+        return;
+    }
+    FlushAppends();
 
     auto statement = statements_.find(key);
     if (statement == statements_.end()) {
@@ -897,6 +923,150 @@ void TKvPgDataSet::InternalPost(bool inserting, const std::vector<Variant>& valu
     }
 }
 
+namespace {
+
+// `text` as a field of COPY's text format: backslash, tab, newline and carriage return escaped.
+void AppendCopyField(std::string& out, const std::string& text) {
+    for (char c : text) {
+        switch (c) {
+        case '\\':
+            out += "\\\\";
+            break;
+        case '\t':
+            out += "\\t";
+            break;
+        case '\n':
+            out += "\\n";
+            break;
+        case '\r':
+            out += "\\r";
+            break;
+        default:
+            out += c;
+        }
+    }
+}
+
+} // namespace
+
+void TKvPgDataSet::AddToBatch(const std::vector<Variant>& values, const std::vector<int>& fields) {
+    std::string columns;
+    for (int field : fields) columns += IntToStr(field) + ",";
+    if (!batchStarts_.empty() && columns != batchColumns_) FlushAppends(); // one COPY fills one column list
+    batchColumns_ = columns;
+    const size_t start = batch_.size();
+    std::string text;
+    try {
+        for (size_t k = 0; k < fields.size(); ++k) {
+            if (k) batch_ += '\t';
+            const TColumn& column = columns_[static_cast<size_t>(fields[k])];
+            if (!ValueText(values[k], column.Def.DataType, text)) {
+                batch_ += "\\N";
+                continue;
+            }
+            if (text.find('\0') != std::string::npos)
+                throw EDatabaseError("Field '" + column.Def.Name +
+                                     "' cannot hold a text with a NUL character");
+            AppendCopyField(batch_, text);
+        }
+    } catch (...) {
+        batch_.resize(start);
+        throw;
+    }
+    batch_ += '\n';
+    batchStarts_.push_back(start);
+    batchNumbers_.push_back(++appendCount_);
+    batchLast_.assign(columns_.size(), Variant::Null());
+    for (size_t k = 0; k < fields.size(); ++k) batchLast_[static_cast<size_t>(fields[k])] = values[k];
+    onBatchedRow_ = true;
+    windowValid_ = false;
+    if (batchStarts_.size() >= static_cast<size_t>(appendBatch_)) FlushAppends();
+}
+
+std::optional<std::string> TKvPgDataSet::CopyRows(size_t first, size_t last) {
+    PGconn* conn = db_->Handle();
+    std::string columns;
+    for (size_t start = 0; start < batchColumns_.size();) {
+        const size_t comma = batchColumns_.find(',', start);
+        const std::string& name =
+            columns_[static_cast<size_t>(StrToInt(batchColumns_.substr(start, comma - start)))].Def.Name;
+        columns += (columns.empty() ? "" : ", ") + TKvPgDatabase::QuoteIdentifier(name);
+        start = comma + 1;
+    }
+    const std::string sql =
+        columns.empty() ? std::string() : "COPY " + QuotedTable() + " (" + columns + ") FROM STDIN";
+    if (sql.empty()) throw EDatabaseError("Nothing to copy");
+    const bool guard = db_->InTransaction(); // a refused piece must not cost the transaction
+    if (guard) db_->Exec("SAVEPOINT kv_copy");
+    TPgResult started(PQexec(conn, sql.c_str()));
+    if (!started || PQresultStatus(started.get()) != PGRES_COPY_IN) db_->RaiseError(started.get());
+    const size_t from = batchStarts_[first],
+                 to = last < batchStarts_.size() ? batchStarts_[last] : batch_.size();
+    constexpr size_t chunk = 1 << 18;
+    bool sent = true;
+    for (size_t at = from; at < to && sent; at += chunk)
+        sent = PQputCopyData(conn, batch_.data() + at, static_cast<int>(std::min(chunk, to - at))) == 1;
+    if (PQputCopyEnd(conn, sent ? nullptr : "the client could not send the rows") != 1)
+        db_->RaiseError(nullptr);
+    TPgResult result;
+    while (PGresult* r = PQgetResult(conn)) result.reset(r);
+    if (result && PQresultStatus(result.get()) == PGRES_COMMAND_OK) {
+        if (guard) db_->Exec("RELEASE SAVEPOINT kv_copy");
+        return std::nullopt;
+    }
+    try {
+        db_->RaiseError(result.get());
+    } catch (const EDatabaseUnwritable&) {
+        throw; // every piece would fail alike
+    } catch (const EDatabaseError& e) {
+        if (guard) db_->Exec("ROLLBACK TO SAVEPOINT kv_copy; RELEASE SAVEPOINT kv_copy");
+        return e.Message();
+    }
+}
+
+void TKvPgDataSet::CopyPiece(size_t first, size_t last, std::optional<std::string> message) {
+    if (!message) message = CopyRows(first, last);
+    if (!message) return;
+    if (last - first == 1) {
+        refused_.emplace_back(batchNumbers_[first], *message);
+        return;
+    }
+    const size_t middle = first + (last - first) / 2;
+    CopyPiece(first, middle, std::nullopt);
+    CopyPiece(middle, last, std::nullopt);
+}
+
+void TKvPgDataSet::DiscardAppends() noexcept {
+    batch_.clear();
+    batchStarts_.clear();
+    batchNumbers_.clear();
+    if (onBatchedRow_) onRow_ = false;
+    onBatchedRow_ = false;
+}
+
+void TKvPgDataSet::FlushAppends() {
+    if (batchStarts_.empty()) return;
+    onBatchedRow_ = false;
+    onRow_ = false; // COPY gives no row address: the cursor is on no row until it moves
+    refused_.clear();
+    try {
+        CopyPiece(0, batchStarts_.size(), std::nullopt);
+    } catch (...) {
+        batch_.clear();
+        batchStarts_.clear();
+        batchNumbers_.clear();
+        throw;
+    }
+    batch_.clear();
+    batchStarts_.clear();
+    batchNumbers_.clear();
+    if (refused_.empty()) return;
+    std::vector<std::pair<int64_t, std::string>> refused;
+    refused.swap(refused_);
+    if (!OnRowRefused) throw EDatabaseError(refused.front().second);
+    for (const auto& [number, message] : refused) OnRowRefused(number, message);
+}
+
 void TKvPgDataSet::MoveSequencePast() {
     const int64_t number = *pendingNumber_;
     pendingNumber_.reset();
@@ -912,6 +1082,7 @@ void TKvPgDataSet::MoveSequencePast() {
 
 bool TKvPgDataSet::InternalDelete() {
     CheckWritable();
+    FlushAppends();
     if (!onRow_) return false;
     const std::string& statement =
         Statement("delete", "DELETE FROM " + QuotedTable() + " WHERE ctid = $1::tid");
@@ -925,6 +1096,7 @@ bool TKvPgDataSet::InternalDelete() {
 
 bool TKvPgDataSet::InternalLocate(const std::vector<int>& fields, const std::vector<Variant>& values,
                                   TLocateOptions options) {
+    FlushAppends();
     const bool noCase = options.Contains(loCaseInsensitive), partial = options.Contains(loPartialKey);
     for (size_t k = 0; k < fields.size(); ++k)
         if (values[k].IsString() && !IsTextType(columns_[static_cast<size_t>(fields[k])].Def.DataType))
@@ -986,6 +1158,7 @@ bool TKvPgDataSet::InternalLocate(const std::vector<int>& fields, const std::vec
 }
 
 int TKvPgDataSet::InternalRecordCount() {
+    FlushAppends();
     const std::string& statement = Statement("count", "SELECT count(*) FROM " + QuotedTable());
     paramTexts_.clear();
     TPgResult result = Run(statement);

@@ -16,6 +16,7 @@
 #include "datasets/KvDatabase.h"
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -132,6 +133,22 @@ public:
     /// Rows read per query while walking the table (default 256).
     int FetchSize() const { return fetchSize_; }
     void SetFetchSize(int rows) { fetchSize_ = rows < 1 ? 1 : rows; }
+    /// Rows appended are sent together, by COPY, once this many are waiting (0, the default: each row as
+    /// it is posted). Waiting rows go before any other use of the table and before the database commits;
+    /// a row the server refuses is found by sending the batch again in smaller pieces, the rows around it
+    /// are kept, and it goes to OnRowRefused (or, without a handler, its error is raised once the others
+    /// are stored).
+    int AppendBatch() const { return appendBatch_; }
+    void SetAppendBatch(int rows) { appendBatch_ = rows < 0 ? 0 : rows; }
+    /// A batched row the server refused: its number among the rows appended since the dataset opened
+    /// (from 1), and the server's message.
+    std::function<void(int64_t append, const std::string& message)> OnRowRefused;
+    /// Sends the rows waiting to be appended.
+    void FlushAppends();
+    /// Forgets them (the transaction they were for is rolled back).
+    void DiscardAppends() noexcept;
+    /// Rows appended since the dataset opened.
+    int64_t AppendCount() const { return appendCount_; }
     /// True while open on a relation without row addresses (a view, ...).
     bool ReadOnly() const { return Active() && !hasCtid_; }
     /// The table as SQL (TKvPgDatabase::TableReference).
@@ -184,6 +201,12 @@ private:
     /// Moves the numbering sequence past the largest key given explicitly.
     void MoveSequencePast();
     void ForgetStatements() noexcept;
+    /// Appends row `values` to the waiting batch (its columns `fields`).
+    void AddToBatch(const std::vector<Variant>& values, const std::vector<int>& fields);
+    /// Sends rows [first, last) of the batch by one COPY; the server's message when it refuses them.
+    std::optional<std::string> CopyRows(size_t first, size_t last);
+    /// Sends rows [first, last), halving a refused piece until the refused rows stand alone.
+    void CopyPiece(size_t first, size_t last, std::optional<std::string> message);
 
     TKvPgDatabase* db_ = nullptr;
     std::string tableName_;
@@ -199,6 +222,18 @@ private:
     std::vector<std::string> paramTexts_;
     std::vector<const char*> paramValues_;
     std::vector<int> paramLengths_, paramFormats_;
+
+    // The batch of rows waiting to be appended: their COPY text, where each row starts in it, the columns
+    // they fill, and each one's number among the appends; and the values of the last, which is current.
+    int appendBatch_ = 0;
+    int64_t appendCount_ = 0;
+    std::string batch_;
+    std::vector<size_t> batchStarts_;
+    std::vector<int64_t> batchNumbers_;
+    std::string batchColumns_;
+    std::vector<Variant> batchLast_;
+    bool onBatchedRow_ = false;
+    std::vector<std::pair<int64_t, std::string>> refused_;
 
     // The cursor: the current row's address and a window of rows read ahead (values stored field by
     // field), valid until this dataset writes. Without row addresses, the address is the row's offset.

@@ -236,5 +236,34 @@ TEST_F(Pg, AServerThatGoesAwayKeepsTheCommittedRows) {
     EXPECT_EQ(Count("t"), 2);
 }
 
+TEST_F(Pg, BatchedAppendsKeepTheRowsAroundTheRefusedOnes) {
+    db.Execute("CREATE TABLE t (n integer CHECK (n <> 13), s text NOT NULL)");
+    std::unique_ptr<TDataSet> owned(db.OpenDataSet("t", nullptr));
+    auto& ds = dynamic_cast<TKvPgDataSet&>(*owned);
+    ds.SetAppendBatch(100);
+    std::vector<std::string> refused;
+    ds.OnRowRefused = [&](int64_t append, const std::string& message) {
+        refused.push_back(std::to_string(append) + ": " + message);
+    };
+    const std::string odd = "tab\there\nnew line \\N back\\slash\r";
+    db.StartTransaction();
+    for (int n = 1; n <= 30; ++n) Insert(ds, {n, n == 7 ? Variant::Null() : Variant(n == 2 ? odd : "x")});
+    EXPECT_EQ(ds.Fields(0).AsString(), "30"); // the last row, as posted
+    EXPECT_EQ(Count("t"), 0);                 // nothing sent yet
+    EXPECT_TRUE(ds.Locate("n", 2, {}));       // sent first
+    EXPECT_EQ(ds.Fields(1).AsString(), odd);
+    EXPECT_EQ(refused, (std::vector<std::string>{
+                           "7: null value in column \"s\" of relation \"t\" violates not-null constraint",
+                           "13: new row for relation \"t\" violates check constraint \"t_n_check\""}));
+    for (int n = 31; n <= 35; ++n) Insert(ds, {n, "y"});
+    db.Commit(); // sent before the commit
+    EXPECT_EQ(Count("t"), 33);
+    db.StartTransaction();
+    Insert(ds, {36, "z"});
+    db.Rollback(); // and dropped with the transaction
+    EXPECT_EQ(ds.RecordCount(), 33);
+    EXPECT_EQ(ds.AppendCount(), 36);
+}
+
 } // namespace
 } // namespace kv

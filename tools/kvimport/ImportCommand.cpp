@@ -156,7 +156,7 @@ int Run(const ImportOptions& o, CommandKind kind) {
     }
     if (result == irUnknown) // the parameter prompt was left: nothing ran
         std::cerr << "Nothing was imported: the parameters were not given (--param NAME=VALUE gives one).\n";
-    if (!o.Quiet && result != irUnknown) PrintSummary(c, errors);
+    if (!o.Quiet && result != irUnknown) PrintSummary(c, errors + destination.RefusedRows());
     switch (result) {
     case irExecuted:
         return c.HadProblems() && !o.AllowErrors ? ExitProblems : ExitOk;
