@@ -182,8 +182,11 @@ bool TKvPgDataSet::ValueText(const Variant& value, TFieldType type, std::string&
         return true;
     }
     case varString:
-        out = value.StringRef();
-        return true;
+        if (!IsBlobType(type) && type != ftBytes && type != ftVarBytes) {
+            out = value.StringRef();
+            return true;
+        }
+        [[fallthrough]]; // a text for a binary column: its bytes
     case varBytes: {
         static const char digits[] = "0123456789abcdef";
         const std::string& bytes = value.StringRef();

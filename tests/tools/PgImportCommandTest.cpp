@@ -85,6 +85,28 @@ TEST_F(PgImport, BatchedAppendsCountARefusedRowAsSQLiteDoes) {
     EXPECT_EQ(Query("SELECT string_agg(n || '=' || s, ',' ORDER BY n) FROM t"), "1=a,2=b,4=tab\there,5=e");
 }
 
+TEST_F(PgImport, TablesCopyToSQLiteAndBack) {
+    Query("CREATE SCHEMA src; CREATE TABLE src.\"Items\" (id bigint PRIMARY KEY, name text, price "
+          "numeric(8,2), "
+          "day date, ok boolean, data bytea);"
+          "INSERT INTO src.\"Items\" SELECT n, 'item ''' || n, n * 1.25, DATE '2024-01-01' + n, n % 2 = 0, "
+          "decode(lpad(to_hex(n), 4, '0'), 'hex') FROM generate_series(1, 5000) n");
+    test::CliResult r =
+        RunCli({"import", pg, "--source-table", "src.Items", "--db", db, "--table", "items", "--quiet"});
+    ASSERT_EQ(r.Status, 0) << r.Err;
+    EXPECT_EQ(SqliteQuery(db, "SELECT count(*), sum(price), min(day), max(name) FROM items"),
+              "5000|15628125.0|2024-01-02|item '999");
+    r = RunCli({"import", db, "--source-table", "items", "--db", pg, "--table", "back", "--quiet"});
+    ASSERT_EQ(r.Status, 0) << r.Err;
+    EXPECT_EQ(Query("SELECT count(*) FROM (SELECT id, name, price, day, ok, data FROM src.\"Items\" EXCEPT "
+                    "SELECT id, name, price, day, ok, data FROM back) missing"),
+              "0");
+    EXPECT_EQ(Query("SELECT count(*) FROM back"), "5000");
+    r = RunCli({"import", pg, "--db", db, "--table", "x"});
+    EXPECT_EQ(r.Status, 2);
+    EXPECT_NE(r.Err.find("a PostgreSQL source needs --source-table NAME"), std::string::npos) << r.Err;
+}
+
 TEST_F(PgImport, AServerThatGoesAwayMidRunKeepsTheCommittedRows) {
     // The server ends the session when row 5 arrives.
     Query("CREATE TABLE t (n bigint);"

@@ -42,8 +42,10 @@ public:
     }
     TFieldType ColumnType(const TKvIColumn& column) const override {
         // Large integers are described as text; the source field still knows they are numbers.
-        if (TField* field = table_->FindField(column.FieldName))
+        if (TField* field = table_->FindField(column.FieldName)) {
             if (field->DataType() == ftLargeint || field->DataType() == ftAutoInc) return ftLargeint;
+            if (field->IsBlob()) return ftBlob; // bytes, which a text column of PostgreSQL cannot hold
+        }
         return SourceSetup::ColumnType(column);
     }
 
