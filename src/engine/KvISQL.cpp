@@ -75,6 +75,7 @@ std::string TKvISQLWriter::Literal(const Variant& value, TFieldType type) const 
     case varNull:
         return "NULL";
     case varBoolean:
+        if (options_.StandardLiterals) return value.AsBoolean() ? "TRUE" : "FALSE";
         return value.AsBoolean() ? "1" : "0";
     case varInteger:
     case varInt64:
@@ -90,6 +91,11 @@ std::string TKvISQLWriter::Literal(const Variant& value, TFieldType type) const 
         return Quoted(DateTimeToISO8601(d));
     }
     case varBytes: {
+        if (options_.StandardLiterals) { // bytea's hex form, in a standard string
+            std::string hex = "'\\x";
+            for (unsigned char c : value.StringRef()) hex += IntToHex(c, 2);
+            return hex + "'";
+        }
         std::string hex = "X'";
         for (unsigned char c : value.StringRef()) hex += IntToHex(c, 2);
         return hex + "'";

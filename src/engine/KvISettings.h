@@ -174,6 +174,8 @@ public:
     TKvIFieldCharCase FieldNameCharCase = ifcNormal;
     char32_t SQLQuote = U'"';  ///< around text values
     std::string SQLTerm = ";"; ///< after every statement
+    bool StandardLiterals =
+        false; ///< TRUE/FALSE and '\x..' bytes (as PostgreSQL reads them), not 1/0 and X'..'
 
     TKvISQLFieldNameOptions& FieldNameOptions() { return fieldNameOptions_; }
     const TKvISQLFieldNameOptions& FieldNameOptions() const { return fieldNameOptions_; }

@@ -4,6 +4,8 @@
 #include "TestSupport.h"
 #include "support/PgCluster.h"
 
+#include <cstdlib>
+
 namespace kv {
 namespace {
 
@@ -105,6 +107,31 @@ TEST_F(PgImport, TablesCopyToSQLiteAndBack) {
     r = RunCli({"import", pg, "--db", db, "--table", "x"});
     EXPECT_EQ(r.Status, 2);
     EXPECT_NE(r.Err.find("a PostgreSQL source needs --source-table NAME"), std::string::npos) << r.Err;
+}
+
+TEST_F(PgImport, AScriptReplayedByPsqlGivesTheTableOfADirectImport) {
+    const std::string csv =
+        Write("orders.csv", "id,amount,day,name,paid\n1,1.5,2024-01-05,\"it's \\ \"\"x\"\"\",true\n"
+                            "2,,2024-02-29,Zoë,false\n3,-7,,,\n");
+    test::CliResult r = RunCli({"import", csv, "--db", pg, "--table", "direct", "--quiet"});
+    ASSERT_EQ(r.Status, 0) << r.Err;
+    const std::string script = dir.File("orders.sql");
+    r = RunCli({"import", csv, "--db", pg, "--table", "scripted", "--sql", script, "--quiet"});
+    ASSERT_EQ(r.Status, 0) << r.Err;
+    EXPECT_EQ(Query("SELECT to_regclass('scripted') IS NULL"), "t"); // the script only
+    const test::PgCluster& cluster = test::PgCluster::Get();
+    ASSERT_EQ(std::system(("'" + cluster.BinDir() + "/psql' -q -X -v ON_ERROR_STOP=1 \"" + pg + "\" -f '" +
+                           script + "' >/dev/null")
+                              .c_str()),
+              0)
+        << test::ReadFile(script);
+    const std::string columns =
+        "SELECT string_agg(attname || ' ' || format_type(atttypid, atttypmod), ', ' ORDER BY attnum) "
+        "FROM pg_attribute WHERE attnum > 0 AND attrelid = ";
+    EXPECT_EQ(Query(columns + "'scripted'::regclass"), Query(columns + "'direct'::regclass"));
+    EXPECT_EQ(Query("SELECT count(*) FROM (SELECT * FROM direct EXCEPT SELECT * FROM scripted) d"), "0");
+    EXPECT_EQ(Query("SELECT count(*) FROM (SELECT * FROM scripted EXCEPT SELECT * FROM direct) d"), "0");
+    EXPECT_EQ(Query("SELECT name FROM scripted WHERE id = 1"), "it's \\ \"x\"");
 }
 
 TEST_F(PgImport, AServerThatGoesAwayMidRunKeepsTheCommittedRows) {

@@ -11,8 +11,11 @@
 namespace kv::cli {
 
 Destination::Destination(const std::string& target, bool sqlOnly, TComponent& root)
-    : root_(root), database_(OpenDatabase(
-                       sqlOnly && (target.empty() || !FileExists(target)) ? ":memory:" : target, &root)),
+    : root_(root),
+      database_(OpenDatabase(sqlOnly && !IsPostgreSQLTarget(target) && (target.empty() || !FileExists(target))
+                                 ? ":memory:"
+                                 : target,
+                             &root)),
       sqlOnly_(sqlOnly) {}
 
 void Destination::Prepare(const std::string& table, SourceSetup& source,
@@ -34,6 +37,10 @@ void Destination::Prepare(const std::string& table, SourceSetup& source,
         }
     }
     dataSet_ = holder->OpenDataSet(table, &root_);
+}
+
+bool Destination::IsPostgreSQL() const {
+    return dynamic_cast<const TKvPgDatabase*>(database_) != nullptr;
 }
 
 void Destination::AddLookup(const std::string& name, TKvImportBaseComponent& component) {

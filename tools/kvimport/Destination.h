@@ -23,6 +23,8 @@ public:
     void Prepare(const std::string& table, SourceSetup& source, const std::vector<std::string>& maps);
     /// The table was created by Prepare (its column types are a guess from the source).
     bool Created() const { return !createStatement_.empty(); }
+    /// The destination is a PostgreSQL database: scripts for it write its literals.
+    bool IsPostgreSQL() const;
     /// The statement that created it, in the destination's own SQL ("" when it existed).
     const std::string& CreateStatement() const { return createStatement_; }
     /// Table `name` of the database becomes findable by LOOKUP under that name.
