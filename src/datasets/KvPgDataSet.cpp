@@ -303,8 +303,13 @@ void TKvPgDatabase::RaiseError(const pg_result* result) const {
     throw EDatabaseError(message);
 }
 
+void TKvPgDatabase::EndCopies() {
+    if (copyOwner_) copyOwner_->FlushAppends();
+}
+
 TPgResult TKvPgDatabase::Exec(const std::string& sql) {
     CheckConnected();
+    EndCopies();
     TPgResult result(PQexec(conn_, sql.c_str()));
     const ExecStatusType status = result ? PQresultStatus(result.get()) : PGRES_FATAL_ERROR;
     if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) RaiseError(result.get());
@@ -332,6 +337,7 @@ void TKvPgDatabase::Execute(const std::string& sql) {
 
 std::string TKvPgDatabase::Prepare(const std::string& sql) {
     CheckConnected();
+    EndCopies();
     const std::string name = "kv_" + IntToStr(static_cast<int64_t>(++statementCount_));
     const bool guard = InTransaction(); // a statement that fails to prepare must not cost the transaction
     if (guard) Exec("SAVEPOINT kv_statement");
@@ -346,7 +352,7 @@ std::string TKvPgDatabase::Prepare(const std::string& sql) {
 }
 
 void TKvPgDatabase::Deallocate(const std::string& name) noexcept {
-    if (!conn_ || PQstatus(conn_) != CONNECTION_OK) return;
+    if (!conn_ || PQstatus(conn_) != CONNECTION_OK || copyOwner_) return;
     if (PQtransactionStatus(conn_) == PQTRANS_INERROR) return; // the session forgets it when it closes
     TPgResult(PQexec(conn_, ("DEALLOCATE " + QuoteIdentifier(name)).c_str()));
 }
@@ -354,6 +360,7 @@ void TKvPgDatabase::Deallocate(const std::string& name) noexcept {
 TPgResult TKvPgDatabase::ExecPrepared(const std::string& name, int count, const char* const* values,
                                       const int* lengths, const int* formats) {
     CheckConnected();
+    EndCopies();
     if (!InTransaction()) {
         TPgResult result(PQexecPrepared(conn_, name.c_str(), count, values, lengths, formats, 0));
         const ExecStatusType status = result ? PQresultStatus(result.get()) : PGRES_FATAL_ERROR;
@@ -422,12 +429,14 @@ void TKvPgDatabase::Rollback() {
 
 bool TKvPgDatabase::InTransaction() const {
     if (!conn_) return false;
+    if (copyOwner_) return copyOwner_->copyGuarded_; // the COPY under way, not a transaction block
     const PGTransactionStatusType status = PQtransactionStatus(conn_);
     return status == PQTRANS_INTRANS || status == PQTRANS_INERROR || status == PQTRANS_ACTIVE;
 }
 
 bool TKvPgDatabase::TableExists(const std::string& name) {
     CheckConnected();
+    EndCopies();
     const std::string reference = TableReference(name);
     const char* values[] = {reference.c_str()};
     TPgResult result(PQexecParams(conn_, "SELECT to_regclass($1::text) IS NOT NULL", 1, nullptr, values,
@@ -587,6 +596,7 @@ void TKvPgDataSet::CheckWritable() const {
 
 std::vector<TKvPgDataSet::TColumn> TKvPgDataSet::ReadColumns(char& kind) const {
     CheckDatabase();
+    db_->EndCopies();
     const std::string reference = QuotedTable();
     const char* values[] = {reference.c_str()};
     PGconn* conn = db_->Handle();
@@ -625,7 +635,8 @@ std::vector<TKvPgDataSet::TColumn> TKvPgDataSet::ReadColumns(char& kind) const {
         const bool identity = flag(5);
         column.Generated = flag(6);
         column.KeyPosition = std::atoi(PQgetvalue(r, row, 7));
-        column.Numbered = identity || *PQgetvalue(r, row, 8) != '\0';
+        column.Sequence = PQgetvalue(r, row, 8);
+        column.Numbered = identity || !column.Sequence.empty();
         column.Def.Required = flag(3) && !flag(4) && !identity && !column.Generated;
         if (column.KeyPosition > 0) ++keyColumns;
         columns.push_back(std::move(column));
@@ -675,16 +686,8 @@ std::vector<TFieldDef> TKvPgDataSet::InternalOpen() {
     hasCtid_ = kind == 'r';
     sequence_.clear();
     // The sequence that numbers the ftAutoInc column, to move on past keys given explicitly.
-    for (const TColumn& column : columns_) {
-        if (column.Def.DataType != ftAutoInc) continue;
-        const std::string table = QuotedTable();
-        const char* values[] = {table.c_str(), column.Def.Name.c_str()};
-        TPgResult sequence(PQexecParams(db_->Handle(),
-                                        "SELECT COALESCE(pg_catalog.pg_get_serial_sequence($1, $2), '')", 2,
-                                        nullptr, values, nullptr, nullptr, 0));
-        if (!sequence || PQresultStatus(sequence.get()) != PGRES_TUPLES_OK) db_->RaiseError(sequence.get());
-        sequence_ = PQgetvalue(sequence.get(), 0, 0);
-    }
+    for (const TColumn& column : columns_)
+        if (column.Def.DataType == ftAutoInc) sequence_ = column.Sequence;
     onRow_ = false;
     windowValid_ = false;
     std::vector<TFieldDef> defs;
@@ -872,7 +875,7 @@ void TKvPgDataSet::InternalPost(bool inserting, const std::vector<Variant>& valu
         if (numbered) numberGiven = true;
     }
     if (!inserting && fields.empty()) return; // nothing changed
-    if (inserting && appendBatch_ > 0 && !numberGiven) {
+    if (inserting && appendBatch_ > 0 && !numberGiven && !fields.empty()) {
         AddToBatch(bound, fields);
         return;
     }
@@ -953,41 +956,45 @@ void AppendCopyField(std::string& out, const std::string& text) {
 } // namespace
 
 void TKvPgDataSet::AddToBatch(const std::vector<Variant>& values, const std::vector<int>& fields) {
+    std::string row, text;
+    for (size_t k = 0; k < fields.size(); ++k) {
+        if (k) row += '\t';
+        const TColumn& column = columns_[static_cast<size_t>(fields[k])];
+        if (!ValueText(values[k], column.Def.DataType, text)) {
+            row += "\\N";
+            continue;
+        }
+        if (text.find('\0') != std::string::npos)
+            throw EDatabaseError("Field '" + column.Def.Name + "' cannot hold a text with a NUL character");
+        AppendCopyField(row, text);
+    }
+    row += '\n';
     std::string columns;
     for (int field : fields) columns += IntToStr(field) + ",";
     if (!batchStarts_.empty() && columns != batchColumns_) FlushAppends(); // one COPY fills one column list
     batchColumns_ = columns;
-    const size_t start = batch_.size();
-    std::string text;
-    try {
-        for (size_t k = 0; k < fields.size(); ++k) {
-            if (k) batch_ += '\t';
-            const TColumn& column = columns_[static_cast<size_t>(fields[k])];
-            if (!ValueText(values[k], column.Def.DataType, text)) {
-                batch_ += "\\N";
-                continue;
-            }
-            if (text.find('\0') != std::string::npos)
-                throw EDatabaseError("Field '" + column.Def.Name +
-                                     "' cannot hold a text with a NUL character");
-            AppendCopyField(batch_, text);
-        }
-    } catch (...) {
-        batch_.resize(start);
-        throw;
+    // The rows go to the server as they come, so that it reads them while the next ones are made; the batch
+    // keeps them for sending again in pieces when the server refuses one.
+    if (db_->copyOwner_ != this) {
+        FlushAppends();
+        BeginCopy();
+        streamed_ = 0;
     }
-    batch_ += '\n';
-    batchStarts_.push_back(start);
+    batchStarts_.push_back(batch_.size());
+    batch_ += row;
     batchNumbers_.push_back(++appendCount_);
     batchLast_.assign(columns_.size(), Variant::Null());
     for (size_t k = 0; k < fields.size(); ++k) batchLast_[static_cast<size_t>(fields[k])] = values[k];
     onBatchedRow_ = true;
     windowValid_ = false;
-    if (batchStarts_.size() >= static_cast<size_t>(appendBatch_)) FlushAppends();
+    if (batchStarts_.size() >= static_cast<size_t>(appendBatch_)) return FlushAppends();
+    if (batch_.size() - streamed_ >= (1 << 16)) {
+        SendCopy(streamed_, batch_.size());
+        streamed_ = batch_.size();
+    }
 }
 
-std::optional<std::string> TKvPgDataSet::CopyRows(size_t first, size_t last) {
-    PGconn* conn = db_->Handle();
+void TKvPgDataSet::BeginCopy() {
     std::string columns;
     for (size_t start = 0; start < batchColumns_.size();) {
         const size_t comma = batchColumns_.find(',', start);
@@ -996,25 +1003,30 @@ std::optional<std::string> TKvPgDataSet::CopyRows(size_t first, size_t last) {
         columns += (columns.empty() ? "" : ", ") + TKvPgDatabase::QuoteIdentifier(name);
         start = comma + 1;
     }
-    const std::string sql =
-        columns.empty() ? std::string() : "COPY " + QuotedTable() + " (" + columns + ") FROM STDIN";
-    if (sql.empty()) throw EDatabaseError("Nothing to copy");
-    const bool guard = db_->InTransaction(); // a refused piece must not cost the transaction
-    if (guard) db_->Exec("SAVEPOINT kv_copy");
-    TPgResult started(PQexec(conn, sql.c_str()));
+    db_->EndCopies();
+    copyGuarded_ = db_->InTransaction(); // a refused piece must not cost the transaction
+    if (copyGuarded_) db_->Exec("SAVEPOINT kv_copy");
+    TPgResult started(
+        PQexec(db_->Handle(), ("COPY " + QuotedTable() + " (" + columns + ") FROM STDIN").c_str()));
     if (!started || PQresultStatus(started.get()) != PGRES_COPY_IN) db_->RaiseError(started.get());
-    const size_t from = batchStarts_[first],
-                 to = last < batchStarts_.size() ? batchStarts_[last] : batch_.size();
+    db_->copyOwner_ = this;
+}
+
+void TKvPgDataSet::SendCopy(size_t from, size_t to) {
     constexpr size_t chunk = 1 << 18;
-    bool sent = true;
-    for (size_t at = from; at < to && sent; at += chunk)
-        sent = PQputCopyData(conn, batch_.data() + at, static_cast<int>(std::min(chunk, to - at))) == 1;
-    if (PQputCopyEnd(conn, sent ? nullptr : "the client could not send the rows") != 1)
-        db_->RaiseError(nullptr);
+    for (size_t at = from; at < to; at += chunk)
+        if (PQputCopyData(db_->Handle(), batch_.data() + at, static_cast<int>(std::min(chunk, to - at))) != 1)
+            db_->RaiseError(nullptr);
+}
+
+std::optional<std::string> TKvPgDataSet::EndCopy() {
+    db_->copyOwner_ = nullptr;
+    PGconn* conn = db_->Handle();
+    if (PQputCopyEnd(conn, nullptr) != 1) db_->RaiseError(nullptr);
     TPgResult result;
     while (PGresult* r = PQgetResult(conn)) result.reset(r);
     if (result && PQresultStatus(result.get()) == PGRES_COMMAND_OK) {
-        if (guard) db_->Exec("RELEASE SAVEPOINT kv_copy");
+        if (copyGuarded_) db_->Exec("RELEASE SAVEPOINT kv_copy");
         return std::nullopt;
     }
     try {
@@ -1022,9 +1034,15 @@ std::optional<std::string> TKvPgDataSet::CopyRows(size_t first, size_t last) {
     } catch (const EDatabaseUnwritable&) {
         throw; // every piece would fail alike
     } catch (const EDatabaseError& e) {
-        if (guard) db_->Exec("ROLLBACK TO SAVEPOINT kv_copy; RELEASE SAVEPOINT kv_copy");
+        if (copyGuarded_) db_->Exec("ROLLBACK TO SAVEPOINT kv_copy; RELEASE SAVEPOINT kv_copy");
         return e.Message();
     }
+}
+
+std::optional<std::string> TKvPgDataSet::CopyRows(size_t first, size_t last) {
+    BeginCopy();
+    SendCopy(batchStarts_[first], last < batchStarts_.size() ? batchStarts_[last] : batch_.size());
+    return EndCopy();
 }
 
 void TKvPgDataSet::CopyPiece(size_t first, size_t last, std::optional<std::string> message) {
@@ -1040,6 +1058,12 @@ void TKvPgDataSet::CopyPiece(size_t first, size_t last, std::optional<std::strin
 }
 
 void TKvPgDataSet::DiscardAppends() noexcept {
+    if (db_ && db_->copyOwner_ == this) {
+        db_->copyOwner_ = nullptr;
+        PGconn* conn = db_->Handle();
+        PQputCopyEnd(conn, "rolled back");
+        while (PGresult* r = PQgetResult(conn)) PQclear(r);
+    }
     batch_.clear();
     batchStarts_.clear();
     batchNumbers_.clear();
@@ -1053,7 +1077,17 @@ void TKvPgDataSet::FlushAppends() {
     onRow_ = false; // COPY gives no row address: the cursor is on no row until it moves
     refused_.clear();
     try {
-        CopyPiece(0, batchStarts_.size(), std::nullopt);
+        std::optional<std::string> message;
+        if (db_->copyOwner_ == this) { // the rows are on their way already
+            SendCopy(streamed_, batch_.size());
+            if (!(message = EndCopy())) {
+                batch_.clear();
+                batchStarts_.clear();
+                batchNumbers_.clear();
+                return;
+            }
+        }
+        CopyPiece(0, batchStarts_.size(), message);
     } catch (...) {
         batch_.clear();
         batchStarts_.clear();

@@ -106,6 +106,8 @@ protected:
 private:
     friend class TKvPgDataSet;
     void CheckConnected() const;
+    /// Ends the COPY a dataset has under way, so that the connection may run something else.
+    void EndCopies();
     /// Runs `sql` alone, or under a savepoint inside a transaction.
     TPgResult Guarded(const std::string& sql);
 
@@ -113,6 +115,7 @@ private:
     int lockTimeout_ = 10000;
     uint64_t statementCount_ = 0;         // names prepared statements
     std::vector<TKvPgDataSet*> dataSets_; // datasets whose Database is this one
+    TKvPgDataSet* copyOwner_ = nullptr;   // the dataset whose COPY is under way
 };
 
 /// One table (or view) of a PostgreSQL database.
@@ -183,6 +186,7 @@ private:
         int KeyPosition = 0;    // 1-based position in the primary key, 0 when not part of it
         bool Generated = false; // computed by the server, never written
         bool Numbered = false;  // an identity column or one whose default is a sequence
+        std::string Sequence;   // the sequence that numbers it, quoted as SQL ("" for none)
     };
 
     void CheckDatabase() const;
@@ -203,6 +207,12 @@ private:
     void ForgetStatements() noexcept;
     /// Appends row `values` to the waiting batch (its columns `fields`).
     void AddToBatch(const std::vector<Variant>& values, const std::vector<int>& fields);
+    /// Starts a COPY of the batch's columns (under a savepoint inside a transaction).
+    void BeginCopy();
+    /// Sends bytes [from, to) of the batch to the COPY under way.
+    void SendCopy(size_t from, size_t to);
+    /// Ends it; the server's message when it refused the rows.
+    std::optional<std::string> EndCopy();
     /// Sends rows [first, last) of the batch by one COPY; the server's message when it refuses them.
     std::optional<std::string> CopyRows(size_t first, size_t last);
     /// Sends rows [first, last), halving a refused piece until the refused rows stand alone.
@@ -233,6 +243,8 @@ private:
     std::string batchColumns_;
     std::vector<Variant> batchLast_;
     bool onBatchedRow_ = false;
+    size_t streamed_ = 0;      // bytes of the batch sent to the COPY under way
+    bool copyGuarded_ = false; // the COPY under way runs under a savepoint
     std::vector<std::pair<int64_t, std::string>> refused_;
 
     // The cursor: the current row's address and a window of rows read ahead (values stored field by
