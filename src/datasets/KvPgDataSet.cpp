@@ -908,7 +908,7 @@ void TKvPgDataSet::InternalPost(bool inserting, const std::vector<Variant>& valu
             }
             sql += " WHERE ctid = " + next() + "::tid";
         }
-        sql += " RETURNING ctid";
+        sql += " RETURNING ctid, " + ColumnList();
         statement = statements_.emplace(key, db_->Prepare(sql)).first;
     }
     if (inserting && !numberGiven && pendingNumber_) MoveSequencePast(); // before the table numbers a row
@@ -920,8 +920,7 @@ void TKvPgDataSet::InternalPost(bool inserting, const std::vector<Variant>& valu
         if (!inserting) throw EDatabaseError("Record not found or changed by another user");
         return; // a rule or trigger dropped the row: the cursor stays where it was
     }
-    address_ = PQgetvalue(result.get(), 0, 0);
-    onRow_ = true;
+    TakeRow(result.get());
     if (numberGiven && !sequence_.empty()) {
         for (size_t k = 0; k < fields.size(); ++k)
             if (columns_[static_cast<size_t>(fields[k])].Def.DataType == ftAutoInc && bound[k].IsOrdinal())
@@ -1172,10 +1171,11 @@ bool TKvPgDataSet::InternalLocate(const std::vector<int>& fields, const std::vec
         }
         std::string sql;
         if (hasCtid_)
-            sql = "SELECT ctid FROM " + QuotedTable() + " WHERE " + where + " ORDER BY ctid LIMIT 1";
+            sql = "SELECT ctid, " + ColumnList() + " FROM " + QuotedTable() + " WHERE " + where +
+                  " ORDER BY ctid LIMIT 1";
         else
-            sql = "SELECT n FROM (SELECT row_number() OVER () - 1 AS n, * FROM " + QuotedTable() +
-                  ") s WHERE " + where + " ORDER BY n LIMIT 1";
+            sql = "SELECT n, " + ColumnList() + " FROM (SELECT row_number() OVER () - 1 AS n, * FROM " +
+                  QuotedTable() + ") s WHERE " + where + " ORDER BY n LIMIT 1";
         statement = statements_.emplace(key, db_->Prepare(sql)).first;
     }
     BindValues(values, fields);
@@ -1188,10 +1188,18 @@ bool TKvPgDataSet::InternalLocate(const std::vector<int>& fields, const std::vec
         return false; // a key the column's type cannot read (compared as it stands, it finds nothing)
     }
     if (PQntuples(result.get()) == 0) return false;
-    address_ = PQgetvalue(result.get(), 0, 0);
-    onRow_ = true;
-    windowValid_ = false;
+    TakeRow(result.get()); // the row comes with its address: reading it costs no second query
     return true;
+}
+
+void TKvPgDataSet::TakeRow(const pg_result* result) {
+    windowAddresses_.clear();
+    windowValues_.clear();
+    TakeRows(result);
+    windowPos_ = 0;
+    windowValid_ = true;
+    address_ = windowAddresses_[0];
+    onRow_ = true;
 }
 
 int TKvPgDataSet::InternalRecordCount() {

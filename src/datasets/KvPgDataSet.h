@@ -198,6 +198,8 @@ private:
     size_t FillWindow(const std::string& from, bool after);
     /// The rows of `result` into the window; the first column is each row's address.
     void TakeRows(const pg_result* result);
+    /// The one row of `result` (its address first) as the window and the current row.
+    void TakeRow(const pg_result* result);
     /// The values of `fields` as parameter texts; Null values are left out (the statement says NULL).
     void BindValues(const std::vector<Variant>& values, const std::vector<int>& fields);
     /// Runs a prepared statement with paramTexts_ as its parameters.
