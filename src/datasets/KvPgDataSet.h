@@ -68,10 +68,9 @@ public:
     /// True when the table, view or other relation exists; `name` is read as TableReference reads it.
     bool TableExists(const std::string& name) override;
     /// smallint, integer, bigint, double precision, numeric, boolean, date, time, timestamp, text or
-    /// bytea: names TKvPgDataSet reads back as a field of the same kind.
+    /// bytea: names TKvPgDataSet reads back as a field of the same kind; an identity bigint for ftAutoInc.
     std::string TypeName(TFieldType type) const override;
-    /// As the base does, with the table read as TableReference reads it and the first ftAutoInc column a
-    /// bigint numbered by the table (an identity column).
+    /// As the base does, with the table read as TableReference reads it.
     std::string CreateTableStatement(const std::string& name,
                                      const std::vector<TFieldDef>& columns) const override;
     TDataSet* OpenDataSet(const std::string& table, TComponent* owner) override;
