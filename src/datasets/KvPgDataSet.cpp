@@ -257,8 +257,10 @@ void TKvPgDatabase::Open(const std::string& target) {
         // physical order and never in parallel, which walking a table by row address relies on.
         Exec("SET client_encoding TO 'UTF8'; SET DateStyle TO 'ISO, YMD'; SET TimeZone TO 'UTC'; "
              "SET extra_float_digits TO 3; SET bytea_output TO 'hex'; SET synchronize_seqscans TO off; "
-             "SET max_parallel_workers_per_gather TO 0; SET lock_timeout TO " +
-             IntToStr(lockTimeout_));
+             "SET max_parallel_workers_per_gather TO 0; "
+             // A lock timeout the connection string gives (options='-c lock_timeout=...') stands.
+             "SELECT set_config('lock_timeout', '" +
+             IntToStr(lockTimeout_) + "', false) WHERE current_setting('lock_timeout') = '0'");
     } catch (...) {
         Close();
         throw;
@@ -297,8 +299,8 @@ void TKvPgDatabase::RaiseError(const pg_result* result) const {
                                   message);
     }
     if (state && std::string_view(state) == "55P03")
-        throw EDatabaseUnwritable(message + ": another session held a lock for longer than the " +
-                                  IntToStr(lockTimeout_) + " ms this run waits");
+        throw EDatabaseUnwritable(message + ": another session held a lock longer than this run waits "
+                                            "(lock_timeout)");
     if (state && RefusesEveryWrite(state)) throw EDatabaseUnwritable(message);
     throw EDatabaseError(message);
 }

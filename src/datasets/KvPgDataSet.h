@@ -52,7 +52,7 @@ public:
     void Close();
     bool Connected() const { return conn_ != nullptr; }
     /// Milliseconds a statement waits for another session's lock before failing (default 10000; 0
-    /// waits for ever). Applies from the next Open.
+    /// waits for ever). Applies from the next Open, unless the connection string sets lock_timeout.
     int LockTimeout() const { return lockTimeout_; }
     void SetLockTimeout(int milliseconds) { lockTimeout_ = milliseconds < 0 ? 0 : milliseconds; }
 
