@@ -19,22 +19,29 @@ protected:
         pg = test::PgCluster::Get().FreshSchema();
     }
     std::string Query(const std::string& sql) { return test::PgCluster::Query(pg, sql); }
+    /// A schema of that name and the test's own (schemas outlive a test; the cluster serves the run).
+    std::string Schema(const std::string& name) {
+        const std::string schema = name + " " + Query("SELECT current_schema()");
+        Query("CREATE SCHEMA \"" + schema + "\"");
+        return schema;
+    }
 
     std::string pg;
 };
 
 TEST_F(PgImport, CreatesATypedTableInASchema) {
-    Query("CREATE SCHEMA \"Shop\"");
+    const std::string shop = Schema("Shop");
     const std::string csv =
         Write("orders.csv", "id,amount,day,name,paid\r\n1,\"1,234.50\",2024-01-05,\"Doe, J\",true\r\n"
                             "2,7,2024-02-29,\"say \"\"hi\"\"\",false\r\n");
-    test::CliResult r = RunCli({"import", csv, "--db", pg, "--table", "Shop.Order Lines"});
+    test::CliResult r = RunCli({"import", csv, "--db", pg, "--table", shop + ".Order Lines"});
     EXPECT_EQ(r.Status, 0) << r.Err;
     EXPECT_NE(r.Out.find("Added: 2\n"), std::string::npos);
     EXPECT_EQ(Query("SELECT attname || ' ' || format_type(atttypid, atttypmod) FROM pg_attribute "
-                    "WHERE attrelid = '\"Shop\".\"Order Lines\"'::regclass AND attnum > 0 ORDER BY attnum"),
+                    "WHERE attrelid = '\"" +
+                    shop + "\".\"Order Lines\"'::regclass AND attnum > 0 ORDER BY attnum"),
               "id bigint\namount double precision\nday date\nname text\npaid boolean");
-    EXPECT_EQ(Query("SELECT * FROM \"Shop\".\"Order Lines\" ORDER BY id"),
+    EXPECT_EQ(Query("SELECT * FROM \"" + shop + "\".\"Order Lines\" ORDER BY id"),
               "1|1234.5|2024-01-05|Doe, J|t\n2|7|2024-02-29|say \"hi\"|f");
 }
 
@@ -88,19 +95,23 @@ TEST_F(PgImport, BatchedAppendsCountARefusedRowAsSQLiteDoes) {
 }
 
 TEST_F(PgImport, TablesCopyToSQLiteAndBack) {
-    Query("CREATE SCHEMA src; CREATE TABLE src.\"Items\" (id bigint PRIMARY KEY, name text, price "
-          "numeric(8,2), "
+    const std::string source = Schema("Source");
+    Query("CREATE TABLE \"" + source +
+          "\".\"Items\" (id bigint PRIMARY KEY, name text, price numeric(8,2), "
           "day date, ok boolean, data bytea);"
-          "INSERT INTO src.\"Items\" SELECT n, 'item ''' || n, n * 1.25, DATE '2024-01-01' + n, n % 2 = 0, "
-          "decode(lpad(to_hex(n), 4, '0'), 'hex') FROM generate_series(1, 5000) n");
-    test::CliResult r =
-        RunCli({"import", pg, "--source-table", "src.Items", "--db", db, "--table", "items", "--quiet"});
+          "INSERT INTO \"" +
+          source +
+          "\".\"Items\" SELECT n, 'item ''' || n, n * 1.25, DATE '2024-01-01' + n, "
+          "n % 2 = 0, decode(lpad(to_hex(n), 4, '0'), 'hex') FROM generate_series(1, 5000) n");
+    test::CliResult r = RunCli(
+        {"import", pg, "--source-table", source + ".Items", "--db", db, "--table", "items", "--quiet"});
     ASSERT_EQ(r.Status, 0) << r.Err;
     EXPECT_EQ(SqliteQuery(db, "SELECT count(*), sum(price), min(day), max(name) FROM items"),
               "5000|15628125.0|2024-01-02|item '999");
     r = RunCli({"import", db, "--source-table", "items", "--db", pg, "--table", "back", "--quiet"});
     ASSERT_EQ(r.Status, 0) << r.Err;
-    EXPECT_EQ(Query("SELECT count(*) FROM (SELECT id, name, price, day, ok, data FROM src.\"Items\" EXCEPT "
+    EXPECT_EQ(Query("SELECT count(*) FROM (SELECT id, name, price, day, ok, data FROM \"" + source +
+                    "\".\"Items\" EXCEPT "
                     "SELECT id, name, price, day, ok, data FROM back) missing"),
               "0");
     EXPECT_EQ(Query("SELECT count(*) FROM back"), "5000");
@@ -116,9 +127,10 @@ TEST_F(PgImport, AScriptReplayedByPsqlGivesTheTableOfADirectImport) {
     test::CliResult r = RunCli({"import", csv, "--db", pg, "--table", "direct", "--quiet"});
     ASSERT_EQ(r.Status, 0) << r.Err;
     const std::string script = dir.File("orders.sql");
-    r = RunCli({"import", csv, "--db", pg, "--table", "scripted", "--sql", script, "--quiet"});
+    const std::string scripted = "\"" + Schema("Scripts") + "\".\"Scripted Orders\"";
+    r = RunCli({"import", csv, "--db", pg, "--table", scripted, "--sql", script, "--quiet"});
     ASSERT_EQ(r.Status, 0) << r.Err;
-    EXPECT_EQ(Query("SELECT to_regclass('scripted') IS NULL"), "t"); // the script only
+    EXPECT_EQ(Query("SELECT to_regclass('" + scripted + "') IS NULL"), "t"); // the script only
     const test::PgCluster& cluster = test::PgCluster::Get();
     ASSERT_EQ(std::system(("'" + cluster.BinDir() + "/psql' -q -X -v ON_ERROR_STOP=1 \"" + pg + "\" -f '" +
                            script + "' >/dev/null")
@@ -128,10 +140,14 @@ TEST_F(PgImport, AScriptReplayedByPsqlGivesTheTableOfADirectImport) {
     const std::string columns =
         "SELECT string_agg(attname || ' ' || format_type(atttypid, atttypmod), ', ' ORDER BY attnum) "
         "FROM pg_attribute WHERE attnum > 0 AND attrelid = ";
-    EXPECT_EQ(Query(columns + "'scripted'::regclass"), Query(columns + "'direct'::regclass"));
-    EXPECT_EQ(Query("SELECT count(*) FROM (SELECT * FROM direct EXCEPT SELECT * FROM scripted) d"), "0");
-    EXPECT_EQ(Query("SELECT count(*) FROM (SELECT * FROM scripted EXCEPT SELECT * FROM direct) d"), "0");
-    EXPECT_EQ(Query("SELECT name FROM scripted WHERE id = 1"), "it's \\ \"x\"");
+    EXPECT_EQ(Query(columns + "'" + scripted + "'::regclass"), Query(columns + "'direct'::regclass"));
+    EXPECT_EQ(Query("SELECT count(*) FROM (SELECT * FROM direct EXCEPT SELECT * FROM " + scripted + ") d"),
+              "0");
+    EXPECT_EQ(Query("SELECT count(*) FROM (SELECT * FROM " + scripted +
+                    " EXCEPT SELECT * FROM "
+                    "direct) d"),
+              "0");
+    EXPECT_EQ(Query("SELECT name FROM " + scripted + " WHERE id = 1"), "it's \\ \"x\"");
 }
 
 TEST_F(PgImport, AServerThatGoesAwayMidRunKeepsTheCommittedRows) {

@@ -108,7 +108,7 @@ int Run(const ImportOptions& o, CommandKind kind) {
         c.SQLOptions().SQLQuote = U'\'';
         c.SQLOptions().FieldNameOptions().SQLQuoteOpen = U'"';
         c.SQLOptions().FieldNameOptions().SQLQuoteClose = U'"';
-        c.SQLOptions().StandardLiterals = destination.IsPostgreSQL();
+        c.SQLOptions().PostgreSQL = destination.IsPostgreSQL();
         // A script meant for an empty database creates the table it fills.
         if (destination.Created()) c.SetSQLPrologue({destination.CreateStatement() + ";"});
     }
