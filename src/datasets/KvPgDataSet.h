@@ -11,6 +11,9 @@
 // trip, so that a row the server refuses costs neither the transaction nor the rows before it, as with
 // SQLite.
 //
+// Asked to (SetAppendBatch), appends go to the server by COPY instead, streamed while the next rows are
+// made and kept until the batch ends, so that a refused row can be found by sending them again in pieces.
+//
 // Views, partitioned and foreign tables have no row address: they are read by offset and refuse writes.
 
 #include "datasets/KvDatabase.h"
