@@ -1194,6 +1194,18 @@ void TKvPgDataSet::TakeRow(const pg_result* result) {
     onRow_ = true;
 }
 
+int64_t TKvPgDataSet::DeleteAll() {
+    CheckWritable();
+    FlushAppends();
+    paramTexts_.clear();
+    TPgResult result = Run(Statement("delete all", "DELETE FROM " + QuotedTable()));
+    onRow_ = false;
+    windowValid_ = false;
+    RecordChanged();
+    First(); // on no row: the table is empty
+    return StrToInt64(PQcmdTuples(result.get()));
+}
+
 int TKvPgDataSet::InternalRecordCount() {
     FlushAppends();
     const std::string& statement = Statement("count", "SELECT count(*) FROM " + QuotedTable());

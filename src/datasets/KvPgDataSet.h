@@ -152,6 +152,9 @@ public:
     void FlushAppends();
     /// Forgets them (the transaction they were for is rolled back).
     void DiscardAppends() noexcept;
+    /// Deletes every row with one statement and gives how many there were: what emptying the table
+    /// before a copy costs, rather than a statement per row.
+    int64_t DeleteAll();
     /// Rows appended since the dataset opened.
     int64_t AppendCount() const { return appendCount_; }
     /// True while open on a relation without row addresses (a view, ...).

@@ -266,6 +266,9 @@ TEST_F(Pg, BatchedAppendsKeepTheRowsAroundTheRefusedOnes) {
     db.Rollback(); // and dropped with the transaction
     EXPECT_EQ(ds.RecordCount(), 33);
     EXPECT_EQ(ds.AppendCount(), 36);
+    Insert(ds, {37, "w"});
+    EXPECT_EQ(ds.DeleteAll(), 34); // the waiting row too
+    EXPECT_TRUE(ds.Eof() && ds.IsEmpty());
 }
 
 } // namespace
