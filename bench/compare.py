@@ -15,6 +15,7 @@ hurts all of them alike.
     bench/compare.py sav      [--rows N] [--rounds R]   an SPSS file of 20 variables read and into SQLite, beside pspp
     bench/compare.py workbook [--rows N] [--rounds R]   an .xlsx and its .ods twin into SQLite, beside openpyxl and
                                                         LibreOffice
+    bench/compare.py pg       [--rows N] [--rounds R]   CSV into a typed PostgreSQL table, append and appendupdate
 
 The CSV comparison includes the floor (bench/floor_import.cpp, from the bench build given by --floor) and
 DuckDB's Node client (after bench/setup.sh) when they are there; the table-to-table one includes its floor
@@ -38,9 +39,17 @@ write the workbook in write-only mode (bench/make_xlsx.py) and LibreOffice conve
 each into SQLite, and the library's reader (bench/xls_read.cpp, given by --xls-read) reads every value, beside
 openpyxl reading every value in read-only mode (bench/openpyxl_read.py) and LibreOffice converting the workbook
 to CSV; the peak memory of kvimport's runs is measured.
+The PostgreSQL one starts a throwaway cluster of its own (initdb into a temporary folder, a Unix socket there,
+no TCP port; run as the postgres user when run as root), removed at the end. The orders CSV, its amounts
+written without grouping so that \\copy reads them, goes into a typed table beside psql's \\copy; then half its
+rows, changed, by key (appendupdate) into the full table beside \\copy into a staging table followed by
+INSERT ... ON CONFLICT DO UPDATE.
 """
 
 import argparse
+import atexit
+import csv
+import glob
 import itertools
 import json
 import os
@@ -50,6 +59,7 @@ import sqlite3
 import statistics
 import subprocess
 import sys
+import tempfile
 import time
 import zipfile
 
@@ -560,13 +570,109 @@ def workbook_benchmark(args, work, kvimport):
     types = subprocess.run(["sqlite3", db, "SELECT group_concat(name || ' ' || type, ', ') FROM pragma_table_info('t')"],
                            capture_output=True, text=True).stdout.strip()
     print(f"\n(kvimport's table from the .xlsx holds {rows} rows: {types})")
+class PgServer:
+    """A throwaway PostgreSQL cluster listening on a Unix socket in a temporary folder only."""
+
+    def __init__(self):
+        self.bin = self.find_bin()
+        if not self.bin:
+            sys.exit("initdb and pg_ctl are needed (run scripts/setup.sh)")
+        self.dir = tempfile.mkdtemp(prefix="kvpg-bench-")
+        self.owner = []
+        if os.geteuid() == 0:  # the server refuses to run as root
+            import pwd
+            user = pwd.getpwnam("postgres")
+            os.chown(self.dir, user.pw_uid, user.pw_gid)
+            self.owner = ["runuser", "-u", "postgres", "--"]
+        self.data = os.path.join(self.dir, "data")
+        atexit.register(self.stop)
+        subprocess.run(self.owner + [os.path.join(self.bin, "initdb"), "-D", self.data, "-U", "postgres", "-A", "trust",
+                                     "-E", "UTF8", "--locale=C.UTF-8", "--no-sync"], check=True,
+                       stdout=subprocess.DEVNULL)
+        subprocess.run(self.owner + [os.path.join(self.bin, "pg_ctl"), "-D", self.data, "-l",
+                                     os.path.join(self.dir, "server.log"), "-w", "-s", "-o",
+                                     f"-c listen_addresses='' -c unix_socket_directories='{self.dir}'", "start"],
+                       check=True)
+        self.conninfo = f"host={self.dir} port=5432 user=postgres dbname=postgres"
+        self.psql = os.path.join(self.bin, "psql")
+
+    @staticmethod
+    def find_bin():
+        for folder in os.environ.get("PATH", "").split(os.pathsep):
+            if os.path.exists(os.path.join(folder, "initdb")) and os.path.exists(os.path.join(folder, "pg_ctl")):
+                return os.path.dirname(os.path.realpath(os.path.join(folder, "pg_ctl")))
+        found = sorted(glob.glob("/usr/lib/postgresql/*/bin/pg_ctl"), key=lambda p: int(p.split("/")[4]))
+        return os.path.dirname(found[-1]) if found else None
+
+    def sql(self, statements):
+        return f"{self.psql} -q -X -v ON_ERROR_STOP=1 \"{self.conninfo}\" " + " ".join(
+            "-c " + shlex.quote(s) for s in statements)
+
+    def stop(self):
+        if self.dir:
+            subprocess.run(self.owner + [os.path.join(self.bin, "pg_ctl"), "-D", self.data, "-m", "fast", "-w", "-s",
+                                         "stop"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            shutil.rmtree(self.dir, ignore_errors=True)
+            self.dir = None
+
+
+PG_ORDERS_COLUMNS = ("id bigint PRIMARY KEY, amount double precision, order_date date, customer text, city text, "
+                     "note text, paid boolean")
+
+
+def pg_csvs(args, work):
+    """The orders CSV with plain amounts, and half its rows (every second id) changed, for the update."""
+    data, half = (os.path.join(work, f"orders-pg-{args.rows}.csv"), os.path.join(work, f"orders-pg-half-{args.rows}.csv"))
+    if not (os.path.exists(data) and os.path.exists(half)):
+        with open(orders_csv(args, work), newline="", encoding="utf-8") as f, \
+                open(data, "w", newline="", encoding="utf-8") as out, \
+                open(half, "w", newline="", encoding="utf-8") as upd:
+            rows, all_out, half_out = csv.reader(f), csv.writer(out), csv.writer(upd)
+            header = next(rows)
+            all_out.writerow(header)
+            half_out.writerow(header)
+            for row in rows:
+                row[1] = row[1].replace(",", "")
+                all_out.writerow(row)
+                if int(row[0]) % 2 == 0:
+                    row[1] = str(round(float(row[1]) + 1, 2))
+                    row[5] = "changed"
+                    half_out.writerow(row)
+    return data, half
+
+
+def pg_benchmark(args, work, kvimport):
+    data, half = pg_csvs(args, work)
+    server = PgServer()
+    fresh = server.sql(["DROP TABLE IF EXISTS orders", f"CREATE TABLE orders ({PG_ORDERS_COLUMNS})"])
+    full = server.sql(["DROP TABLE IF EXISTS orders", "DROP TABLE IF EXISTS staging",
+                       f"CREATE TABLE orders ({PG_ORDERS_COLUMNS})", f"\\copy orders FROM '{data}' CSV HEADER",
+                       "VACUUM ANALYZE orders"])
+    appends = [
+        ("kvimport import", fresh, f"{kvimport} import {data} --db \"{server.conninfo}\" --table orders --quiet"),
+        ("psql \\copy", fresh, server.sql([f"\\copy orders FROM '{data}' CSV HEADER"])),
+    ]
+    updates = [
+        ("kvimport import --mode appendupdate", full,
+         f"{kvimport} import {half} --db \"{server.conninfo}\" --table orders --mode appendupdate --keys id --quiet"),
+        ("psql \\copy + INSERT ... ON CONFLICT DO UPDATE", full,
+         server.sql(["CREATE TABLE staging (LIKE orders)", f"\\copy staging FROM '{half}' CSV HEADER",
+                     "INSERT INTO orders SELECT * FROM staging ON CONFLICT (id) DO UPDATE SET amount = excluded.amount, "
+                     "order_date = excluded.order_date, customer = excluded.customer, city = excluded.city, "
+                     "note = excluded.note, paid = excluded.paid"])),
+    ]
+    compare(f"{args.rows:,} CSV rows into a typed PostgreSQL table ({os.path.getsize(data) / 1e6:.0f} MB)", appends,
+            args.rounds)
+    compare(f"{args.rows // 2:,} of them changed, appendupdate by key (a primary key on id)", updates, args.rounds)
+    server.stop()
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("benchmark", choices=["csv", "sqlite", "check", "dbf", "xls", "zip", "xml", "sav",
-                                                       "workbook"])
-    parser.add_argument("--rows", type=int, help="rows (default 1000000; 65000 for xls, 1300000 for zip, 200000 for workbook)")
+                                              "workbook", "pg"])
+    parser.add_argument("--rows", type=int,
+                        help="rows (default 1000000; 65000 for xls, 1300000 for zip, 200000 for workbook)")
     parser.add_argument("--rounds", type=int, default=3)
     parser.add_argument("--megabytes", type=float, default=100, help="size of the XML document (default 100)")
     parser.add_argument("--kvimport", default=os.path.join(ROOT, "build", "kvimport"))
@@ -588,7 +694,7 @@ def main():
     os.makedirs(args.work, exist_ok=True)
     benchmarks = {"csv": csv_benchmark, "sqlite": sqlite_benchmark, "check": check_benchmark, "dbf": dbf_benchmark,
                   "xls": xls_benchmark, "zip": zip_benchmark, "xml": xml_benchmark, "sav": sav_benchmark,
-                  "workbook": workbook_benchmark}
+                  "workbook": workbook_benchmark, "pg": pg_benchmark}
     benchmarks[args.benchmark](args, args.work, args.kvimport)
 
 

@@ -4,7 +4,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-packages=(g++ cmake ninja-build pkg-config libsqlite3-dev zlib1g-dev nettle-dev libpq-dev libgtest-dev libgmock-dev
+packages=(g++ cmake ninja-build pkg-config libsqlite3-dev zlib1g-dev nettle-dev libpq-dev postgresql libgtest-dev libgmock-dev
           libbenchmark-dev sqlite3 clang clang-format libclang-rt-14-dev python3)
 missing=()
 for p in "${packages[@]}"; do

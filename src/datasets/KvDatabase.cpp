@@ -1,5 +1,6 @@
 #include "datasets/KvDatabase.h"
 
+#include "datasets/KvPgDataSet.h"
 #include "datasets/KvSQLiteDataSet.h"
 #include "platform/SysUtils.h"
 
@@ -75,8 +76,11 @@ bool StartsWithKeyword(std::string_view target) {
     return false;
 }
 
-TKvDatabase* OpenPostgreSQL(const std::string&, TComponent*) {
-    throw EDatabaseError("PostgreSQL destinations are not available yet: give an SQLite database file");
+TKvDatabase* OpenPostgreSQL(const std::string& target, TComponent* owner) {
+    auto database = std::make_unique<TKvPgDatabase>();
+    database->Open(target);
+    if (owner) owner->InsertComponent(database.get());
+    return database.release();
 }
 
 TKvDatabase* OpenSQLite(const std::string& target, TComponent* owner) {

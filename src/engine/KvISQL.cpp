@@ -1,5 +1,7 @@
 #include "engine/KvISQL.h"
 
+#include "datasets/KvPgDataSet.h"
+
 #include "platform/DateUtils.h"
 #include "platform/Streams.h"
 #include "platform/SysUtils.h"
@@ -63,6 +65,10 @@ std::string TKvISQLWriter::Name(const std::string& name) const {
                    q.SQLQuoteClose ? q.SQLQuoteClose : q.SQLQuoteOpen);
 }
 
+std::string TKvISQLWriter::Table() const {
+    return options_.PostgreSQL ? TKvPgDatabase::TableReference(table_) : Name(table_);
+}
+
 std::string TKvISQLWriter::Quoted(const std::string& text) const {
     // Without a quote character of its own a text would stand bare in the statement; apostrophes keep it in.
     const char32_t quote = options_.SQLQuote ? options_.SQLQuote : U'\'';
@@ -75,6 +81,7 @@ std::string TKvISQLWriter::Literal(const Variant& value, TFieldType type) const 
     case varNull:
         return "NULL";
     case varBoolean:
+        if (options_.PostgreSQL) return value.AsBoolean() ? "TRUE" : "FALSE";
         return value.AsBoolean() ? "1" : "0";
     case varInteger:
     case varInt64:
@@ -90,6 +97,11 @@ std::string TKvISQLWriter::Literal(const Variant& value, TFieldType type) const 
         return Quoted(DateTimeToISO8601(d));
     }
     case varBytes: {
+        if (options_.PostgreSQL) { // bytea's hex form, in a standard string
+            std::string hex = "'\\x";
+            for (unsigned char c : value.StringRef()) hex += IntToHex(c, 2);
+            return hex + "'";
+        }
         std::string hex = "X'";
         for (unsigned char c : value.StringRef()) hex += IntToHex(c, 2);
         return hex + "'";
@@ -125,7 +137,7 @@ std::string TKvISQLWriter::Insert(const std::vector<std::string>& names,
         columns += Name(names[i]);
         values += literals[i];
     }
-    return Terminate("INSERT INTO " + Name(table_) + " (" + columns + ") VALUES (" + values + ")");
+    return Terminate("INSERT INTO " + Table() + " (" + columns + ") VALUES (" + values + ")");
 }
 
 std::string TKvISQLWriter::Update(const std::vector<std::string>& names,
@@ -136,19 +148,19 @@ std::string TKvISQLWriter::Update(const std::vector<std::string>& names,
         if (i) assignments += ", ";
         assignments += Name(names[i]) + " = " + literals[i];
     }
-    std::string s = "UPDATE " + Name(table_) + " SET " + assignments;
+    std::string s = "UPDATE " + Table() + " SET " + assignments;
     if (!condition.empty()) s += " WHERE " + condition;
     return Terminate(s);
 }
 
 std::string TKvISQLWriter::Delete(const std::string& condition) const {
-    std::string s = "DELETE FROM " + Name(table_);
+    std::string s = "DELETE FROM " + Table();
     if (!condition.empty()) s += " WHERE " + condition;
     return Terminate(s);
 }
 
 std::string TKvISQLWriter::DeleteAll() const {
-    return Terminate("DELETE FROM " + Name(table_));
+    return Terminate("DELETE FROM " + Table());
 }
 
 TKvISQLOutput::TKvISQLOutput() = default;

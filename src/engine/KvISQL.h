@@ -34,6 +34,8 @@ public:
     std::string DeleteAll() const;
 
 private:
+    /// The table's name as the statements name it.
+    std::string Table() const;
     std::string Terminate(std::string statement) const;
     std::string Quoted(const std::string& text) const;
 

@@ -123,6 +123,7 @@ void TKvISQLOptions::Assign(const TPersistent& source) {
     FieldNameCharCase = s->FieldNameCharCase;
     SQLQuote = s->SQLQuote;
     SQLTerm = s->SQLTerm;
+    PostgreSQL = s->PostgreSQL;
     fieldNameOptions_.Assign(s->fieldNameOptions_);
 }
 

@@ -174,6 +174,9 @@ public:
     TKvIFieldCharCase FieldNameCharCase = ifcNormal;
     char32_t SQLQuote = U'"';  ///< around text values
     std::string SQLTerm = ";"; ///< after every statement
+    /// The script is for PostgreSQL: TRUE/FALSE, bytes as '\x..', and "schema.table" names a table in a
+    /// schema (rather than 1/0, X'..' and one name).
+    bool PostgreSQL = false;
 
     TKvISQLFieldNameOptions& FieldNameOptions() { return fieldNameOptions_; }
     const TKvISQLFieldNameOptions& FieldNameOptions() const { return fieldNameOptions_; }

@@ -4,8 +4,10 @@
 
 #include "TestSupport.h"
 #include "datasets/DataSet.h"
+#include "support/PgCluster.h"
 
 #include <functional>
+#include <iostream>
 #include <ostream>
 #include <string>
 #include <utility>
@@ -21,11 +23,21 @@ struct DatabaseTarget {
     bool StoresAnyValue = false;
 };
 
+/// Each database, PostgreSQL (a fresh schema of the test run's cluster each time) only where its server
+/// programs are installed: otherwise its tests are left out, with one message saying so.
 inline std::vector<DatabaseTarget> DatabaseTargets() {
-    return {
+    std::vector<DatabaseTarget> targets = {
         {"SQLiteFile", [](const TempDir& dir) { return dir.File("test.db"); }, true},
         {"SQLiteInMemory", [](const TempDir&) { return std::string(":memory:"); }, true},
     };
+    if (PgCluster::Missing().empty()) {
+        targets.push_back(
+            {"PostgreSQL", [](const TempDir&) { return PgCluster::Get().FreshSchema(); }, false});
+    } else {
+        static const bool told = (std::cerr << PgCluster::Missing() << "\n", true);
+        (void)told;
+    }
+    return targets;
 }
 
 /// A field definition, for short.

@@ -83,6 +83,11 @@ TEST(SQLWriter, NoValueLeavesItsQuotes) {
     EXPECT_EQ(w.Condition({"A", "B"}, {"1", "NULL"}), "[A] = 1 AND [B] IS NULL");
     options.FieldNameCharCase = ifcProper;
     EXPECT_EQ(w.Name("last name_x"), "[Last Name_X]");
+    options.PostgreSQL = true; // as PostgreSQL reads them
+    EXPECT_EQ(w.Literal(Variant(false), ftBoolean), "FALSE");
+    EXPECT_EQ(w.Literal(Variant::FromBytes(std::string("\x01\xFF", 2)), ftBlob), "'\\x01FF'");
+    EXPECT_EQ(TKvISQLWriter(options, "Shop.Order Lines").DeleteAll(),
+              "DELETE FROM \"Shop\".\"Order Lines\";");
 }
 
 // The output alone: the prologue first, the file written in blocks and closed at the end, and the copy in

@@ -1,14 +1,21 @@
 #include "Destination.h"
 
+#include "datasets/KvPgDataSet.h"
 #include "platform/Exceptions.h"
 #include "platform/Streams.h"
 #include "platform/SysUtils.h"
 
+#include <algorithm>
+#include <iostream>
+
 namespace kv::cli {
 
 Destination::Destination(const std::string& target, bool sqlOnly, TComponent& root)
-    : root_(root), database_(OpenDatabase(
-                       sqlOnly && (target.empty() || !FileExists(target)) ? ":memory:" : target, &root)),
+    : root_(root),
+      database_(OpenDatabase(sqlOnly && !IsPostgreSQLTarget(target) && (target.empty() || !FileExists(target))
+                                 ? ":memory:"
+                                 : target,
+                             &root)),
       sqlOnly_(sqlOnly) {}
 
 void Destination::Prepare(const std::string& table, SourceSetup& source,
@@ -32,6 +39,10 @@ void Destination::Prepare(const std::string& table, SourceSetup& source,
     dataSet_ = holder->OpenDataSet(table, &root_);
 }
 
+bool Destination::IsPostgreSQL() const {
+    return dynamic_cast<const TKvPgDatabase*>(database_) != nullptr;
+}
+
 void Destination::AddLookup(const std::string& name, TKvImportBaseComponent& component) {
     if (!database_->TableExists(name)) throw Exception("The lookup table \"" + name + "\" does not exist.");
     component.RegisterLookupTable(name, database_->OpenDataSet(name, &root_));
@@ -47,7 +58,35 @@ void Destination::AttachTransactions(TKvImportBaseComponent& component) {
     component.OnStartTransaction = [this](TObject*) {
         if (!database_->InTransaction()) database_->StartTransaction();
     };
-    component.OnAfterRecordEvent = [this](TObject*, bool&) {
+    // Appends into PostgreSQL go by COPY, a batch per transaction. A row the server refuses is found
+    // when its batch is sent: it is reported then, by its record, and counted as failed rather than
+    // added. A run that stops at the first error needs it at once, and keyed modes look each row up
+    // first, so those write row by row.
+    auto* pg = dynamic_cast<TKvPgDataSet*>(dataSet_);
+    if (pg && !component.AbortOnProblem() && (component.Mode() == imAppend || component.Mode() == imCopy)) {
+        const int count = component.CommitCount();
+        pg->SetAppendBatch(count > 0 ? std::min(count, 50000) : 50000);
+        pg->OnRowRefused = [this](int64_t append, const std::string& message) {
+            TKvIStatistic& s = component_->Statistic();
+            --s.TotalAdded;
+            ++s.TotalErrors;
+            ++refused_;
+            const size_t at = static_cast<size_t>(append - firstAppend_);
+            std::cerr << "Record " << (at < appendRecords_.size() ? appendRecords_[at] : 0) << ": " << message
+                      << '\n';
+        };
+    }
+    component.OnAfterRecordEvent = [this, pg](TObject*, bool&) {
+        if (pg && pg->AppendBatch() > 0) {
+            // The record of each row in the batch, for a refusal; only the batch's rows are kept.
+            while (firstAppend_ + static_cast<int64_t>(appendRecords_.size()) <= pg->AppendCount())
+                appendRecords_.push_back(component_->Statistic().TotalImported);
+            const auto excess = static_cast<int64_t>(appendRecords_.size()) - pg->AppendBatch() - 1;
+            if (excess > 0) {
+                appendRecords_.erase(appendRecords_.begin(), appendRecords_.begin() + excess);
+                firstAppend_ += excess;
+            }
+        }
         const int count = component_->CommitCount();
         if (count > 0 && component_->Statistic().TotalImported % count == 0 && database_->InTransaction()) {
             Commit();
@@ -71,9 +110,9 @@ void Destination::Commit() {
 }
 
 void Destination::Rollback() {
-    if (!database_->InTransaction()) return;
-    database_->Rollback();
+    // A lost connection has ended the transaction already; its rows are gone all the same.
     if (component_) rolledBack_ = Writes() - committedWrites_;
+    database_->Rollback();
 }
 
 } // namespace kv::cli

@@ -6,6 +6,8 @@
 #include "Sources.h"
 #include "datasets/KvDatabase.h"
 
+#include <cstdint>
+#include <deque>
 #include <string>
 #include <vector>
 
@@ -21,6 +23,8 @@ public:
     void Prepare(const std::string& table, SourceSetup& source, const std::vector<std::string>& maps);
     /// The table was created by Prepare (its column types are a guess from the source).
     bool Created() const { return !createStatement_.empty(); }
+    /// The destination is a PostgreSQL database: scripts for it write its literals.
+    bool IsPostgreSQL() const;
     /// The statement that created it, in the destination's own SQL ("" when it existed).
     const std::string& CreateStatement() const { return createStatement_; }
     /// Table `name` of the database becomes findable by LOOKUP under that name.
@@ -32,8 +36,12 @@ public:
     void Commit();
     /// Rolls back the open transaction (after a failed run).
     void Rollback();
-    /// Rows written since the last commit that a rollback took away.
+    /// Rows written since the last commit that a rollback (or a lost connection) took away.
     int RolledBackRows() const { return rolledBack_; }
+    /// Rows the server refused when their batch was sent (each reported on stderr as it was found).
+    int RefusedRows() const { return refused_; }
+    /// Rows the run wrote and committed.
+    int CommittedRows() const { return committedWrites_; }
 
 private:
     int Writes() const;
@@ -45,6 +53,10 @@ private:
     TKvImportBaseComponent* component_ = nullptr;
     int committedWrites_ = 0;
     int rolledBack_ = 0;
+    int refused_ = 0;
+    // The source's record of each appended row still in a batch, from the append numbered firstAppend_.
+    std::deque<int64_t> appendRecords_;
+    int64_t firstAppend_ = 1;
     std::string createStatement_;
 };
 

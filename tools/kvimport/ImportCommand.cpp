@@ -108,6 +108,7 @@ int Run(const ImportOptions& o, CommandKind kind) {
         c.SQLOptions().SQLQuote = U'\'';
         c.SQLOptions().FieldNameOptions().SQLQuoteOpen = U'"';
         c.SQLOptions().FieldNameOptions().SQLQuoteClose = U'"';
+        c.SQLOptions().PostgreSQL = destination.IsPostgreSQL();
         // A script meant for an empty database creates the table it fills.
         if (destination.Created()) c.SetSQLPrologue({destination.CreateStatement() + ";"});
     }
@@ -142,16 +143,21 @@ int Run(const ImportOptions& o, CommandKind kind) {
         const std::string& message = c.LastMessage();
         const size_t br = message.find("\r\n");
         std::cerr << (br == std::string::npos ? message : message.substr(br + 2)) << '\n';
-        if (const int lost = destination.RolledBackRows(); lost > 0)
+        const int lost = destination.RolledBackRows(), kept = destination.CommittedRows();
+        const auto rows = [](int n) { return std::to_string(n) + (n == 1 ? " row" : " rows"); };
+        if (lost > 0)
             std::cerr << "The last " << (lost == 1 ? std::string("row") : std::to_string(lost) + " rows")
-                      << " written since the last commit " << (lost == 1 ? "was" : "were")
-                      << " rolled back; the table holds the rows committed before.\n";
+                      << " written since the last commit " << (lost == 1 ? "was" : "were") << " rolled back; "
+                      << (kept > 0 ? "the " + rows(kept) + " written before were committed.\n"
+                                   : "the table holds the rows committed before.\n");
+        else if (kept > 0)
+            std::cerr << "The " << rows(kept) << " written before the failure were committed.\n";
     } else {
         destination.Commit();
     }
     if (result == irUnknown) // the parameter prompt was left: nothing ran
         std::cerr << "Nothing was imported: the parameters were not given (--param NAME=VALUE gives one).\n";
-    if (!o.Quiet && result != irUnknown) PrintSummary(c, errors);
+    if (!o.Quiet && result != irUnknown) PrintSummary(c, errors + destination.RefusedRows());
     switch (result) {
     case irExecuted:
         return c.HadProblems() && !o.AllowErrors ? ExitProblems : ExitOk;

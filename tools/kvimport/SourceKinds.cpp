@@ -2,6 +2,8 @@
 
 #include "ArchiveMember.h"
 
+#include "datasets/KvDatabase.h"
+
 #include "platform/SysUtils.h"
 
 #include <algorithm>
@@ -72,6 +74,8 @@ const SourceKind& SourceKindOf(const ImportOptions& o) {
     if (o.Clipboard || o.Source == "-") {
         if (const SourceKind* kind = StandardInputKind()) return *kind;
     }
+    if (IsPostgreSQLTarget(o.Source))
+        if (const SourceKind* kind = SourceKindByName("postgresql")) return *kind;
     if (NamesArchiveMember(o)) return ArchiveMemberKind(o);
     if (const SourceKind* kind = SourceKindByExtension(std::filesystem::path(o.Source).extension().string()))
         return *kind;

@@ -1,0 +1,267 @@
+#pragma once
+// TKvPgDatabase, a connection to a PostgreSQL server (the TKvDatabase of PostgreSQL destinations), and
+// TKvPgDataSet, one table of it as a TDataSet.
+//
+// A table is walked by its rows' physical addresses (ctid), a window of rows per query, so that neither
+// memory nor open statements grow with the table and nothing stays pending between calls. Writes are
+// prepared INSERT/UPDATE/DELETE statements by address, each answering with the row's new address. The
+// dataset never starts or ends a transaction itself.
+//
+// Inside a transaction every write runs between a savepoint and its release, sent together in one round
+// trip, so that a row the server refuses costs neither the transaction nor the rows before it, as with
+// SQLite.
+//
+// Asked to (SetAppendBatch), appends go to the server by COPY instead, streamed while the next rows are
+// made and kept until the batch ends, so that a refused row can be found by sending them again in pieces.
+//
+// Views, partitioned and foreign tables have no row address: they are read by offset and refuse writes.
+
+#include "datasets/KvDatabase.h"
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+struct pg_conn;
+struct pg_result;
+
+namespace kv {
+
+struct TPgResultClear {
+    void operator()(pg_result* result) const;
+};
+/// A query's result, cleared when released.
+using TPgResult = std::unique_ptr<pg_result, TPgResultClear>;
+
+class TKvPgDataSet;
+
+/// A connection to one PostgreSQL database. Closing it (or destroying it) closes the datasets that use it.
+///
+/// The session reads and writes dates in ISO form and times with a zone in UTC: a TDateTime has no zone.
+class TKvPgDatabase : public TKvDatabase {
+public:
+    explicit TKvPgDatabase(TComponent* owner = nullptr);
+    ~TKvPgDatabase() override;
+
+    /// Connects through a libpq connection string or postgresql:// address (the PG* environment variables
+    /// and the password file fill in the rest). EDatabaseUnwritable, with libpq's message and the host
+    /// but never the password, when the server cannot be reached or refuses.
+    void Open(const std::string& target);
+    void Close();
+    bool Connected() const { return conn_ != nullptr; }
+    /// Milliseconds a statement waits for another session's lock before failing (default 10000; 0
+    /// waits for ever). Applies from the next Open, unless the connection string sets lock_timeout.
+    int LockTimeout() const { return lockTimeout_; }
+    void SetLockTimeout(int milliseconds) { lockTimeout_ = milliseconds < 0 ? 0 : milliseconds; }
+
+    /// "PostgreSQL database \"sales\" on host \"db1\" port 5432".
+    std::string Description() const override;
+
+    void Execute(const std::string& sql) override;
+    void StartTransaction() override;
+    void Commit() override;
+    void Rollback() override;
+    bool InTransaction() const override;
+
+    /// True when the table, view or other relation exists; `name` is read as TableReference reads it.
+    bool TableExists(const std::string& name) override;
+    /// smallint, integer, bigint, double precision, numeric, boolean, date, time, timestamp, text or
+    /// bytea: names TKvPgDataSet reads back as a field of the same kind; an identity bigint for ftAutoInc.
+    std::string TypeName(TFieldType type) const override;
+    /// As the base does, with the table read as TableReference reads it.
+    std::string CreateTableStatement(const std::string& name,
+                                     const std::vector<TFieldDef>& columns) const override;
+    TDataSet* OpenDataSet(const std::string& table, TComponent* owner) override;
+
+    /// `name` as an SQL identifier: in double quotes, inner quotes doubled.
+    static std::string QuoteIdentifier(std::string_view name);
+    /// A table name as SQL: "schema.table" is a table in a schema; a name that starts with a double
+    /// quote is read as SQL (`"a.b"` is one name holding a dot, `"s"."t"` a schema and a table); any
+    /// other name is one identifier, its case and blanks kept.
+    static std::string TableReference(std::string_view name);
+
+    // For the dataset and the fast paths.
+    pg_conn* Handle() const { return conn_; }
+    /// Runs a query with no parameters; raises the server's error.
+    TPgResult Exec(const std::string& sql);
+    /// Prepares `sql` and gives the name it runs under.
+    std::string Prepare(const std::string& sql);
+    void Deallocate(const std::string& name) noexcept;
+    /// Runs a prepared statement with text parameters (`formats` marks binary ones, may be null). Inside a
+    /// transaction it runs under a savepoint, so a failure leaves the transaction usable.
+    TPgResult ExecPrepared(const std::string& name, int count, const char* const* values, const int* lengths,
+                           const int* formats);
+    /// Raises the error of `result` (or of the connection when null): EDatabaseUnwritable for those that
+    /// refuse every further write (connection lost, lock timeout, disk full, read-only, no privilege).
+    [[noreturn]] void RaiseError(const pg_result* result) const;
+
+    std::string ClassName() const override { return "TKvPgDatabase"; }
+
+protected:
+    std::string QuotedIdentifier(std::string_view name) const override { return QuoteIdentifier(name); }
+
+private:
+    friend class TKvPgDataSet;
+    void CheckConnected() const;
+    /// Ends the COPY a dataset has under way, so that the connection may run something else.
+    void EndCopies();
+    /// Runs `sql` alone, or under a savepoint inside a transaction.
+    TPgResult Guarded(const std::string& sql);
+
+    pg_conn* conn_ = nullptr;
+    int lockTimeout_ = 10000;
+    uint64_t statementCount_ = 0;         // names prepared statements
+    std::vector<TKvPgDataSet*> dataSets_; // datasets whose Database is this one
+    TKvPgDataSet* copyOwner_ = nullptr;   // the dataset whose COPY is under way
+};
+
+/// One table (or view) of a PostgreSQL database.
+///
+/// Field types follow the catalogue: smallint, integer and bigint (ftAutoInc for a single-column primary
+/// key numbered by an identity or a sequence), real and double precision, numeric(p,s) as ftBCD, boolean,
+/// date, time, timestamp with and without time zone, text, varchar(n) and char(n) (Size n), bytea as
+/// ftBlob, uuid as ftGuid, json, jsonb and every other type as text.
+class TKvPgDataSet : public TDataSet {
+public:
+    explicit TKvPgDataSet(TComponent* owner = nullptr);
+    ~TKvPgDataSet() override;
+
+    TKvPgDatabase* Database() const { return db_; }
+    void SetDatabase(TKvPgDatabase* database);
+    const std::string& TableName() const { return tableName_; }
+    void SetTableName(const std::string& name);
+    /// Rows read per query while walking the table (default 256).
+    int FetchSize() const { return fetchSize_; }
+    void SetFetchSize(int rows) { fetchSize_ = rows < 1 ? 1 : rows; }
+    /// Rows appended are sent together, by COPY, once this many are waiting (0, the default: each row as
+    /// it is posted). Waiting rows go before any other use of the table and before the database commits;
+    /// a row the server refuses is found by sending the batch again in smaller pieces, the rows around it
+    /// are kept, and it goes to OnRowRefused (or, without a handler, its error is raised once the others
+    /// are stored).
+    int AppendBatch() const { return appendBatch_; }
+    void SetAppendBatch(int rows) { appendBatch_ = rows < 0 ? 0 : rows; }
+    /// A batched row the server refused: its number among the rows appended since the dataset opened
+    /// (from 1), and the server's message.
+    std::function<void(int64_t append, const std::string& message)> OnRowRefused;
+    /// Sends the rows waiting to be appended.
+    void FlushAppends();
+    /// Forgets them (the transaction they were for is rolled back).
+    void DiscardAppends() noexcept;
+    /// Deletes every row with one statement and gives how many there were: what emptying the table
+    /// before a copy costs, rather than a statement per row.
+    int64_t DeleteAll();
+    /// Rows appended since the dataset opened.
+    int64_t AppendCount() const { return appendCount_; }
+    /// True while open on a relation without row addresses (a view, ...).
+    bool ReadOnly() const { return Active() && !hasCtid_; }
+    /// The table as SQL (TKvPgDatabase::TableReference).
+    std::string QuotedTable() const { return TKvPgDatabase::TableReference(tableName_); }
+
+    /// "TableName"; "IndexFieldName": the primary key's columns in key order joined by ";".
+    std::optional<std::string> PublishedProperty(const std::string& name) const override;
+    std::string ClassName() const override { return "TKvPgDataSet"; }
+
+    /// A field's value as the text PostgreSQL reads for a column of the field's type (Null gives false):
+    /// for the fast paths that write rows themselves.
+    static bool ValueText(const Variant& value, TFieldType type, std::string& out);
+
+protected:
+    std::vector<TFieldDef> InternalOpen() override;
+    void InternalClose() override;
+    bool InternalFirst() override;
+    bool InternalNext() override;
+    void InternalReadRecord(std::vector<Variant>& values) override;
+    void InternalPost(bool inserting, const std::vector<Variant>& values,
+                      const TAssignedFields& assigned) override;
+    bool InternalDelete() override;
+    bool InternalLocate(const std::vector<int>& fields, const std::vector<Variant>& values,
+                        TLocateOptions options) override;
+    int InternalRecordCount() override;
+
+private:
+    friend class TKvPgDatabase;
+    struct TColumn {
+        TFieldDef Def;
+        uint32_t Type = 0;      // the type's oid
+        int KeyPosition = 0;    // 1-based position in the primary key, 0 when not part of it
+        bool Generated = false; // computed by the server, never written
+        bool Numbered = false;  // an identity column or one whose default is a sequence
+        std::string Sequence;   // the sequence that numbers it, quoted as SQL ("" for none)
+    };
+
+    void CheckDatabase() const;
+    void CheckWritable() const;
+    std::vector<TColumn> ReadColumns(char& kind) const;
+    const std::string& Statement(const std::string& key, const std::string& sql);
+    std::string ColumnList(const TAssignedFields* only = nullptr) const;
+    /// Reads up to FetchSize rows into the window: from address `from` on (`after`: the rows after it).
+    size_t FillWindow(const std::string& from, bool after);
+    /// The rows of `result` into the window; the first column is each row's address.
+    void TakeRows(const pg_result* result);
+    /// The one row of `result` (its address first) as the window and the current row.
+    void TakeRow(const pg_result* result);
+    /// The values of `fields` as parameter texts; Null values are left out (the statement says NULL).
+    void BindValues(const std::vector<Variant>& values, const std::vector<int>& fields);
+    /// Runs a prepared statement with paramTexts_ as its parameters.
+    TPgResult Run(const std::string& statement);
+    /// Moves the numbering sequence past the largest key given explicitly.
+    void MoveSequencePast();
+    void ForgetStatements() noexcept;
+    /// Appends row `values` to the waiting batch (its columns `fields`).
+    void AddToBatch(const std::vector<Variant>& values, const std::vector<int>& fields);
+    /// Starts a COPY of the batch's columns (under a savepoint inside a transaction).
+    void BeginCopy();
+    /// Sends bytes [from, to) of the batch to the COPY under way.
+    void SendCopy(size_t from, size_t to);
+    /// Ends it; the server's message when it refused the rows.
+    std::optional<std::string> EndCopy();
+    /// Sends rows [first, last) of the batch by one COPY; the server's message when it refuses them.
+    std::optional<std::string> CopyRows(size_t first, size_t last);
+    /// Sends rows [first, last), halving a refused piece until the refused rows stand alone.
+    void CopyPiece(size_t first, size_t last, std::optional<std::string> message);
+
+    TKvPgDatabase* db_ = nullptr;
+    std::string tableName_;
+    int fetchSize_ = 256;
+
+    // While open:
+    std::vector<TColumn> columns_;
+    bool hasCtid_ = false;
+    std::string sequence_;                          // of the ftAutoInc column, "" when none
+    std::optional<int64_t> pendingNumber_;          // the largest key given it since the sequence moved
+    std::map<std::string, std::string> statements_; // prepared statements' names by what they do
+    // The parameters of the next statement: texts and their pointers, lengths and formats.
+    std::vector<std::string> paramTexts_;
+    std::vector<const char*> paramValues_;
+    std::vector<int> paramLengths_, paramFormats_;
+
+    // The batch of rows waiting to be appended: their COPY text, where each row starts in it, the columns
+    // they fill, and each one's number among the appends; and the values of the last, which is current.
+    int appendBatch_ = 0;
+    int64_t appendCount_ = 0;
+    std::string batch_;
+    std::vector<size_t> batchStarts_;
+    std::vector<int64_t> batchNumbers_;
+    std::string batchColumns_;
+    std::vector<Variant> batchLast_;
+    bool onBatchedRow_ = false;
+    size_t streamed_ = 0;      // bytes of the batch sent to the COPY under way
+    bool copyGuarded_ = false; // the COPY under way runs under a savepoint
+    std::vector<std::pair<int64_t, std::string>> refused_;
+
+    // The cursor: the current row's address and a window of rows read ahead (values stored field by
+    // field), valid until this dataset writes. Without row addresses, the address is the row's offset.
+    bool onRow_ = false;
+    std::string address_;
+    std::vector<std::string> windowAddresses_;
+    std::vector<Variant> windowValues_;
+    size_t windowPos_ = 0;
+    bool windowValid_ = false;
+};
+
+} // namespace kv
