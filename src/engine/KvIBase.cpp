@@ -338,15 +338,23 @@ void TKvImportBaseComponent::LoadFromStream(TStream& stream) {
 }
 
 void TKvImportBaseComponent::DescribeColumns() {
-    BeforeImport();
+    describing_ = true;
+    try {
+        BeforeImport();
+    } catch (...) {
+        describing_ = false;
+        throw;
+    }
     try {
         columns_.Clear();
         DetectAutoMapping();
     } catch (...) {
+        describing_ = false;
         AfterImport();
         throw;
     }
     AfterImport();
+    describing_ = false;
 }
 
 } // namespace kv

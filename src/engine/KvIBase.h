@@ -337,6 +337,8 @@ protected:
 
     /// The stream LoadFromStream gave for the current run (nullptr: read the source file).
     TStream* SourceStream() const { return sourceStream_; }
+    /// True between the BeforeImport and AfterImport of DescribeColumns, which a run usually follows.
+    bool Describing() const { return describing_; }
     /// The field delimiter, qualifier and record separator as characters and text.
     char32_t FieldDelimiterChar() const { return fieldDelimiterCustom_; }
     char32_t TextQualifierChar() const { return textQualifierCustom_; }
@@ -410,6 +412,7 @@ private:
     // run state
     TKvIColumns columns_;
     TStream* sourceStream_ = nullptr;
+    bool describing_ = false;
     bool canceled_ = false;
     bool inTransaction_ = false;
     std::string lastMessage_;

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <filesystem>
 
 namespace kv {
 
@@ -32,6 +33,21 @@ TKvImportFromCell::TKvImportFromCell(TComponent* owner) : TKvImportBaseComponent
 TKvImportFromCell::~TKvImportFromCell() {
     workBook_.reset(); // before the stream it reads
     stream_.reset();
+    keptWorkBook_.reset();
+    keptStream_.reset();
+}
+
+std::string TKvImportFromCell::WorkBookKey() const {
+    const std::optional<std::string> settings = WorkBookSettings();
+    if (!settings || SourceStream() || SourceFileName().empty()) return {};
+    std::error_code error;
+    const auto size = std::filesystem::file_size(SourceFileName(), error);
+    if (error) return {};
+    const auto written = std::filesystem::last_write_time(SourceFileName(), error);
+    if (error) return {};
+    return SourceFileName() + '\n' + std::to_string(size) + '\n' +
+           std::to_string(written.time_since_epoch().count()) + '\n' + std::to_string(sheetIndex_) + '\n' +
+           sheetName_ + '\n' + std::to_string(loadRowStatutes_.Bits()) + '\n' + *settings;
 }
 
 void TKvImportFromCell::SetSheetIndex(int v) {
@@ -55,7 +71,15 @@ void TKvImportFromCell::BeforeImport() {
     TKvImportBaseComponent::BeforeImport();
     workBook_.reset();
     stream_.reset();
-    workBook_ = WorkBookCreation();
+    const bool kept = keptWorkBook_ && !keptKey_.empty() && keptKey_ == WorkBookKey();
+    if (kept) {
+        workBook_ = std::move(keptWorkBook_);
+        stream_ = std::move(keptStream_);
+    }
+    keptWorkBook_.reset();
+    keptStream_.reset();
+    keptKey_.clear();
+    if (!kept) workBook_ = WorkBookCreation();
     if (!workBook_) throw Exception(ClassName() + " has no reader");
     workBook_->SetSheetFilter(sheetIndex_);
     workBook_->SetLoadRowStatutes(loadRowStatutes_);
@@ -79,7 +103,9 @@ void TKvImportFromCell::BeforeImport() {
         };
     }
     try {
-        if (TStream* stream = SourceStream()) {
+        if (kept) {
+            // loaded by DescribeColumns from the same file, sheet and settings
+        } else if (TStream* stream = SourceStream()) {
             workBook_->LoadFromStream(*stream);
         } else if (workBook_->RecordMode()) {
             // The reader reads from the stream record by record for the whole run: the source keeps it open.
@@ -156,6 +182,11 @@ void TKvImportFromCell::ReadAhead(int first, int end, TSpreadSheetCells& rows) {
 
 void TKvImportFromCell::AfterImport() {
     if (workBook_ && !ended_) workBook_->AfterLoad();
+    if (Describing() && workBook_ && workBook_->RecordMode()) keptKey_ = WorkBookKey();
+    if (!keptKey_.empty()) {
+        keptWorkBook_ = std::move(workBook_);
+        keptStream_ = std::move(stream_);
+    }
     workBook_.reset();
     stream_.reset();
     current_ = nullptr;

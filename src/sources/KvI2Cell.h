@@ -7,6 +7,7 @@
 #include "engine/KvIBase.h"
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -54,6 +55,9 @@ public:
 protected:
     /// The reader of the source's format; the source owns it for one run.
     virtual std::unique_ptr<TSpreadSheetFile> WorkBookCreation() { return nullptr; }
+    /// What else than the file, the sheet and the row statuses the workbook's load depends on, for a
+    /// source whose workbook may be kept from DescribeColumns for the run; nullopt (the base) loads again.
+    virtual std::optional<std::string> WorkBookSettings() const { return std::nullopt; }
 
     bool NotDefined(std::string& propName) override;
     void BeforeImport() override;
@@ -88,6 +92,8 @@ private:
     /// The reader names columns by the file's field names (kept between runs for GetColumnFieldName).
     bool ByFieldName() const { return byFieldName_; }
     TSpreadSheet* Sheet() const;
+    /// What a kept workbook must match to serve again; "" when none may be kept.
+    std::string WorkBookKey() const;
     const TKvICell* CurrentCell(int column) const;
 
     int sheetIndex_ = 0;
@@ -95,7 +101,12 @@ private:
     TKvIRowStatuses loadRowStatutes_{rsNormal};
     std::unique_ptr<TSpreadSheetFile> workBook_;
     std::unique_ptr<TStream> stream_; ///< the file a record reader reads from, kept for the run
-    TSpreadSheetRow rowBuffer_;       ///< the record a record reader delivered last
+    // The workbook DescribeColumns loaded, kept for the run that follows while nothing it was loaded
+    // from (the file, the sheet, the settings) has changed: a second pass over a large sheet saved.
+    std::unique_ptr<TStream> keptStream_;
+    std::unique_ptr<TSpreadSheetFile> keptWorkBook_;
+    std::string keptKey_;
+    TSpreadSheetRow rowBuffer_; ///< the record a record reader delivered last
     std::vector<std::string> fieldNames_;
     bool byFieldName_ = false;
     bool guessNames_ = false;

@@ -24,6 +24,7 @@ public:
 
 protected:
     std::unique_ptr<TSpreadSheetFile> WorkBookCreation() override;
+    std::optional<std::string> WorkBookSettings() const override { return password_; }
     void BeforeImport() override;
     /// Each cell already carries its type: no rows are scanned to guess one.
     void ProcessRowsForColumnTypes() override {}

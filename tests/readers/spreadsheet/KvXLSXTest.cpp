@@ -225,5 +225,34 @@ TEST(XLSX, TheImportSourceReadsRowsOnDemandWithTypedColumns) {
     EXPECT_EQ(got, (std::vector<std::string>{"2,2024-01-01", "3,2024-01-02", "4,2024-01-03"}));
 }
 
+TEST(XLSX, ARunAfterDescribingReadsTheFileAsItIsThen) {
+    // The workbook described is kept for the run only while the file and the sheet are what they were.
+    const auto book = [](int rows, int sheets) {
+        std::string cells;
+        for (int r = 1; r <= rows; ++r) cells += XRow(r, XCell("", std::to_string(r * 10)));
+        XlsxBuilder builder;
+        for (int s = 0; s < sheets; ++s)
+            builder.Sheet("S" + std::to_string(s), s ? XRow(1, XCell("", "7")) : cells);
+        return builder.Build();
+    };
+    test::TempDir dir;
+    const std::string file = dir.File("book.xlsx");
+    const auto firstColumn = [&](TKvImportFromXLS& source) {
+        std::vector<std::string> got;
+        source.ReadRows(100,
+                        [&](const std::vector<Variant>& values) { got.push_back(values[0].AsString()); });
+        return got;
+    };
+    test::WriteFile(file, book(2, 2));
+    TKvImportFromXLS source;
+    source.SetSourceFileName(file);
+    source.DescribeColumns();
+    test::WriteFile(file, book(3, 2));
+    EXPECT_EQ(firstColumn(source), (std::vector<std::string>{"10", "20", "30"}));
+    source.DescribeColumns();
+    source.SetSheetName("S1");
+    EXPECT_EQ(firstColumn(source), (std::vector<std::string>{"7"}));
+}
+
 } // namespace
 } // namespace kv
