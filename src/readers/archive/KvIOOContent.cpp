@@ -17,10 +17,11 @@ namespace {
 // literal text is what the document holds.
 constexpr size_t kMaxExpanded = size_t(1) << 20;
 
-enum TValueType : uint8_t { vtNone, vtFloat, vtDate, vtTime, vtBoolean, vtString, vtOther };
+enum TValueType : uint8_t { vtNone, vtFloat, vtPercent, vtDate, vtTime, vtBoolean, vtString, vtOther };
 
 TValueType ValueTypeOf(std::string_view type) {
-    if (type == "float" || type == "percentage" || type == "currency") return vtFloat;
+    if (type == "float" || type == "currency") return vtFloat;
+    if (type == "percentage") return vtPercent;
     if (type == "string") return vtString;
     if (type == "date") return vtDate;
     if (type == "time") return vtTime;
@@ -337,8 +338,9 @@ void TDocumentReader::ReadCell(TRow& row, int64_t& column) {
     bool needText = true;
     if (error) {
         needText = true; // the error's text, as the sheet shows it ("#DIV/0!")
-    } else if (type == vtFloat && ParseNumber(number_, number)) {
-        value = Variant(number);
+    } else if ((type == vtFloat || type == vtPercent) && ParseNumber(number_, number)) {
+        // A percentage is the number the sheet shows, as the Excel readers give it: 25 for 25%.
+        value = Variant(type == vtPercent ? number * 100 : number);
         cellType = ictDecimal;
         needText = false;
     } else if (type == vtDate && ParseDate(date_, date)) {

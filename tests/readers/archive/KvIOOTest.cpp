@@ -58,8 +58,7 @@ TEST(OOReader, EachValueTypeGivesItsCell) {
     } cases[] = {
         {OdsFloat("1.5"), "1.5(4)"},
         {OdsFloat("-2E+3"), "-2000(4)"},
-        {OdsCell("office:value-type=\"percentage\" office:value=\"0.25\"", "<text:p>25%</text:p>"),
-         "0.25(4)"},
+        {OdsCell("office:value-type=\"percentage\" office:value=\"0.25\"", "<text:p>25%</text:p>"), "25(4)"},
         {OdsCell("office:value-type=\"currency\" office:currency=\"EUR\" office:value=\"3\""), "3(4)"},
         {OdsCell("office:value-type=\"date\" office:date-value=\"2021-01-01\""), "2021-01-01(5)"},
         {OdsCell("office:value-type=\"date\" office:date-value=\"2021-01-01T10:10:10Z\""),
