@@ -22,10 +22,11 @@ void TPgResultClear::operator()(pg_result* result) const {
 
 namespace {
 
-constexpr uint32_t BoolOid = 16, ByteaOid = 17, Int8Oid = 20, Int2Oid = 21, Int4Oid = 23, TextOid = 25,
-                   OidOid = 26, JsonOid = 114, Float4Oid = 700, Float8Oid = 701, BpcharOid = 1042,
-                   VarcharOid = 1043, DateOid = 1082, TimeOid = 1083, TimestampOid = 1114,
-                   TimestampTzOid = 1184, NumericOid = 1700, UuidOid = 2950, JsonbOid = 3802;
+// The types read as something other than text (text, json and jsonb among the rest).
+constexpr uint32_t BoolOid = 16, ByteaOid = 17, Int8Oid = 20, Int2Oid = 21, Int4Oid = 23, OidOid = 26,
+                   Float4Oid = 700, Float8Oid = 701, BpcharOid = 1042, VarcharOid = 1043, DateOid = 1082,
+                   TimeOid = 1083, TimestampOid = 1114, TimestampTzOid = 1184, NumericOid = 1700,
+                   UuidOid = 2950;
 
 TFieldDef FieldOfType(uint32_t type, int modifier) {
     TFieldDef def;
