@@ -6,6 +6,7 @@
 #include "readers/spreadsheet/KvXLS.h"
 #include "readers/spreadsheet/KvXLSXStrings.h"
 
+#include <algorithm>
 #include <charconv>
 
 namespace kv {
@@ -119,12 +120,10 @@ TXLSXWorkbookInfo KvReadXLSBWorkbook(const TKvXLSXPackage& package, const std::s
             data.ReadU32LE(); // the tab id
             const std::string id = data.NullableWideString();
             sheet.Name = data.WideString(kMaxName);
-            for (const TXLSXRelationship& r : relationships) {
-                if (r.Id != id || id.empty() || r.External) continue;
-                sheet.Part = r.Target;
-                sheet.Kind = r.Type;
-                break;
-            }
+            const auto r =
+                std::find_if(relationships.begin(), relationships.end(),
+                             [&](const TXLSXRelationship& e) { return e.Id == id && !e.External; });
+            if (!id.empty() && r != relationships.end()) sheet.Part = r->Target, sheet.Kind = r->Type;
             info.Sheets.push_back(std::move(sheet));
         }
     };
