@@ -13,12 +13,12 @@ namespace kv {
 
 // ---- TKvXLSBRecordReader ----
 
-bool TKvXLSBRecordReader::ReadNumber(int groups, const char* what, uint32_t& value) {
+bool TKvXLSBRecordReader::ReadNumber(int groups, const char* what, uint32_t& value, bool mayEnd) {
     value = 0;
     for (int i = 0; i < groups; ++i) {
         uint8_t byte = 0;
         if (stream_.Read(&byte, 1) != 1) {
-            if (i == 0 && what[0] == 't') return false; // the end, between records
+            if (i == 0 && mayEnd) return false;
             throw Exception(Format("the part ends inside a record's %s", what));
         }
         value |= static_cast<uint32_t>(byte & 0x7F) << (7 * i);
@@ -29,8 +29,8 @@ bool TKvXLSBRecordReader::ReadNumber(int groups, const char* what, uint32_t& val
 
 bool TKvXLSBRecordReader::Next() {
     uint32_t type = 0, size = 0;
-    if (!ReadNumber(2, "type", type)) return false;
-    ReadNumber(4, "size", size);
+    if (!ReadNumber(2, "type", type, true)) return false;
+    ReadNumber(4, "size", size, false);
     type_ = static_cast<int>(type);
     // Read in steps, so that a size the part does not hold costs no more than the part.
     constexpr size_t kStep = size_t(1) << 20;

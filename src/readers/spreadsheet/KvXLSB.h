@@ -56,8 +56,9 @@ public:
     const std::string& Data() const { return data_; }
 
 private:
-    /// Reads a header number of at most `groups` 7-bit groups; false at the end before its first byte.
-    bool ReadNumber(int groups, const char* what, uint32_t& value);
+    /// Reads a header number of at most `groups` 7-bit groups; false at the end before its first byte
+    /// when `mayEnd`, else that is an error too.
+    bool ReadNumber(int groups, const char* what, uint32_t& value, bool mayEnd);
 
     TStream& stream_;
     int type_ = 0;
