@@ -219,8 +219,8 @@ bool KvDecodeXLSBCell(int type, std::string_view bytes, TXLSXCell& cell, bool* c
 
 // ---- TKvXLSBSheetReader ----
 
-TKvXLSBSheetReader::TKvXLSBSheetReader(std::unique_ptr<TStream> part, std::string partName)
-    : part_(std::move(part)), partName_(std::move(partName)), records_(*part_) {}
+TKvXLSBSheetReader::TKvXLSBSheetReader(std::unique_ptr<TStream> part, const std::string&)
+    : part_(std::move(part)), records_(*part_) {}
 
 std::string TKvXLSBSheetReader::ReadDimension() {
     while (!inData_ && !ended_) {

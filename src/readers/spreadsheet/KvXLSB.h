@@ -94,10 +94,11 @@ void KvReadXLSBSharedStrings(std::unique_ptr<TStream> part, TKvXLSXSharedStrings
 /// shared string as its index). False for a record that is no cell.
 bool KvDecodeXLSBCell(int type, std::string_view data, TXLSXCell& cell, bool* cut = nullptr);
 
-/// Reads one sheet part as a stream of rows, with the bounds of the XML sheet reader.
+/// Reads one sheet part as a stream of rows, with the bounds and the interface of the XML sheet reader
+/// (the part is named in errors by the workbook reader).
 class TKvXLSBSheetReader {
 public:
-    TKvXLSBSheetReader(std::unique_ptr<TStream> part, std::string partName);
+    TKvXLSBSheetReader(std::unique_ptr<TStream> part, const std::string& partName);
     bool NextRow(TXLSXRow& row);
     /// The used area the sheet announces, as a reference ("A1:J100"); "" for none.
     std::string ReadDimension();
@@ -108,7 +109,6 @@ public:
 
 private:
     std::unique_ptr<TStream> part_;
-    std::string partName_;
     TKvXLSBRecordReader records_;
     bool inData_ = false, ended_ = false, endedEarly_ = false;
     bool havePending_ = false; ///< records_ holds a row header not yet started
