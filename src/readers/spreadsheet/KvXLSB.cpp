@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstring>
 
 namespace kv {
 
@@ -16,15 +17,34 @@ namespace kv {
 bool TKvXLSBRecordReader::ReadNumber(int groups, const char* what, uint32_t& value, bool mayEnd) {
     value = 0;
     for (int i = 0; i < groups; ++i) {
-        uint8_t byte = 0;
-        if (stream_.Read(&byte, 1) != 1) {
+        char byte = 0;
+        if (Read(&byte, 1) != 1) {
             if (i == 0 && mayEnd) return false;
             throw Exception(Format("the part ends inside a record's %s", what));
         }
         value |= static_cast<uint32_t>(byte & 0x7F) << (7 * i);
-        if ((byte & 0x80) == 0) return true;
+        if ((static_cast<uint8_t>(byte) & 0x80) == 0) return true;
     }
     throw Exception(Format("a record's %s has more than %d bytes", what, groups));
+}
+
+size_t TKvXLSBRecordReader::Read(char* out, size_t count) {
+    if (!buffered_) return stream_.ReadUpTo(out, count);
+    constexpr size_t kBlock = size_t(1) << 16;
+    size_t done = 0;
+    while (done < count) {
+        if (at_ == end_) {
+            if (buffer_.empty()) buffer_.resize(kBlock);
+            at_ = 0;
+            end_ = stream_.ReadUpTo(buffer_.data(), kBlock);
+            if (end_ == 0) break;
+        }
+        const size_t step = std::min(count - done, end_ - at_);
+        std::memcpy(out + done, buffer_.data() + at_, step);
+        at_ += step;
+        done += step;
+    }
+    return done;
 }
 
 bool TKvXLSBRecordReader::Next() {
@@ -38,7 +58,7 @@ bool TKvXLSBRecordReader::Next() {
     while (data_.size() < size) {
         const size_t have = data_.size(), step = std::min<size_t>(kStep, size - have);
         data_.resize(have + step);
-        if (stream_.ReadUpTo(data_.data() + have, step) != step)
+        if (Read(data_.data() + have, step) != step)
             throw Exception(Format("record %d of %u bytes runs past the end of the part", type_, size));
     }
     return true;

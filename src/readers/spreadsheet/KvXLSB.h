@@ -49,7 +49,9 @@ enum TXLSBRecordType : uint16_t {
 /// with too many groups, or a record that runs past the end of the stream, is an error.
 class TKvXLSBRecordReader {
 public:
-    explicit TKvXLSBRecordReader(TStream& stream) : stream_(stream) {}
+    /// Unbuffered, it reads no byte past the record it returns (the stream is read on by others).
+    explicit TKvXLSBRecordReader(TStream& stream, bool buffered = true)
+        : stream_(stream), buffered_(buffered) {}
     /// The next record; false at the end of the stream (between records).
     bool Next();
     int Type() const { return type_; }
@@ -59,10 +61,16 @@ private:
     /// Reads a header number of at most `groups` 7-bit groups; false at the end before its first byte
     /// when `mayEnd`, else that is an error too.
     bool ReadNumber(int groups, const char* what, uint32_t& value, bool mayEnd);
+    /// Up to `count` bytes into `out`, through the buffer; fewer only at the end of the stream.
+    size_t Read(char* out, size_t count);
 
     TStream& stream_;
+    bool buffered_;
     int type_ = 0;
     std::string data_;
+    // A part is read in blocks: a header is a few bytes, and each read of the stream inflates.
+    std::string buffer_;
+    size_t at_ = 0, end_ = 0;
 };
 
 /// A cursor over a record's data that fails, rather than reads past its end.

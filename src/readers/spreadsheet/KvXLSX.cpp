@@ -392,7 +392,7 @@ void TMSExcelX::ReportXLSXCell(int row, const TXLSXCell& cell) {
 }
 
 void TMSExcelX::ProcessBIFF12Record(TStream& stream) {
-    TKvXLSBRecordReader record(stream);
+    TKvXLSBRecordReader record(stream, false);
     if (!record.Next()) return;
     if (record.Type() == xbRowHeader) {
         const uint32_t index = TKvXLSBData(record.Data(), record.Type()).ReadU32LE();
