@@ -46,10 +46,13 @@ inline void CheckPackage(const std::string& bytes, uint8_t options) {
         const kv::TSpreadSheet& sheet = excel.SpreadSheets().Spreadsheet(s);
         Check(kv::IsValidUtf8(sheet.Name()));
         Check(sheet.Cells().RowCount() <= 1048576 && sheet.Cells().ColCount() <= 16384);
-        for (int r = 0; r < sheet.Cells().Count(); ++r)
-            for (int c = 0; c < sheet.Cells().ColCount(); ++c)
-                if (const kv::Variant v = sheet.Cells().GetValue(c, r); v.IsString())
-                    Check(kv::IsValidUtf8(v.StringRef()));
+        // Row by row over the cells kept: a sheet may hold a cell far down and one far right.
+        for (int r = 0; r < sheet.Cells().Count(); ++r) {
+            const kv::TSpreadSheetRow* row = sheet.Cells().Row(r);
+            for (int c = 0; row && c < row->Cols().Count(); ++c)
+                if (const kv::TKvICell* cell = row->Cols().GetCell(c); cell && cell->Value.IsString())
+                    Check(kv::IsValidUtf8(cell->Value.StringRef()));
+        }
     }
     for (const auto& [label, text] : excel.FileProperties()) Check(kv::IsValidUtf8(text));
     CheckRecordMode(bytes, options, excel);

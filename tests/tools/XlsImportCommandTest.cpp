@@ -90,7 +90,7 @@ TEST_F(XlsImport, BadEncryptedAndXmlWorkbooksSaySo) {
     const std::tuple<std::string, std::string, int, std::string> cases[] = {
         {Write("notes.xls", "just some text"), "", 1, "notes.xls: File is not an Excel file"},
         {Write("cut.xls", Orders().substr(0, 230)), "", 1, "cut.xls: Excel: unexpected end of file at byte"},
-        {Write("book.xlsb", "PK"), "", 2, "binary workbooks (.xlsb) cannot be read yet"},
+        {Write("book.xlsb", "PK"), "", 1, "book.xlsb: File is not valid Excel Workbook"},
         {encrypted, "", 1, "password.xls: the workbook is encrypted: give its password with --password"},
         {encrypted, "nope", 1, "password.xls: the password given with --password does not open the workbook"},
     };

@@ -1,6 +1,7 @@
 // kvimport import and preview with Excel 2007+ workbooks, as a user runs them.
 
 #include "TestSupport.h"
+#include "support/XlsbBuilder.h"
 #include "support/XlsxBuilder.h"
 
 #include <filesystem>
@@ -47,6 +48,24 @@ TEST_F(XlsxImport, ASheetByNameBecomesATypedTableThatPreviewShows) {
                              "Sheet 1: Cover (1 rows, 1 columns)\n", "Sheet 2: Orders (3 rows, 4 columns)\n",
                              "Author: Tester\n", "(date)", "(whole number)", "2024-01-01"})
         EXPECT_NE(r.Out.find(part), std::string::npos) << part << " in " << r.Out;
+}
+
+TEST_F(XlsxImport, ABinaryWorkbookImportsLikeAnXMLOne) {
+    const std::string records = BRow(0) + BCell(7, 0, BU32(0)) + BCell(7, 1, BU32(1)) + BRow(1) +
+                                BCell(2, 0, BU32(1 << 2 | 2)) + BCell(5, 1, BF64(45292), 1);
+    const std::string xlsb =
+        Write("orders.xlsb",
+              XlsbBuilder().Strings({"id", "day"}).Styles({}, {0, 14}).Sheet("Orders", records).Build());
+    test::CliResult r =
+        RunCli({"import", xlsb, "--sheet", "Orders", "--db", db, "--table", "orders", "--quiet"});
+    ASSERT_EQ(r.Status, 0) << r.Err;
+    EXPECT_EQ(
+        SqliteQuery(db, "SELECT group_concat(name || ' ' || type, ', ') FROM pragma_table_info('orders')"),
+        "id INTEGER, day DATE");
+    EXPECT_EQ(SqliteQuery(db, "SELECT * FROM orders"), "1|2024-01-01");
+    r = RunCli({"preview", xlsb});
+    ASSERT_EQ(r.Status, 0) << r.Err;
+    EXPECT_NE(r.Out.find("Format: Excel binary workbook (Excel 2007+)\n"), std::string::npos) << r.Out;
 }
 
 TEST_F(XlsxImport, DamagedAndEncryptedWorkbooksSaySo) {

@@ -28,9 +28,6 @@ class XlsSource : public SheetSource {
 public:
     XlsSource(const ImportOptions& o, const std::string& file, TComponent& root)
         : SheetSource(new TKvImportFromXLS(&root), "XLS", file) {
-        if (UpperCase(std::filesystem::path(file).extension().string()) == ".XLSB")
-            throw UsageError(file + ": binary workbooks (.xlsb) cannot be read yet; save the sheet as .xlsx, "
-                                    ".xls or CSV");
         auto& xls = static_cast<TKvImportFromXLS&>(*component_);
         const std::string* given = o.SourceValue("password");
         if (given) xls.SetPassword(*given);

@@ -1,11 +1,9 @@
 #include "readers/spreadsheet/KvXLS.h"
 
-#include "platform/ByteReader.h"
 #include "platform/DateUtils.h"
 #include "platform/Exceptions.h"
 #include "platform/Format.h"
 #include "platform/SysUtils.h"
-#include "platform/Utf8.h"
 
 #include <algorithm>
 #include <cstring>
@@ -261,64 +259,6 @@ void TCustomMSExcel::AddSheetProperties(const std::vector<TXLSSheetInfo>& sheets
         }
         text += kVisibility[s.Visibility & 3];
         out.emplace_back("Sheet " + IntToStr(static_cast<int64_t>(i + 1)), text + ")");
-    }
-}
-
-// ---- TMSExcelX: the binary form ----
-
-void TMSExcelX::ProcessBIFF12Record(TStream& stream) {
-    // A record is a type and a size, each 7 bits a byte with the high bit set while more follow.
-    const auto readVarint = [&](int maxBytes, uint32_t& value) {
-        value = 0;
-        for (int i = 0; i < maxBytes; ++i) {
-            uint8_t b = 0;
-            if (stream.Read(&b, 1) != 1) return false;
-            value |= static_cast<uint32_t>(b & 0x7F) << (7 * i);
-            if (!(b & 0x80)) return true;
-        }
-        return true;
-    };
-    uint32_t type = 0, size = 0;
-    if (!readVarint(2, type) || !readVarint(4, size)) return;
-    if (size > 0x100000)
-        throw EKvFormatError(fekDamaged, "Excel binary workbook", 0, "a record claims more than 1 MiB");
-    std::string data(size, '\0');
-    stream.ReadBuffer(data.data(), size);
-    TByteReader in(data, "Excel binary workbook");
-    try {
-        switch (type) {
-        case 0x00: // BrtRowHdr: the row of the cells that follow
-            binaryRow_ = static_cast<int>(in.ReadU32LE());
-            break;
-        case 0x02: // BrtCellRk
-        case 0x03: // BrtCellError
-        case 0x04: // BrtCellBool
-        case 0x05: // BrtCellReal
-        case 0x06: // BrtCellSt
-        {
-            const int column = static_cast<int>(in.ReadU32LE());
-            const int xf = static_cast<int>(in.ReadU32LE() & 0xFFFFFF);
-            const TAlignment align = taLeftJustify;
-            if (type == 0x02) {
-                ReportNumber(binaryRow_, column, xf, KvDecodeRK(in.ReadU32LE()), &align);
-            } else if (type == 0x05) {
-                ReportNumber(binaryRow_, column, xf, in.ReadDoubleLE(), &align);
-            } else if (type == 0x04) {
-                ReportCell(binaryRow_, column, xf, Variant(in.ReadU8() != 0), align, ictBoolean);
-            } else if (type == 0x03) {
-                ReportCell(binaryRow_, column, xf, Variant(GetErrorText(in.ReadU8())), align, ictString);
-            } else {
-                const uint32_t count = in.ReadU32LE();
-                const std::string_view bytes = in.ReadBytes(in.CheckedSize(count, 2, "the characters"));
-                ReportCell(binaryRow_, column, xf, Variant(Utf16ToUtf8(bytes, false)), align, ictString);
-            }
-            break;
-        }
-        default:
-            break;
-        }
-    } catch (const EKvFormatError&) {
-        // A short record reports nothing.
     }
 }
 

@@ -275,7 +275,7 @@ private:
 /// (off by default) the load only measures the sheets; BeforeLoad then starts on sheet SheetFilter and
 /// LoadRecord(n) reports the cells of its row n, reading the part on as rows are asked for, so that
 /// memory holds the shared strings and one row. The stream must stay open while records are read.
-/// Binary workbooks (.xlsb) are recognised and give no sheets yet.
+/// Binary workbooks (.xlsb) are the same package with parts of binary records, read the same way.
 class TMSExcelX : public TCustomMSExcel {
 public:
     explicit TMSExcelX(TComponent* owner = nullptr);
@@ -297,7 +297,8 @@ public:
     uint64_t MaxSheetText() const { return maxSheetText_; }
     void SetMaxSheetText(uint64_t v) { maxSheetText_ = v; }
 
-    /// Reports the cell of one binary-form record through the shared cell routine.
+    /// Reads one binary-form record from `stream`: a row header sets the row, a cell record is reported
+    /// (or counted, while a record-mode load measures) through the shared cell routine.
     void ProcessBIFF12Record(TStream& stream);
 
     /// True for the extensions this reader serves (.XLSX, .XLSM, ..., .XLAB), any case.
@@ -340,6 +341,7 @@ private:
     std::unique_ptr<TRecordState> records_;
     std::string format_; ///< what the package is, for the preview
     bool encrypted_ = false;
+    bool binary_ = false; ///< the parts are binary records
     bool loaded_ = false; ///< a record-mode load ended and rows may be asked for
     uint64_t maxSheetText_ = uint64_t{1} << 30;
     uint64_t sheetText_ = 0;

@@ -1,12 +1,13 @@
 // TMSExcelX: the cells of Excel 2007+ workbooks. The package gives the parts, the styles part the date
 // formats, the shared strings part the text; each sheet part is read as a stream of rows and its cells
-// go out through the same cell routine as those of binary workbooks.
+// go out through the same cell routine, whether the parts are XML or binary records.
 
 #include "platform/DateUtils.h"
 #include "platform/Format.h"
 #include "platform/SysUtils.h"
 #include "readers/spreadsheet/KvCompoundFile.h"
 #include "readers/spreadsheet/KvXLS.h"
+#include "readers/spreadsheet/KvXLSB.h"
 #include "readers/spreadsheet/KvXLSXPackage.h"
 #include "readers/spreadsheet/KvXLSXSheet.h"
 #include "readers/spreadsheet/KvXLSXStrings.h"
@@ -18,10 +19,44 @@
 
 namespace kv {
 
+namespace {
+
+/// The rows of a sheet part, XML or binary.
+class TSheetRows {
+public:
+    virtual ~TSheetRows() = default;
+    virtual bool NextRow(TXLSXRow& row) = 0;
+    virtual std::string ReadDimension() = 0;
+    virtual int64_t CellsLeftOut() const = 0;
+    virtual int64_t TextsCut() const = 0;
+    virtual bool EndedEarly() const = 0;
+};
+
+template <class TReader> class TSheetRowsOf final : public TSheetRows {
+public:
+    TSheetRowsOf(std::unique_ptr<TStream> part, const std::string& name) : reader_(std::move(part), name) {}
+    bool NextRow(TXLSXRow& row) override { return reader_.NextRow(row); }
+    std::string ReadDimension() override { return reader_.ReadDimension(); }
+    int64_t CellsLeftOut() const override { return reader_.CellsLeftOut(); }
+    int64_t TextsCut() const override { return reader_.TextsCut(); }
+    bool EndedEarly() const override { return reader_.EndedEarly(); }
+
+private:
+    TReader reader_;
+};
+
+std::unique_ptr<TSheetRows> OpenSheetRows(const TKvXLSXPackage& package, const std::string& part,
+                                          bool binary) {
+    if (binary) return std::make_unique<TSheetRowsOf<TKvXLSBSheetReader>>(package.OpenPart(part), part);
+    return std::make_unique<TSheetRowsOf<TKvXLSXSheetReader>>(package.OpenPart(part), part);
+}
+
+} // namespace
+
 /// Where LoadRecord reads on from.
 struct TMSExcelX::TRecordState {
     int Sheet = -1;
-    std::unique_ptr<TKvXLSXSheetReader> Reader;
+    std::unique_ptr<TSheetRows> Reader;
     TXLSXRow Pending; ///< the row read last, not yet asked for
     bool HavePending = false;
     bool Ended = false;
@@ -72,7 +107,8 @@ void TMSExcelX::LoadFromStream(TStream& stream) {
     sheetParts_.clear();
     rowsInOrder_.clear();
     format_.clear();
-    encrypted_ = false;
+    encrypted_ = binary_ = false;
+    binaryRow_ = 0;
     dateOffset_ = 0;
     sheetIndex_ = 0;
     highestRow_ = highestColumn_ = -1;
@@ -97,15 +133,14 @@ void TMSExcelX::Load(TStream& stream) {
     const std::string main = package_->MainPart();
     const std::string problem = package_->ReadProperties(summary_);
     if (!problem.empty()) AddWarning("The document properties could not be read: " + problem);
-    if (main.size() >= 4 && SameText(std::string_view(main).substr(main.size() - 4), ".bin")) {
-        // The binary form of the workbook: recognised, not read yet.
+    binary_ = main.size() >= 4 && SameText(std::string_view(main).substr(main.size() - 4), ".bin");
+    if (binary_)
         version_ = evExcel12Bin;
-        format_ = "Excel binary workbook (Excel 2007+), not read";
-        return;
-    }
-    if (version_ != evExcel12Bin) version_ = evExcel12;
-    format_ = "Office Open XML workbook (Excel 2007+)";
-    const TXLSXWorkbookInfo workbook = KvReadXLSXWorkbook(*package_, main);
+    else if (version_ != evExcel12Bin)
+        version_ = evExcel12;
+    format_ = binary_ ? "Excel binary workbook (Excel 2007+)" : "Office Open XML workbook (Excel 2007+)";
+    const TXLSXWorkbookInfo workbook =
+        binary_ ? KvReadXLSBWorkbook(*package_, main) : KvReadXLSXWorkbook(*package_, main);
     if (workbook.Date1904) dateOffset_ = EncodeDate(1904, 1, 1);
     if (!workbook.StylesPart.empty()) {
         if (package_->FindPart(workbook.StylesPart))
@@ -120,7 +155,10 @@ void TMSExcelX::Load(TStream& stream) {
             AddWarning("The shared strings part " + workbook.SharedStringsPart + " is missing");
         } else {
             try {
-                strings_->Load(package_->OpenPart(workbook.SharedStringsPart));
+                if (binary_)
+                    KvReadXLSBSharedStrings(package_->OpenPart(workbook.SharedStringsPart), *strings_);
+                else
+                    strings_->Load(package_->OpenPart(workbook.SharedStringsPart));
             } catch (const std::exception& e) {
                 FailInPart(workbook.SharedStringsPart, e);
             }
@@ -164,7 +202,8 @@ void TMSExcelX::ReadVBAProject(const std::string& part) {
 void TMSExcelX::ReadStyles(const std::string& part) {
     TXLSXStyles styles;
     try {
-        styles = KvReadXLSXStyles(package_->OpenPart(part));
+        styles =
+            binary_ ? KvReadXLSBStyles(package_->OpenPart(part)) : KvReadXLSXStyles(package_->OpenPart(part));
     } catch (const std::exception& e) {
         FailInPart(part, e);
     }
@@ -184,8 +223,7 @@ void TMSExcelX::MeasureSkippedSheet(int index) {
     const std::string& part = sheetParts_[static_cast<size_t>(index)];
     if (part.empty() || !package_->FindPart(part)) return;
     try {
-        TKvXLSXSheetReader reader(package_->OpenPart(part), part);
-        const std::string dimension = reader.ReadDimension();
+        const std::string dimension = OpenSheetRows(*package_, part, binary_)->ReadDimension();
         const size_t colon = dimension.find(':');
         int column = -1, row = -1;
         KvParseXLSXReference(colon == std::string::npos ? dimension : dimension.substr(colon + 1), column,
@@ -208,10 +246,10 @@ void TMSExcelX::ReadSheet(int index) {
     warnedString_ = warnedStyle_ = false;
     if (!part.empty()) {
         try {
-            TKvXLSXSheetReader reader(package_->OpenPart(part), part);
+            const std::unique_ptr<TSheetRows> reader = OpenSheetRows(*package_, part, binary_);
             TXLSXRow row;
             int last = -1;
-            while (reader.NextRow(row)) {
+            while (reader->NextRow(row)) {
                 if (row.Index <= last) rowsInOrder_[static_cast<size_t>(index)] = false;
                 last = std::max(last, row.Index);
                 for (size_t i = 0; i < row.Count; ++i) {
@@ -221,17 +259,17 @@ void TMSExcelX::ReadSheet(int index) {
                         ReportXLSXCell(row.Index, row.Cells[i]);
                 }
             }
-            if (reader.CellsLeftOut() > 0)
+            if (reader->CellsLeftOut() > 0)
                 AddWarning(Format("Sheet %d holds cells beyond the last row or column a workbook can have: "
                                   "%d were left out",
                                   index + 1,
-                                  static_cast<int>(std::min<int64_t>(reader.CellsLeftOut(), INT32_MAX))));
-            if (reader.TextsCut() > 0)
+                                  static_cast<int>(std::min<int64_t>(reader->CellsLeftOut(), INT32_MAX))));
+            if (reader->TextsCut() > 0)
                 AddWarning(Format("Sheet %d holds texts longer than %d MiB, or rows of more than %d MiB of "
                                   "text: they were cut",
                                   index + 1, static_cast<int>(TKvXLSXSheetReader::kMaxCellText >> 20),
                                   static_cast<int>(TKvXLSXSheetReader::kMaxRowText >> 20)));
-            if (reader.EndedEarly())
+            if (reader->EndedEarly())
                 AddWarning(Format("The part of sheet %d (%s) ends inside its cells: its last rows may be "
                                   "missing",
                                   index + 1, part.c_str()));
@@ -264,7 +302,7 @@ const std::string_view* TMSExcelX::SharedStringOf(const TXLSXCell& cell) {
     size_t index = 0;
     const std::string& t = cell.Text;
     const auto [at, ec] = std::from_chars(t.data(), t.data() + t.size(), index);
-    if (ec == std::errc() && at == t.data() + t.size() && index < strings_->Count()) {
+    if (ec == std::errc() && at == t.data() + t.size() && strings_ && index < strings_->Count()) {
         sharedString_ = strings_->Item(index);
         return &sharedString_;
     }
@@ -353,6 +391,24 @@ void TMSExcelX::ReportXLSXCell(int row, const TXLSXCell& cell) {
     }
 }
 
+void TMSExcelX::ProcessBIFF12Record(TStream& stream) {
+    TKvXLSBRecordReader record(stream, false);
+    if (!record.Next()) return;
+    if (record.Type() == xbRowHeader) {
+        const uint32_t index = TKvXLSBData(record.Data(), record.Type()).ReadU32LE();
+        binaryRow_ = index < TKvXLSXSheetReader::kMaxRows ? static_cast<int>(index) : -1;
+        return;
+    }
+    TXLSXCell cell;
+    if (!KvDecodeXLSBCell(record.Type(), record.Data(), cell) || binaryRow_ < 0 ||
+        cell.Column >= TKvXLSXSheetReader::kMaxColumns)
+        return;
+    if (route_ == crCount)
+        CountXLSXCell(binaryRow_, cell);
+    else
+        ReportXLSXCell(binaryRow_, cell);
+}
+
 void TMSExcelX::BeforeLoad() {
     TCustomMSExcel::BeforeLoad();
     if (loaded_) StartRecords();
@@ -372,7 +428,7 @@ void TMSExcelX::StartRecords() {
     sheetIndex_ = r.Sheet;
     const std::string& part = sheetParts_[static_cast<size_t>(r.Sheet)];
     try {
-        r.Reader = std::make_unique<TKvXLSXSheetReader>(package_->OpenPart(part), part);
+        r.Reader = OpenSheetRows(*package_, part, binary_);
         if (rowsInOrder_[static_cast<size_t>(r.Sheet)]) return;
         // Rows out of order cannot be read on one by one: the sheet is kept whole for this run.
         r.Whole = std::make_unique<TSpreadSheetCells>();

@@ -72,6 +72,14 @@ void TKvXLSXSharedStrings::Clear() {
     ends_.clear();
 }
 
+void TKvXLSXSharedStrings::Add(std::string_view item, uint64_t maxBytes) {
+    // Each item costs its offset too, so that a table of empty items is bounded as well.
+    if (text_.size() + item.size() + 8 * (ends_.size() + 1) > maxBytes)
+        throw Exception(Format("the shared strings hold more than %d MiB", static_cast<int>(maxBytes >> 20)));
+    text_ += item;
+    ends_.push_back(text_.size());
+}
+
 void TKvXLSXSharedStrings::Load(std::unique_ptr<TStream> part, uint64_t maxBytes) {
     Clear();
     TKvXLSXPartScanner xml(std::move(part));
@@ -120,12 +128,7 @@ void TKvXLSXSharedStrings::Load(std::unique_ptr<TStream> part, uint64_t maxBytes
             if (phoneticDepth >= 0 && scanner.Depth() < phoneticDepth) phoneticDepth = -1;
             if (itemDepth >= 0 && scanner.Depth() < itemDepth) {
                 itemDepth = -1;
-                // Each item costs its offset too, so that a table of empty items is bounded as well.
-                if (text_.size() + item.size() + 8 * (ends_.size() + 1) > maxBytes)
-                    throw Exception(
-                        Format("the shared strings hold more than %d MiB", static_cast<int>(maxBytes >> 20)));
-                text_ += item;
-                ends_.push_back(text_.size());
+                Add(item, maxBytes);
             }
             break;
         default:

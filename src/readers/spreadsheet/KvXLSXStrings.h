@@ -24,6 +24,8 @@ public:
     /// Reads a shared strings part: each item's text runs joined, phonetic runs left out.
     void Load(std::unique_ptr<TStream> part, uint64_t maxBytes = kDefaultMaxBytes);
     void Clear();
+    /// Adds an item; fails when the table would hold more than `maxBytes` (each item's offset counted).
+    void Add(std::string_view item, uint64_t maxBytes = kDefaultMaxBytes);
     size_t Count() const { return ends_.size(); }
     /// Item `index`; it must be below Count.
     std::string_view Item(size_t index) const {
