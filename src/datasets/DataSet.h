@@ -9,6 +9,7 @@
 #include "platform/Set.h"
 #include "platform/Variant.h"
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -218,6 +219,10 @@ public:
     virtual void StopReadAhead() {}
     /// True when any value can be stored in any field, whatever its type (SetValueAsItStands).
     virtual bool StoresAnyValue() const { return false; }
+    /// Deletes every record with one statement and gives how many there were; nullopt where the dataset
+    /// offers nothing faster than deleting them one by one.
+    virtual std::optional<int64_t> DeleteAll() { return std::nullopt; }
+
     /// What a published property of that name would give ("TableName", "IndexFieldName", ...).
     virtual std::optional<std::string> PublishedProperty(const std::string& name) const {
         (void)name;

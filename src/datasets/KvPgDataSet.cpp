@@ -1194,7 +1194,7 @@ void TKvPgDataSet::TakeRow(const pg_result* result) {
     onRow_ = true;
 }
 
-int64_t TKvPgDataSet::DeleteAll() {
+std::optional<int64_t> TKvPgDataSet::DeleteAll() {
     CheckWritable();
     FlushAppends();
     paramTexts_.clear();

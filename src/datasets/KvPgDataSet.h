@@ -154,7 +154,7 @@ public:
     void DiscardAppends() noexcept;
     /// Deletes every row with one statement and gives how many there were: what emptying the table
     /// before a copy costs, rather than a statement per row.
-    int64_t DeleteAll();
+    std::optional<int64_t> DeleteAll() override;
     /// Rows appended since the dataset opened.
     int64_t AppendCount() const { return appendCount_; }
     /// True while open on a relation without row addresses (a view, ...).

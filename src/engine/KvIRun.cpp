@@ -190,9 +190,13 @@ void TKvImportBaseComponent::RunRows() {
     IKvFrontEnd& ui = FrontEnd();
 
     if (mode_ == imCopy) {
-        dataSet_->First();
+        // One statement where the dataset offers it, rather than one per row.
+        const std::optional<int64_t> deleted =
+            actionKind_ == akDatasetApply ? dataSet_->DeleteAll() : std::nullopt;
+        if (deleted) statistic_.TotalDeleted = static_cast<int>(*deleted);
+        if (!deleted) dataSet_->First();
         if (actionKind_ == akGenerateSQL) sqlOutput_.Add(sqlOutput_.Writer().DeleteAll());
-        while (!dataSet_->Eof()) {
+        while (!deleted && !dataSet_->Eof()) {
             if (actionKind_ == akDatasetApply)
                 dataSet_->Delete();
             else
