@@ -701,7 +701,7 @@ void TKvPgDataSet::InternalClose() {
     }
     batch_.clear();
     batchStarts_.clear();
-    batchNumbers_.clear();
+    batchTags_.clear();
     onBatchedRow_ = false;
     if (pendingNumber_) {
         try {
@@ -973,7 +973,8 @@ void TKvPgDataSet::AddToBatch(const std::vector<Variant>& values, const std::vec
     }
     batchStarts_.push_back(batch_.size());
     batch_ += row;
-    batchNumbers_.push_back(++appendCount_);
+    ++appendCount_;
+    batchTags_.push_back(rowTag_.value_or(appendCount_));
     batchLast_.assign(columns_.size(), Variant::Null());
     for (size_t k = 0; k < fields.size(); ++k) batchLast_[static_cast<size_t>(fields[k])] = values[k];
     onBatchedRow_ = true;
@@ -1040,7 +1041,7 @@ void TKvPgDataSet::CopyPiece(size_t first, size_t last, std::optional<std::strin
     if (!message) message = CopyRows(first, last);
     if (!message) return;
     if (last - first == 1) {
-        refused_.emplace_back(batchNumbers_[first], *message);
+        refused_.emplace_back(batchTags_[first], *message);
         return;
     }
     const size_t middle = first + (last - first) / 2;
@@ -1057,7 +1058,7 @@ void TKvPgDataSet::DiscardAppends() noexcept {
     }
     batch_.clear();
     batchStarts_.clear();
-    batchNumbers_.clear();
+    batchTags_.clear();
     if (onBatchedRow_) onRow_ = false;
     onBatchedRow_ = false;
 }
@@ -1074,7 +1075,7 @@ void TKvPgDataSet::FlushAppends() {
             if (!(message = EndCopy())) {
                 batch_.clear();
                 batchStarts_.clear();
-                batchNumbers_.clear();
+                batchTags_.clear();
                 return;
             }
         }
@@ -1082,17 +1083,17 @@ void TKvPgDataSet::FlushAppends() {
     } catch (...) {
         batch_.clear();
         batchStarts_.clear();
-        batchNumbers_.clear();
+        batchTags_.clear();
         throw;
     }
     batch_.clear();
     batchStarts_.clear();
-    batchNumbers_.clear();
+    batchTags_.clear();
     if (refused_.empty()) return;
     std::vector<std::pair<int64_t, std::string>> refused;
     refused.swap(refused_);
-    if (!OnRowRefused) throw EDatabaseError(refused.front().second);
-    for (const auto& [number, message] : refused) OnRowRefused(number, message);
+    if (!OnDeferredError) throw EDatabaseError(refused.front().second);
+    for (const auto& [tag, message] : refused) OnDeferredError(tag, EDatabaseError(message));
 }
 
 void TKvPgDataSet::MoveSequencePast() {

@@ -141,13 +141,15 @@ public:
     /// Rows appended are sent together, by COPY, once this many are waiting (0, the default: each row as
     /// it is posted). Waiting rows go before any other use of the table and before the database commits;
     /// a row the server refuses is found by sending the batch again in smaller pieces, the rows around it
-    /// are kept, and it goes to OnRowRefused (or, without a handler, its error is raised once the others
-    /// are stored).
+    /// are kept, and it goes to OnDeferredError with the tag it was posted under (or, without a handler,
+    /// its error is raised once the others are stored).
     int AppendBatch() const { return appendBatch_; }
     void SetAppendBatch(int rows) { appendBatch_ = rows < 0 ? 0 : rows; }
-    /// A batched row the server refused: its number among the rows appended since the dataset opened
-    /// (from 1), and the server's message.
-    std::function<void(int64_t append, const std::string& message)> OnRowRefused;
+    /// Rows posted without a tag are tagged by their number among the appends since the dataset opened.
+    void SetRowTag(int64_t tag) override { rowTag_ = tag; }
+    std::optional<int64_t> OldestDeferredTag() const override {
+        return batchTags_.empty() ? std::nullopt : std::optional(batchTags_.front());
+    }
     /// Sends the rows waiting to be appended.
     void FlushAppends();
     /// Forgets them (the transaction they were for is rolled back).
@@ -241,12 +243,13 @@ private:
     std::vector<int> paramLengths_, paramFormats_;
 
     // The batch of rows waiting to be appended: their COPY text, where each row starts in it, the columns
-    // they fill, and each one's number among the appends; and the values of the last, which is current.
+    // they fill, and each one's tag; and the values of the last, which is current.
     int appendBatch_ = 0;
     int64_t appendCount_ = 0;
     std::string batch_;
     std::vector<size_t> batchStarts_;
-    std::vector<int64_t> batchNumbers_;
+    std::vector<int64_t> batchTags_;
+    std::optional<int64_t> rowTag_;
     std::string batchColumns_;
     std::vector<Variant> batchLast_;
     bool onBatchedRow_ = false;
