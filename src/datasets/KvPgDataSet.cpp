@@ -307,6 +307,7 @@ void TKvPgDatabase::RaiseError(const pg_result* result) const {
 
 void TKvPgDatabase::EndCopies() {
     if (copyOwner_) copyOwner_->FlushAppends();
+    if (writeOwner_) writeOwner_->SettleWrite();
 }
 
 TPgResult TKvPgDatabase::Exec(const std::string& sql) {
@@ -354,7 +355,7 @@ std::string TKvPgDatabase::Prepare(const std::string& sql) {
 }
 
 void TKvPgDatabase::Deallocate(const std::string& name) noexcept {
-    if (!conn_ || PQstatus(conn_) != CONNECTION_OK || copyOwner_) return;
+    if (!conn_ || PQstatus(conn_) != CONNECTION_OK || copyOwner_ || writeOwner_) return;
     if (PQtransactionStatus(conn_) == PQTRANS_INERROR) return; // the session forgets it when it closes
     TPgResult(PQexec(conn_, ("DEALLOCATE " + QuoteIdentifier(name)).c_str()));
 }
@@ -371,37 +372,46 @@ TPgResult TKvPgDatabase::ExecPrepared(const std::string& name, int count, const 
     }
     // The savepoint, the statement and the release in one round trip.
     if (!PQenterPipelineMode(conn_)) RaiseError(nullptr);
-    const bool sent =
-        PQsendQueryParams(conn_, "SAVEPOINT kv_row", 0, nullptr, nullptr, nullptr, nullptr, 0) &&
-        PQsendQueryPrepared(conn_, name.c_str(), count, values, lengths, formats, 0) &&
-        PQsendQueryParams(conn_, "RELEASE SAVEPOINT kv_row", 0, nullptr, nullptr, nullptr, nullptr, 0) &&
-        PQpipelineSync(conn_);
-    TPgResult results[3];
-    if (sent) {
-        for (TPgResult& slot : results)
-            while (PGresult* result = PQgetResult(conn_)) {
-                if (!slot)
-                    slot.reset(result);
-                else
-                    PQclear(result);
-            }
-        for (int nulls = 0; nulls < 3 && PQstatus(conn_) == CONNECTION_OK;) {
-            PGresult* result = PQgetResult(conn_);
-            if (!result) {
-                ++nulls;
-                continue;
-            }
-            const bool sync = PQresultStatus(result) == PGRES_PIPELINE_SYNC;
-            PQclear(result);
-            if (sync) break;
-        }
-    }
+    TGuardedResults results;
+    if (SendGuarded(name, count, values, lengths, formats)) ReadGuarded(results);
     PQexitPipelineMode(conn_);
+    return CheckGuarded(results);
+}
+
+bool TKvPgDatabase::SendGuarded(const std::string& name, int count, const char* const* values,
+                                const int* lengths, const int* formats) {
+    return PQsendQueryParams(conn_, "SAVEPOINT kv_row", 0, nullptr, nullptr, nullptr, nullptr, 0) &&
+           PQsendQueryPrepared(conn_, name.c_str(), count, values, lengths, formats, 0) &&
+           PQsendQueryParams(conn_, "RELEASE SAVEPOINT kv_row", 0, nullptr, nullptr, nullptr, nullptr, 0) &&
+           PQpipelineSync(conn_);
+}
+
+void TKvPgDatabase::ReadGuarded(TGuardedResults& results) {
+    for (TPgResult& slot : results)
+        while (PGresult* result = PQgetResult(conn_)) {
+            if (!slot)
+                slot.reset(result);
+            else
+                PQclear(result);
+        }
+    for (int nulls = 0; nulls < 3 && PQstatus(conn_) == CONNECTION_OK;) {
+        PGresult* result = PQgetResult(conn_);
+        if (!result) {
+            ++nulls;
+            continue;
+        }
+        const bool sync = PQresultStatus(result) == PGRES_PIPELINE_SYNC;
+        PQclear(result);
+        if (sync) break;
+    }
+}
+
+TPgResult TKvPgDatabase::CheckGuarded(TGuardedResults& results) {
     const auto ok = [](const TPgResult& r) {
         const ExecStatusType status = r ? PQresultStatus(r.get()) : PGRES_FATAL_ERROR;
         return status == PGRES_COMMAND_OK || status == PGRES_TUPLES_OK;
     };
-    if (!sent || !ok(results[0])) RaiseError(results[0].get());
+    if (!ok(results[0])) RaiseError(results[0].get());
     if (!ok(results[1])) {
         if (PQstatus(conn_) == CONNECTION_OK)
             TPgResult(PQexec(conn_, "ROLLBACK TO SAVEPOINT kv_row; RELEASE SAVEPOINT kv_row"));
@@ -749,11 +759,83 @@ void TKvPgDataSet::BindValues(const std::vector<Variant>& values, const std::vec
     paramTexts_.resize(n);
 }
 
-TPgResult TKvPgDataSet::Run(const std::string& statement) {
+void TKvPgDataSet::SetParamValues() {
     paramValues_.clear();
     for (const std::string& text : paramTexts_) paramValues_.push_back(text.c_str());
+}
+
+TPgResult TKvPgDataSet::Run(const std::string& statement) {
+    SetParamValues();
     return db_->ExecPrepared(statement, static_cast<int>(paramValues_.size()), paramValues_.data(), nullptr,
                              nullptr);
+}
+
+void TKvPgDataSet::SendWrite(const std::string& statement, bool inserting) {
+    db_->EndCopies();
+    SetParamValues();
+    PGconn* conn = db_->Handle();
+    if (!PQenterPipelineMode(conn)) db_->RaiseError(nullptr);
+    if (!db_->SendGuarded(statement, static_cast<int>(paramValues_.size()), paramValues_.data(), nullptr,
+                          nullptr)) {
+        TKvPgDatabase::TGuardedResults results;
+        db_->ReadGuarded(results);
+        PQexitPipelineMode(conn);
+        db_->RaiseError(nullptr);
+    }
+    writePending_ = true;
+    pendingInserting_ = inserting;
+    pendingTag_ = rowTag_.value_or(0);
+    db_->writeOwner_ = this;
+    windowValid_ = false;
+}
+
+void TKvPgDataSet::SettleWrite() {
+    if (!writePending_) return;
+    writePending_ = false;
+    db_->writeOwner_ = nullptr;
+    TKvPgDatabase::TGuardedResults results;
+    db_->ReadGuarded(results);
+    PQexitPipelineMode(db_->Handle());
+    FinishWrite(results);
+}
+
+bool TKvPgDataSet::FinishWrite(TKvPgDatabase::TGuardedResults& results) {
+    try {
+        TPgResult result = db_->CheckGuarded(results);
+        TakeWritten(result.get(), pendingInserting_);
+        return true;
+    } catch (const EDatabaseUnwritable&) {
+        throw;
+    } catch (const EDatabaseError& e) {
+        if (!OnDeferredError) throw;
+        OnDeferredError(pendingTag_, e);
+        return false;
+    }
+}
+
+TPgResult TKvPgDataSet::RunAfterWrite(const std::string& statement) {
+    SetParamValues();
+    writePending_ = false;
+    db_->writeOwner_ = nullptr;
+    TKvPgDatabase::TGuardedResults written, read;
+    const bool sent = db_->SendGuarded(statement, static_cast<int>(paramValues_.size()), paramValues_.data(),
+                                       nullptr, nullptr);
+    db_->ReadGuarded(written);
+    if (sent) db_->ReadGuarded(read);
+    PQexitPipelineMode(db_->Handle());
+    // A refused write leaves the transaction failed until its savepoint is rolled back: the statement
+    // sent after it did not run.
+    if (!FinishWrite(written) || !sent) return Run(statement);
+    return db_->CheckGuarded(read);
+}
+
+void TKvPgDataSet::TakeWritten(const pg_result* result, bool inserting) {
+    windowValid_ = false;
+    if (PQntuples(result) == 0) {
+        if (!inserting) throw EDatabaseError("Record not found or changed by another user");
+        return; // a rule or trigger dropped the row: the cursor stays where it was
+    }
+    TakeRow(result);
 }
 
 void TKvPgDataSet::TakeRows(const pg_result* result) {
@@ -808,6 +890,7 @@ bool TKvPgDataSet::InternalFirst() {
 }
 
 bool TKvPgDataSet::InternalNext() {
+    SettleWrite();
     if (onBatchedRow_) {
         FlushAppends();
         return false; // the row appended last is the last
@@ -823,6 +906,7 @@ bool TKvPgDataSet::InternalNext() {
 }
 
 void TKvPgDataSet::InternalReadRecord(std::vector<Variant>& values) {
+    SettleWrite();
     if (onBatchedRow_) {
         values = batchLast_; // as posted: the server has not seen it yet
         return;
@@ -906,13 +990,11 @@ void TKvPgDataSet::InternalPost(bool inserting, const std::vector<Variant>& valu
     if (inserting && !numberGiven && pendingNumber_) MoveSequencePast(); // before the table numbers a row
     BindValues(bound, fields);
     if (!inserting) paramTexts_.push_back(address_);
+    if (deferWrites_ && OnDeferredError && !numberGiven && db_->InTransaction())
+        return SendWrite(statement->second, inserting);
     TPgResult result = Run(statement->second);
-    windowValid_ = false;
-    if (PQntuples(result.get()) == 0) {
-        if (!inserting) throw EDatabaseError("Record not found or changed by another user");
-        return; // a rule or trigger dropped the row: the cursor stays where it was
-    }
-    TakeRow(result.get());
+    TakeWritten(result.get(), inserting);
+    if (PQntuples(result.get()) == 0) return;
     if (numberGiven && !sequence_.empty()) {
         for (size_t k = 0; k < fields.size(); ++k)
             if (columns_[static_cast<size_t>(fields[k])].Def.DataType == ftAutoInc && bound[k].IsOrdinal())
@@ -1050,6 +1132,13 @@ void TKvPgDataSet::CopyPiece(size_t first, size_t last, std::optional<std::strin
 }
 
 void TKvPgDataSet::DiscardAppends() noexcept {
+    if (writePending_) {
+        writePending_ = false;
+        db_->writeOwner_ = nullptr;
+        TKvPgDatabase::TGuardedResults results;
+        db_->ReadGuarded(results);
+        PQexitPipelineMode(db_->Handle());
+    }
     if (db_ && db_->copyOwner_ == this) {
         db_->copyOwner_ = nullptr;
         PGconn* conn = db_->Handle();
@@ -1064,6 +1153,7 @@ void TKvPgDataSet::DiscardAppends() noexcept {
 }
 
 void TKvPgDataSet::FlushAppends() {
+    SettleWrite();
     if (batchStarts_.empty()) return;
     onBatchedRow_ = false;
     onRow_ = false; // COPY gives no row address: the cursor is on no row until it moves
@@ -1125,7 +1215,7 @@ bool TKvPgDataSet::InternalDelete() {
 
 bool TKvPgDataSet::InternalLocate(const std::vector<int>& fields, const std::vector<Variant>& values,
                                   TLocateOptions options) {
-    FlushAppends();
+    if (!writePending_) FlushAppends(); // a write waiting for its answer gets it with this statement's
     const bool noCase = options.Contains(loCaseInsensitive), partial = options.Contains(loPartialKey);
     for (size_t k = 0; k < fields.size(); ++k)
         if (values[k].IsString() && !IsTextType(columns_[static_cast<size_t>(fields[k])].Def.DataType))
@@ -1174,7 +1264,7 @@ bool TKvPgDataSet::InternalLocate(const std::vector<int>& fields, const std::vec
     BindValues(values, fields);
     TPgResult result;
     try {
-        result = Run(statement->second);
+        result = writePending_ ? RunAfterWrite(statement->second) : Run(statement->second);
     } catch (const EDatabaseUnwritable&) {
         throw;
     } catch (const EDatabaseError&) {

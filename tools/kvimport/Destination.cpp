@@ -58,14 +58,17 @@ void Destination::AttachTransactions(TKvImportBaseComponent& component) {
     component.OnStartTransaction = [this](TObject*) {
         if (!database_->InTransaction()) database_->StartTransaction();
     };
-    // Appends into PostgreSQL go by COPY, a batch per transaction. A row the server refuses is found
-    // when its batch is sent; the run reports it then, by the place of its row, and counts it as failed
-    // rather than added. A run that stops at the first error needs it at once, and keyed modes look each
-    // row up first, so those write row by row.
+    // Appends into PostgreSQL go by COPY, a batch per transaction; keyed modes look each row up first, so
+    // they write row by row, the answer to each write read with the next row's lookup. A row the server
+    // refuses is found later; the run reports it then, by the place of its row, and counts it as failed.
+    // A run that stops at the first error needs it at once.
     auto* pg = dynamic_cast<TKvPgDataSet*>(dataSet_);
-    if (pg && !component.AbortOnProblem() && (component.Mode() == imAppend || component.Mode() == imCopy)) {
+    if (pg && !component.AbortOnProblem()) {
         const int count = component.CommitCount();
-        pg->SetAppendBatch(count > 0 ? std::min(count, 50000) : 50000);
+        if (component.Mode() == imAppend || component.Mode() == imCopy)
+            pg->SetAppendBatch(count > 0 ? std::min(count, 50000) : 50000);
+        else
+            pg->SetDeferWrites(true);
     }
     component.OnAfterRecordEvent = [this](TObject*, bool&) {
         const int count = component_->CommitCount();
