@@ -263,6 +263,15 @@ protected:
         location.Record = statistic_.TotalImported;
         return location;
     }
+    /// Where the current row comes from, kept for a write of it that the dataset sends late and that may
+    /// be refused after the run moved on: the location itself, unless the source keeps something cheaper.
+    struct TKvISourceMark {
+        TKvISourceLocation Location;
+        int64_t Offset = -1; ///< a text's record start, its line found only when asked
+    };
+    virtual TKvISourceMark SourceMark() { return {SourceLocation(), -1}; }
+    /// The location of a row marked earlier.
+    virtual TKvISourceLocation MarkedLocation(const TKvISourceMark& mark) { return mark.Location; }
     virtual int GetTotalCount() { return 0; }
     /// False when GetTotalCount costs a pass over the source: the run then asks for the count only when
     /// an expression reads STATTOTALCOUNT, and at its end.
@@ -439,7 +448,7 @@ private:
     struct TDeferredRow {
         int64_t Tag = 0;
         TKvIAction Action = iaUnknown;
-        TKvISourceLocation Location;
+        TKvISourceMark Mark;
     };
     std::deque<TDeferredRow> deferredRows_;
     std::exception_ptr deferredFailure_;

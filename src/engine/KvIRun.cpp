@@ -318,20 +318,22 @@ void TKvImportBaseComponent::NoteDeferredRow() {
     const std::optional<int64_t> oldest = dataSet_->OldestDeferredTag();
     while (!deferredRows_.empty() && (!oldest || deferredRows_.front().Tag < *oldest))
         deferredRows_.pop_front();
-    // Asked only while a write waits: some sources find a row's place by reading again.
     if (oldest && statistic_.LastAction != iaUnknown)
-        deferredRows_.push_back({statistic_.TotalImported, statistic_.LastAction, SourceLocation()});
+        deferredRows_.push_back({statistic_.TotalImported, statistic_.LastAction, SourceMark()});
 }
 
 void TKvImportBaseComponent::DeferredWriteFailed(int64_t tag, const std::exception& error) {
-    TDeferredRow row{tag, statistic_.LastAction, {}};
+    TKvIAction action = statistic_.LastAction;
+    TKvISourceLocation location;
     const auto noted = std::lower_bound(deferredRows_.begin(), deferredRows_.end(), tag,
                                         [](const TDeferredRow& r, int64_t t) { return r.Tag < t; });
-    if (noted != deferredRows_.end() && noted->Tag == tag)
-        row = *noted;
-    else if (tag == statistic_.TotalImported) // the row being posted, refused with its batch
-        row.Location = SourceLocation();
-    switch (row.Action) {
+    if (noted != deferredRows_.end() && noted->Tag == tag) {
+        action = noted->Action;
+        location = MarkedLocation(noted->Mark);
+    } else if (tag == statistic_.TotalImported) { // the row being posted, refused with its batch
+        location = SourceLocation();
+    }
+    switch (action) {
     case iaAdd:
         --statistic_.TotalAdded;
         break;
@@ -346,7 +348,7 @@ void TKvImportBaseComponent::DeferredWriteFailed(int64_t tag, const std::excepti
     }
     ++statistic_.TotalErrors;
     const TKvIErrorPlace current = errorPlace_;
-    errorPlace_ = {row.Location, {}};
+    errorPlace_ = {location, {}};
     try {
         HandleError(error);
     } catch (...) {
