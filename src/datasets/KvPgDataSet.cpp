@@ -360,6 +360,41 @@ void TKvPgDatabase::Deallocate(const std::string& name) noexcept {
     TPgResult(PQexec(conn_, ("DEALLOCATE " + QuoteIdentifier(name)).c_str()));
 }
 
+namespace {
+
+bool Succeeded(const TPgResult& result) {
+    const ExecStatusType status = result ? PQresultStatus(result.get()) : PGRES_FATAL_ERROR;
+    return status == PGRES_COMMAND_OK || status == PGRES_TUPLES_OK;
+}
+
+// Reads the results of `count` statements sent in pipeline mode, then their sync point.
+void ReadPipeline(PGconn* conn, TPgResult* results, int count) {
+    for (int k = 0; k < count; ++k)
+        while (PGresult* result = PQgetResult(conn)) {
+            if (!results[k])
+                results[k].reset(result);
+            else
+                PQclear(result);
+        }
+    for (int nulls = 0; nulls < 3 && PQstatus(conn) == CONNECTION_OK;) {
+        PGresult* result = PQgetResult(conn);
+        if (!result) {
+            ++nulls;
+            continue;
+        }
+        const bool sync = PQresultStatus(result) == PGRES_PIPELINE_SYNC;
+        PQclear(result);
+        if (sync) break;
+    }
+}
+
+bool SendRelease(PGconn* conn) {
+    return PQsendQueryParams(conn, "RELEASE SAVEPOINT kv_row", 0, nullptr, nullptr, nullptr, nullptr, 0) &&
+           PQpipelineSync(conn);
+}
+
+} // namespace
+
 TPgResult TKvPgDatabase::ExecPrepared(const std::string& name, int count, const char* const* values,
                                       const int* lengths, const int* formats) {
     CheckConnected();
@@ -387,37 +422,17 @@ bool TKvPgDatabase::SendGuarded(const std::string& name, int count, const char* 
 }
 
 void TKvPgDatabase::ReadGuarded(TGuardedResults& results) {
-    for (TPgResult& slot : results)
-        while (PGresult* result = PQgetResult(conn_)) {
-            if (!slot)
-                slot.reset(result);
-            else
-                PQclear(result);
-        }
-    for (int nulls = 0; nulls < 3 && PQstatus(conn_) == CONNECTION_OK;) {
-        PGresult* result = PQgetResult(conn_);
-        if (!result) {
-            ++nulls;
-            continue;
-        }
-        const bool sync = PQresultStatus(result) == PGRES_PIPELINE_SYNC;
-        PQclear(result);
-        if (sync) break;
-    }
+    ReadPipeline(conn_, results, 3);
 }
 
 TPgResult TKvPgDatabase::CheckGuarded(TGuardedResults& results) {
-    const auto ok = [](const TPgResult& r) {
-        const ExecStatusType status = r ? PQresultStatus(r.get()) : PGRES_FATAL_ERROR;
-        return status == PGRES_COMMAND_OK || status == PGRES_TUPLES_OK;
-    };
-    if (!ok(results[0])) RaiseError(results[0].get());
-    if (!ok(results[1])) {
+    if (!Succeeded(results[0])) RaiseError(results[0].get());
+    if (!Succeeded(results[1])) {
         if (PQstatus(conn_) == CONNECTION_OK)
             TPgResult(PQexec(conn_, "ROLLBACK TO SAVEPOINT kv_row; RELEASE SAVEPOINT kv_row"));
         RaiseError(results[1].get());
     }
-    if (!ok(results[2])) RaiseError(results[2].get());
+    if (!Succeeded(results[2])) RaiseError(results[2].get());
     return std::move(results[1]);
 }
 
@@ -770,21 +785,28 @@ TPgResult TKvPgDataSet::Run(const std::string& statement) {
                              nullptr);
 }
 
+// The write goes with its savepoint; the release goes with the next statement, which the same savepoint
+// covers: a write and the next row's lookup cost one round trip and four statements.
 void TKvPgDataSet::SendWrite(const std::string& statement, bool inserting) {
     db_->EndCopies();
     SetParamValues();
     PGconn* conn = db_->Handle();
     if (!PQenterPipelineMode(conn)) db_->RaiseError(nullptr);
-    if (!db_->SendGuarded(statement, static_cast<int>(paramValues_.size()), paramValues_.data(), nullptr,
-                          nullptr)) {
-        TKvPgDatabase::TGuardedResults results;
-        db_->ReadGuarded(results);
+    if (!PQsendQueryParams(conn, "SAVEPOINT kv_row", 0, nullptr, nullptr, nullptr, nullptr, 0) ||
+        !PQsendQueryPrepared(conn, statement.c_str(), static_cast<int>(paramValues_.size()),
+                             paramValues_.data(), nullptr, nullptr, 0) ||
+        PQflush(conn) != 0) {
+        PQpipelineSync(conn);
+        TPgResult results[2];
+        ReadPipeline(conn, results, 2);
         PQexitPipelineMode(conn);
         db_->RaiseError(nullptr);
     }
     writePending_ = true;
     pendingInserting_ = inserting;
     pendingTag_ = rowTag_.value_or(0);
+    pendingStatement_ = statement;
+    pendingParams_ = paramTexts_;
     db_->writeOwner_ = this;
     windowValid_ = false;
 }
@@ -793,15 +815,22 @@ void TKvPgDataSet::SettleWrite() {
     if (!writePending_) return;
     writePending_ = false;
     db_->writeOwner_ = nullptr;
-    TKvPgDatabase::TGuardedResults results;
-    db_->ReadGuarded(results);
-    PQexitPipelineMode(db_->Handle());
-    FinishWrite(results);
+    PGconn* conn = db_->Handle();
+    const bool sent = SendRelease(conn);
+    TPgResult results[3];
+    ReadPipeline(conn, results, sent ? 3 : 2);
+    PQexitPipelineMode(conn);
+    if (!Succeeded(results[0])) db_->RaiseError(results[0].get());
+    if (TakeWriteAnswer(results[1]) && (!sent || !Succeeded(results[2]))) db_->RaiseError(results[2].get());
 }
 
-bool TKvPgDataSet::FinishWrite(TKvPgDatabase::TGuardedResults& results) {
+bool TKvPgDataSet::TakeWriteAnswer(const TPgResult& result) {
     try {
-        TPgResult result = db_->CheckGuarded(results);
+        if (!Succeeded(result)) {
+            if (PQstatus(db_->Handle()) == CONNECTION_OK)
+                TPgResult(PQexec(db_->Handle(), "ROLLBACK TO SAVEPOINT kv_row; RELEASE SAVEPOINT kv_row"));
+            db_->RaiseError(result.get());
+        }
         TakeWritten(result.get(), pendingInserting_);
         return true;
     } catch (const EDatabaseUnwritable&) {
@@ -817,16 +846,37 @@ TPgResult TKvPgDataSet::RunAfterWrite(const std::string& statement) {
     SetParamValues();
     writePending_ = false;
     db_->writeOwner_ = nullptr;
-    TKvPgDatabase::TGuardedResults written, read;
-    const bool sent = db_->SendGuarded(statement, static_cast<int>(paramValues_.size()), paramValues_.data(),
-                                       nullptr, nullptr);
-    db_->ReadGuarded(written);
-    if (sent) db_->ReadGuarded(read);
-    PQexitPipelineMode(db_->Handle());
+    PGconn* conn = db_->Handle();
+    const bool sent = PQsendQueryPrepared(conn, statement.c_str(), static_cast<int>(paramValues_.size()),
+                                          paramValues_.data(), nullptr, nullptr, 0) &&
+                      SendRelease(conn);
+    if (!sent) PQpipelineSync(conn);
+    TPgResult results[4]; // the savepoint, the write, the statement, the release
+    ReadPipeline(conn, results, sent ? 4 : 2);
+    PQexitPipelineMode(conn);
+    if (!Succeeded(results[0])) db_->RaiseError(results[0].get());
     // A refused write leaves the transaction failed until its savepoint is rolled back: the statement
-    // sent after it did not run.
-    if (!FinishWrite(written) || !sent) return Run(statement);
-    return db_->CheckGuarded(read);
+    // after it did not run.
+    if (!TakeWriteAnswer(results[1]) || !sent) return Run(statement);
+    if (Succeeded(results[2]) && Succeeded(results[3])) return std::move(results[2]);
+    // The statement failed, and the write with it: the write again alone, then the statement's error.
+    if (PQstatus(conn) == CONNECTION_OK)
+        TPgResult(PQexec(conn, "ROLLBACK TO SAVEPOINT kv_row; RELEASE SAVEPOINT kv_row"));
+    const TPgResult& failed = Succeeded(results[2]) ? results[3] : results[2];
+    std::vector<std::string> params;
+    params.swap(paramTexts_);
+    paramTexts_ = pendingParams_;
+    try {
+        TPgResult again = Run(pendingStatement_);
+        TakeWritten(again.get(), pendingInserting_);
+    } catch (const EDatabaseUnwritable&) {
+        throw;
+    } catch (const EDatabaseError& e) {
+        if (!OnDeferredError) throw;
+        OnDeferredError(pendingTag_, e);
+    }
+    paramTexts_.swap(params);
+    db_->RaiseError(failed.get());
 }
 
 void TKvPgDataSet::TakeWritten(const pg_result* result, bool inserting) {
@@ -1135,9 +1185,11 @@ void TKvPgDataSet::DiscardAppends() noexcept {
     if (writePending_) {
         writePending_ = false;
         db_->writeOwner_ = nullptr;
-        TKvPgDatabase::TGuardedResults results;
-        db_->ReadGuarded(results);
-        PQexitPipelineMode(db_->Handle());
+        PGconn* conn = db_->Handle();
+        PQpipelineSync(conn);
+        TPgResult results[2];
+        ReadPipeline(conn, results, 2);
+        PQexitPipelineMode(conn);
     }
     if (db_ && db_->copyOwner_ == this) {
         db_->copyOwner_ = nullptr;

@@ -235,9 +235,9 @@ private:
     void SendWrite(const std::string& statement, bool inserting);
     /// Reads the answer to the write sent last, if any.
     void SettleWrite();
-    /// Checks the answer to the write sent last: false when the server refused it (told to
-    /// OnDeferredError).
-    bool FinishWrite(TKvPgDatabase::TGuardedResults& results);
+    /// The answer to the write sent last: false when the server refused it (rolled back to its savepoint
+    /// and told to OnDeferredError).
+    bool TakeWriteAnswer(const TPgResult& result);
     /// Runs `statement` with paramTexts_ in the round trip that brings the pending write's answer.
     TPgResult RunAfterWrite(const std::string& statement);
     void SetParamValues();
@@ -289,6 +289,8 @@ private:
     bool writePending_ = false;
     bool pendingInserting_ = false;
     int64_t pendingTag_ = 0;
+    std::string pendingStatement_; // and its parameters, to send it again when what followed it failed
+    std::vector<std::string> pendingParams_;
 
     // The cursor: the current row's address and a window of rows read ahead (values stored field by
     // field), valid until this dataset writes. Without row addresses, the address is the row's offset.

@@ -282,3 +282,45 @@ TEST_F(Pg, BatchedAppendsKeepTheRowsAroundTheRefusedOnes) {
 
 } // namespace
 } // namespace kv
+namespace kv {
+namespace {
+
+TEST_F(Pg, WritesAnsweredWithTheNextLookup) {
+    db.Execute("CREATE TABLE t (n smallint, s text CHECK (s <> 'bad'))");
+    db.Execute("INSERT INTO t VALUES (1, 'a'), (2, 'b'), (3, 'c')");
+    std::unique_ptr<TDataSet> owned(db.OpenDataSet("t", nullptr));
+    auto& ds = dynamic_cast<TKvPgDataSet&>(*owned);
+    ds.SetDeferWrites(true);
+    std::vector<std::string> refused;
+    ds.OnDeferredError = [&](int64_t tag, const std::exception& error) {
+        refused.push_back(std::to_string(tag) + ": " + error.what());
+    };
+    const auto update = [&](int tag, int n, const char* s) {
+        ASSERT_TRUE(ds.Locate("n", n, {}));
+        ds.SetRowTag(tag);
+        ds.Edit();
+        ds.Fields(1).SetValue(s);
+        ds.Post();
+        EXPECT_EQ(ds.OldestDeferredTag(), tag);
+    };
+    db.StartTransaction();
+    update(1, 1, "bad"); // refused: found by the next lookup, which still runs
+    update(2, 2, "x");
+    EXPECT_FALSE(ds.Locate("n", 99999, {})); // fails on the server, the write before it kept all the same
+    EXPECT_EQ(ds.OldestDeferredTag(), std::nullopt);
+    update(3, 3, "bad");
+    ds.SetRowTag(4);
+    Insert(ds, {4, "d"});
+    EXPECT_EQ(ds.Fields(1).AsString(), "d"); // reading the row waits for its answer
+    db.Commit();
+    EXPECT_EQ(refused, (std::vector<std::string>{
+                           "1: new row for relation \"t\" violates check constraint \"t_s_check\"",
+                           "3: new row for relation \"t\" violates check constraint \"t_s_check\""}));
+    TKvPgDatabase other;
+    other.Open(target);
+    TPgResult rows = other.Exec("SELECT string_agg(n || s, ',' ORDER BY n) FROM t");
+    EXPECT_STREQ(PQgetvalue(rows.get(), 0, 0), "1a,2x,3c,4d");
+}
+
+} // namespace
+} // namespace kv
