@@ -261,6 +261,12 @@ void TKvPgDatabase::Open(const std::string& target) {
              // A lock timeout the connection string gives (options='-c lock_timeout=...') stands.
              "SELECT set_config('lock_timeout', '" +
              IntToStr(lockTimeout_) + "', false) WHERE current_setting('lock_timeout') = '0'");
+        // Every guarded write takes a savepoint and releases it: parsed once for the session.
+        for (const auto& [name, sql] : {std::pair{"kv_savepoint", "SAVEPOINT kv_row"},
+                                        std::pair{"kv_release", "RELEASE SAVEPOINT kv_row"}}) {
+            TPgResult prepared(PQprepare(conn_, name, sql, 0, nullptr));
+            if (!prepared || PQresultStatus(prepared.get()) != PGRES_COMMAND_OK) RaiseError(prepared.get());
+        }
     } catch (...) {
         Close();
         throw;
@@ -389,8 +395,7 @@ void ReadPipeline(PGconn* conn, TPgResult* results, int count) {
 }
 
 bool SendRelease(PGconn* conn) {
-    return PQsendQueryParams(conn, "RELEASE SAVEPOINT kv_row", 0, nullptr, nullptr, nullptr, nullptr, 0) &&
-           PQpipelineSync(conn);
+    return PQsendQueryPrepared(conn, "kv_release", 0, nullptr, nullptr, nullptr, 0) && PQpipelineSync(conn);
 }
 
 } // namespace
@@ -415,10 +420,9 @@ TPgResult TKvPgDatabase::ExecPrepared(const std::string& name, int count, const 
 
 bool TKvPgDatabase::SendGuarded(const std::string& name, int count, const char* const* values,
                                 const int* lengths, const int* formats) {
-    return PQsendQueryParams(conn_, "SAVEPOINT kv_row", 0, nullptr, nullptr, nullptr, nullptr, 0) &&
+    return PQsendQueryPrepared(conn_, "kv_savepoint", 0, nullptr, nullptr, nullptr, 0) &&
            PQsendQueryPrepared(conn_, name.c_str(), count, values, lengths, formats, 0) &&
-           PQsendQueryParams(conn_, "RELEASE SAVEPOINT kv_row", 0, nullptr, nullptr, nullptr, nullptr, 0) &&
-           PQpipelineSync(conn_);
+           PQsendQueryPrepared(conn_, "kv_release", 0, nullptr, nullptr, nullptr, 0) && PQpipelineSync(conn_);
 }
 
 void TKvPgDatabase::ReadGuarded(TGuardedResults& results) {
@@ -792,7 +796,7 @@ void TKvPgDataSet::SendWrite(const std::string& statement, bool inserting) {
     SetParamValues();
     PGconn* conn = db_->Handle();
     if (!PQenterPipelineMode(conn)) db_->RaiseError(nullptr);
-    if (!PQsendQueryParams(conn, "SAVEPOINT kv_row", 0, nullptr, nullptr, nullptr, nullptr, 0) ||
+    if (!PQsendQueryPrepared(conn, "kv_savepoint", 0, nullptr, nullptr, nullptr, 0) ||
         !PQsendQueryPrepared(conn, statement.c_str(), static_cast<int>(paramValues_.size()),
                              paramValues_.data(), nullptr, nullptr, 0) ||
         PQflush(conn) != 0) {
