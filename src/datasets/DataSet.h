@@ -9,6 +9,9 @@
 #include "platform/Set.h"
 #include "platform/Variant.h"
 
+#include <cstdint>
+#include <exception>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -218,6 +221,20 @@ public:
     virtual void StopReadAhead() {}
     /// True when any value can be stored in any field, whatever its type (SetValueAsItStands).
     virtual bool StoresAnyValue() const { return false; }
+    /// Deletes every record with one statement and gives how many there were; nullopt where the dataset
+    /// offers nothing faster than deleting them one by one.
+    virtual std::optional<int64_t> DeleteAll() { return std::nullopt; }
+
+    /// A dataset that sends some writes later (rows appended in batches) tells of a write the storage then
+    /// refused through OnDeferredError, with the tag the row was posted under (SetRowTag). Without a
+    /// handler it raises the error itself. A dataset that writes at once never defers, and ignores tags.
+    std::function<void(int64_t tag, const std::exception& error)> OnDeferredError;
+    /// The tag of the records posted from now on.
+    virtual void SetRowTag(int64_t tag) { (void)tag; }
+    /// The tag of the oldest posted record still waiting to be written (which may yet be refused);
+    /// nullopt when none waits.
+    virtual std::optional<int64_t> OldestDeferredTag() const { return std::nullopt; }
+
     /// What a published property of that name would give ("TableName", "IndexFieldName", ...).
     virtual std::optional<std::string> PublishedProperty(const std::string& name) const {
         (void)name;

@@ -262,6 +262,12 @@ void TKvPgDatabase::Open(const std::string& target) {
              // A lock timeout the connection string gives (options='-c lock_timeout=...') stands.
              "SELECT set_config('lock_timeout', '" +
              IntToStr(lockTimeout_) + "', false) WHERE current_setting('lock_timeout') = '0'");
+        // Every guarded write takes a savepoint and releases it: parsed once for the session.
+        for (const auto& [name, sql] : {std::pair{"kv_savepoint", "SAVEPOINT kv_row"},
+                                        std::pair{"kv_release", "RELEASE SAVEPOINT kv_row"}}) {
+            TPgResult prepared(PQprepare(conn_, name, sql, 0, nullptr));
+            if (!prepared || PQresultStatus(prepared.get()) != PGRES_COMMAND_OK) RaiseError(prepared.get());
+        }
     } catch (...) {
         Close();
         throw;
@@ -308,6 +314,7 @@ void TKvPgDatabase::RaiseError(const pg_result* result) const {
 
 void TKvPgDatabase::EndCopies() {
     if (copyOwner_) copyOwner_->FlushAppends();
+    if (writeOwner_) writeOwner_->SettleWrite();
 }
 
 TPgResult TKvPgDatabase::Exec(const std::string& sql) {
@@ -355,10 +362,44 @@ std::string TKvPgDatabase::Prepare(const std::string& sql) {
 }
 
 void TKvPgDatabase::Deallocate(const std::string& name) noexcept {
-    if (!conn_ || PQstatus(conn_) != CONNECTION_OK || copyOwner_) return;
+    if (!conn_ || PQstatus(conn_) != CONNECTION_OK || copyOwner_ || writeOwner_) return;
     if (PQtransactionStatus(conn_) == PQTRANS_INERROR) return; // the session forgets it when it closes
     TPgResult(PQexec(conn_, ("DEALLOCATE " + QuoteIdentifier(name)).c_str()));
 }
+
+namespace {
+
+bool Succeeded(const TPgResult& result) {
+    const ExecStatusType status = result ? PQresultStatus(result.get()) : PGRES_FATAL_ERROR;
+    return status == PGRES_COMMAND_OK || status == PGRES_TUPLES_OK;
+}
+
+// Reads the results of `count` statements sent in pipeline mode, then their sync point.
+void ReadPipeline(PGconn* conn, TPgResult* results, int count) {
+    for (int k = 0; k < count; ++k)
+        while (PGresult* result = PQgetResult(conn)) {
+            if (!results[k])
+                results[k].reset(result);
+            else
+                PQclear(result);
+        }
+    for (int nulls = 0; nulls < 3 && PQstatus(conn) == CONNECTION_OK;) {
+        PGresult* result = PQgetResult(conn);
+        if (!result) {
+            ++nulls;
+            continue;
+        }
+        const bool sync = PQresultStatus(result) == PGRES_PIPELINE_SYNC;
+        PQclear(result);
+        if (sync) break;
+    }
+}
+
+bool SendRelease(PGconn* conn) {
+    return PQsendQueryPrepared(conn, "kv_release", 0, nullptr, nullptr, nullptr, 0) && PQpipelineSync(conn);
+}
+
+} // namespace
 
 TPgResult TKvPgDatabase::ExecPrepared(const std::string& name, int count, const char* const* values,
                                       const int* lengths, const int* formats) {
@@ -372,43 +413,31 @@ TPgResult TKvPgDatabase::ExecPrepared(const std::string& name, int count, const 
     }
     // The savepoint, the statement and the release in one round trip.
     if (!PQenterPipelineMode(conn_)) RaiseError(nullptr);
-    const bool sent =
-        PQsendQueryParams(conn_, "SAVEPOINT kv_row", 0, nullptr, nullptr, nullptr, nullptr, 0) &&
-        PQsendQueryPrepared(conn_, name.c_str(), count, values, lengths, formats, 0) &&
-        PQsendQueryParams(conn_, "RELEASE SAVEPOINT kv_row", 0, nullptr, nullptr, nullptr, nullptr, 0) &&
-        PQpipelineSync(conn_);
-    TPgResult results[3];
-    if (sent) {
-        for (TPgResult& slot : results)
-            while (PGresult* result = PQgetResult(conn_)) {
-                if (!slot)
-                    slot.reset(result);
-                else
-                    PQclear(result);
-            }
-        for (int nulls = 0; nulls < 3 && PQstatus(conn_) == CONNECTION_OK;) {
-            PGresult* result = PQgetResult(conn_);
-            if (!result) {
-                ++nulls;
-                continue;
-            }
-            const bool sync = PQresultStatus(result) == PGRES_PIPELINE_SYNC;
-            PQclear(result);
-            if (sync) break;
-        }
-    }
+    TGuardedResults results;
+    if (SendGuarded(name, count, values, lengths, formats)) ReadGuarded(results);
     PQexitPipelineMode(conn_);
-    const auto ok = [](const TPgResult& r) {
-        const ExecStatusType status = r ? PQresultStatus(r.get()) : PGRES_FATAL_ERROR;
-        return status == PGRES_COMMAND_OK || status == PGRES_TUPLES_OK;
-    };
-    if (!sent || !ok(results[0])) RaiseError(results[0].get());
-    if (!ok(results[1])) {
+    return CheckGuarded(results);
+}
+
+bool TKvPgDatabase::SendGuarded(const std::string& name, int count, const char* const* values,
+                                const int* lengths, const int* formats) {
+    return PQsendQueryPrepared(conn_, "kv_savepoint", 0, nullptr, nullptr, nullptr, 0) &&
+           PQsendQueryPrepared(conn_, name.c_str(), count, values, lengths, formats, 0) &&
+           PQsendQueryPrepared(conn_, "kv_release", 0, nullptr, nullptr, nullptr, 0) && PQpipelineSync(conn_);
+}
+
+void TKvPgDatabase::ReadGuarded(TGuardedResults& results) {
+    ReadPipeline(conn_, results, 3);
+}
+
+TPgResult TKvPgDatabase::CheckGuarded(TGuardedResults& results) {
+    if (!Succeeded(results[0])) RaiseError(results[0].get());
+    if (!Succeeded(results[1])) {
         if (PQstatus(conn_) == CONNECTION_OK)
             TPgResult(PQexec(conn_, "ROLLBACK TO SAVEPOINT kv_row; RELEASE SAVEPOINT kv_row"));
         RaiseError(results[1].get());
     }
-    if (!ok(results[2])) RaiseError(results[2].get());
+    if (!Succeeded(results[2])) RaiseError(results[2].get());
     return std::move(results[1]);
 }
 
@@ -702,7 +731,7 @@ void TKvPgDataSet::InternalClose() {
     }
     batch_.clear();
     batchStarts_.clear();
-    batchNumbers_.clear();
+    batchTags_.clear();
     onBatchedRow_ = false;
     if (pendingNumber_) {
         try {
@@ -750,11 +779,118 @@ void TKvPgDataSet::BindValues(const std::vector<Variant>& values, const std::vec
     paramTexts_.resize(n);
 }
 
-TPgResult TKvPgDataSet::Run(const std::string& statement) {
+void TKvPgDataSet::SetParamValues() {
     paramValues_.clear();
     for (const std::string& text : paramTexts_) paramValues_.push_back(text.c_str());
+}
+
+TPgResult TKvPgDataSet::Run(const std::string& statement) {
+    SetParamValues();
     return db_->ExecPrepared(statement, static_cast<int>(paramValues_.size()), paramValues_.data(), nullptr,
                              nullptr);
+}
+
+// The write goes with its savepoint; the release goes with the next statement, which the same savepoint
+// covers: a write and the next row's lookup cost one round trip and four statements.
+void TKvPgDataSet::SendWrite(const std::string& statement, bool inserting) {
+    db_->EndCopies();
+    SetParamValues();
+    PGconn* conn = db_->Handle();
+    if (!PQenterPipelineMode(conn)) db_->RaiseError(nullptr);
+    if (!PQsendQueryPrepared(conn, "kv_savepoint", 0, nullptr, nullptr, nullptr, 0) ||
+        !PQsendQueryPrepared(conn, statement.c_str(), static_cast<int>(paramValues_.size()),
+                             paramValues_.data(), nullptr, nullptr, 0) ||
+        PQflush(conn) != 0) {
+        PQpipelineSync(conn);
+        TPgResult results[2];
+        ReadPipeline(conn, results, 2);
+        PQexitPipelineMode(conn);
+        db_->RaiseError(nullptr);
+    }
+    writePending_ = true;
+    pendingInserting_ = inserting;
+    pendingTag_ = rowTag_.value_or(0);
+    pendingStatement_ = statement;
+    pendingParams_ = paramTexts_;
+    db_->writeOwner_ = this;
+    windowValid_ = false;
+}
+
+void TKvPgDataSet::SettleWrite() {
+    if (!writePending_) return;
+    writePending_ = false;
+    db_->writeOwner_ = nullptr;
+    PGconn* conn = db_->Handle();
+    const bool sent = SendRelease(conn);
+    TPgResult results[3];
+    ReadPipeline(conn, results, sent ? 3 : 2);
+    PQexitPipelineMode(conn);
+    if (!Succeeded(results[0])) db_->RaiseError(results[0].get());
+    if (TakeWriteAnswer(results[1]) && (!sent || !Succeeded(results[2]))) db_->RaiseError(results[2].get());
+}
+
+bool TKvPgDataSet::TakeWriteAnswer(const TPgResult& result) {
+    try {
+        if (!Succeeded(result)) {
+            if (PQstatus(db_->Handle()) == CONNECTION_OK)
+                TPgResult(PQexec(db_->Handle(), "ROLLBACK TO SAVEPOINT kv_row; RELEASE SAVEPOINT kv_row"));
+            db_->RaiseError(result.get());
+        }
+        TakeWritten(result.get(), pendingInserting_);
+        return true;
+    } catch (const EDatabaseUnwritable&) {
+        throw;
+    } catch (const EDatabaseError& e) {
+        if (!OnDeferredError) throw;
+        OnDeferredError(pendingTag_, e);
+        return false;
+    }
+}
+
+TPgResult TKvPgDataSet::RunAfterWrite(const std::string& statement) {
+    SetParamValues();
+    writePending_ = false;
+    db_->writeOwner_ = nullptr;
+    PGconn* conn = db_->Handle();
+    const bool sent = PQsendQueryPrepared(conn, statement.c_str(), static_cast<int>(paramValues_.size()),
+                                          paramValues_.data(), nullptr, nullptr, 0) &&
+                      SendRelease(conn);
+    if (!sent) PQpipelineSync(conn);
+    TPgResult results[4]; // the savepoint, the write, the statement, the release
+    ReadPipeline(conn, results, sent ? 4 : 2);
+    PQexitPipelineMode(conn);
+    if (!Succeeded(results[0])) db_->RaiseError(results[0].get());
+    // A refused write leaves the transaction failed until its savepoint is rolled back: the statement
+    // after it did not run.
+    if (!TakeWriteAnswer(results[1]) || !sent) return Run(statement);
+    if (Succeeded(results[2]) && Succeeded(results[3])) return std::move(results[2]);
+    // The statement failed, and the write with it: the write again alone, then the statement's error.
+    if (PQstatus(conn) == CONNECTION_OK)
+        TPgResult(PQexec(conn, "ROLLBACK TO SAVEPOINT kv_row; RELEASE SAVEPOINT kv_row"));
+    const TPgResult& failed = Succeeded(results[2]) ? results[3] : results[2];
+    std::vector<std::string> params;
+    params.swap(paramTexts_);
+    paramTexts_ = pendingParams_;
+    try {
+        TPgResult again = Run(pendingStatement_);
+        TakeWritten(again.get(), pendingInserting_);
+    } catch (const EDatabaseUnwritable&) {
+        throw;
+    } catch (const EDatabaseError& e) {
+        if (!OnDeferredError) throw;
+        OnDeferredError(pendingTag_, e);
+    }
+    paramTexts_.swap(params);
+    db_->RaiseError(failed.get());
+}
+
+void TKvPgDataSet::TakeWritten(const pg_result* result, bool inserting) {
+    windowValid_ = false;
+    if (PQntuples(result) == 0) {
+        if (!inserting) throw EDatabaseError("Record not found or changed by another user");
+        return; // a rule or trigger dropped the row: the cursor stays where it was
+    }
+    TakeRow(result);
 }
 
 void TKvPgDataSet::TakeRows(const pg_result* result) {
@@ -809,6 +945,7 @@ bool TKvPgDataSet::InternalFirst() {
 }
 
 bool TKvPgDataSet::InternalNext() {
+    SettleWrite();
     if (onBatchedRow_) {
         FlushAppends();
         return false; // the row appended last is the last
@@ -824,6 +961,7 @@ bool TKvPgDataSet::InternalNext() {
 }
 
 void TKvPgDataSet::InternalReadRecord(std::vector<Variant>& values) {
+    SettleWrite();
     if (onBatchedRow_) {
         values = batchLast_; // as posted: the server has not seen it yet
         return;
@@ -907,13 +1045,11 @@ void TKvPgDataSet::InternalPost(bool inserting, const std::vector<Variant>& valu
     if (inserting && !numberGiven && pendingNumber_) MoveSequencePast(); // before the table numbers a row
     BindValues(bound, fields);
     if (!inserting) paramTexts_.push_back(address_);
+    if (deferWrites_ && OnDeferredError && !numberGiven && db_->InTransaction())
+        return SendWrite(statement->second, inserting);
     TPgResult result = Run(statement->second);
-    windowValid_ = false;
-    if (PQntuples(result.get()) == 0) {
-        if (!inserting) throw EDatabaseError("Record not found or changed by another user");
-        return; // a rule or trigger dropped the row: the cursor stays where it was
-    }
-    TakeRow(result.get());
+    TakeWritten(result.get(), inserting);
+    if (PQntuples(result.get()) == 0) return;
     if (numberGiven && !sequence_.empty()) {
         for (size_t k = 0; k < fields.size(); ++k)
             if (columns_[static_cast<size_t>(fields[k])].Def.DataType == ftAutoInc && bound[k].IsOrdinal())
@@ -974,7 +1110,8 @@ void TKvPgDataSet::AddToBatch(const std::vector<Variant>& values, const std::vec
     }
     batchStarts_.push_back(batch_.size());
     batch_ += row;
-    batchNumbers_.push_back(++appendCount_);
+    ++appendCount_;
+    batchTags_.push_back(rowTag_.value_or(appendCount_));
     batchLast_.assign(columns_.size(), Variant::Null());
     for (size_t k = 0; k < fields.size(); ++k) batchLast_[static_cast<size_t>(fields[k])] = values[k];
     onBatchedRow_ = true;
@@ -1041,7 +1178,7 @@ void TKvPgDataSet::CopyPiece(size_t first, size_t last, std::optional<std::strin
     if (!message) message = CopyRows(first, last);
     if (!message) return;
     if (last - first == 1) {
-        refused_.emplace_back(batchNumbers_[first], *message);
+        refused_.emplace_back(batchTags_[first], *message);
         return;
     }
     const size_t middle = first + (last - first) / 2;
@@ -1050,6 +1187,15 @@ void TKvPgDataSet::CopyPiece(size_t first, size_t last, std::optional<std::strin
 }
 
 void TKvPgDataSet::DiscardAppends() noexcept {
+    if (writePending_) {
+        writePending_ = false;
+        db_->writeOwner_ = nullptr;
+        PGconn* conn = db_->Handle();
+        PQpipelineSync(conn);
+        TPgResult results[2];
+        ReadPipeline(conn, results, 2);
+        PQexitPipelineMode(conn);
+    }
     if (db_ && db_->copyOwner_ == this) {
         db_->copyOwner_ = nullptr;
         PGconn* conn = db_->Handle();
@@ -1058,12 +1204,13 @@ void TKvPgDataSet::DiscardAppends() noexcept {
     }
     batch_.clear();
     batchStarts_.clear();
-    batchNumbers_.clear();
+    batchTags_.clear();
     if (onBatchedRow_) onRow_ = false;
     onBatchedRow_ = false;
 }
 
 void TKvPgDataSet::FlushAppends() {
+    SettleWrite();
     if (batchStarts_.empty()) return;
     onBatchedRow_ = false;
     onRow_ = false; // COPY gives no row address: the cursor is on no row until it moves
@@ -1075,7 +1222,7 @@ void TKvPgDataSet::FlushAppends() {
             if (!(message = EndCopy())) {
                 batch_.clear();
                 batchStarts_.clear();
-                batchNumbers_.clear();
+                batchTags_.clear();
                 return;
             }
         }
@@ -1083,17 +1230,17 @@ void TKvPgDataSet::FlushAppends() {
     } catch (...) {
         batch_.clear();
         batchStarts_.clear();
-        batchNumbers_.clear();
+        batchTags_.clear();
         throw;
     }
     batch_.clear();
     batchStarts_.clear();
-    batchNumbers_.clear();
+    batchTags_.clear();
     if (refused_.empty()) return;
     std::vector<std::pair<int64_t, std::string>> refused;
     refused.swap(refused_);
-    if (!OnRowRefused) throw EDatabaseError(refused.front().second);
-    for (const auto& [number, message] : refused) OnRowRefused(number, message);
+    if (!OnDeferredError) throw EDatabaseError(refused.front().second);
+    for (const auto& [tag, message] : refused) OnDeferredError(tag, EDatabaseError(message));
 }
 
 void TKvPgDataSet::MoveSequencePast() {
@@ -1125,7 +1272,7 @@ bool TKvPgDataSet::InternalDelete() {
 
 bool TKvPgDataSet::InternalLocate(const std::vector<int>& fields, const std::vector<Variant>& values,
                                   TLocateOptions options) {
-    FlushAppends();
+    if (!writePending_) FlushAppends(); // a write waiting for its answer gets it with this statement's
     const bool noCase = options.Contains(loCaseInsensitive), partial = options.Contains(loPartialKey);
     for (size_t k = 0; k < fields.size(); ++k)
         if (values[k].IsString() && !IsTextType(columns_[static_cast<size_t>(fields[k])].Def.DataType))
@@ -1174,7 +1321,7 @@ bool TKvPgDataSet::InternalLocate(const std::vector<int>& fields, const std::vec
     BindValues(values, fields);
     TPgResult result;
     try {
-        result = Run(statement->second);
+        result = writePending_ ? RunAfterWrite(statement->second) : Run(statement->second);
     } catch (const EDatabaseUnwritable&) {
         throw;
     } catch (const EDatabaseError&) {
@@ -1195,7 +1342,7 @@ void TKvPgDataSet::TakeRow(const pg_result* result) {
     onRow_ = true;
 }
 
-int64_t TKvPgDataSet::DeleteAll() {
+std::optional<int64_t> TKvPgDataSet::DeleteAll() {
     CheckWritable();
     FlushAppends();
     paramTexts_.clear();

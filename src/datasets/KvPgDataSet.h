@@ -108,6 +108,13 @@ protected:
 private:
     friend class TKvPgDataSet;
     void CheckConnected() const;
+    // A statement between a savepoint and its release, in pipeline mode: sent (false when the connection
+    // refused it), its three results read, then checked (rolled back to the savepoint when it failed).
+    using TGuardedResults = TPgResult[3];
+    bool SendGuarded(const std::string& name, int count, const char* const* values, const int* lengths,
+                     const int* formats);
+    void ReadGuarded(TGuardedResults& results);
+    TPgResult CheckGuarded(TGuardedResults& results);
     /// Ends the COPY a dataset has under way, so that the connection may run something else.
     void EndCopies();
     /// Runs `sql` alone, or under a savepoint inside a transaction.
@@ -118,6 +125,7 @@ private:
     uint64_t statementCount_ = 0;         // names prepared statements
     std::vector<TKvPgDataSet*> dataSets_; // datasets whose Database is this one
     TKvPgDataSet* copyOwner_ = nullptr;   // the dataset whose COPY is under way
+    TKvPgDataSet* writeOwner_ = nullptr;  // the dataset whose write awaits its answer
 };
 
 /// One table (or view) of a PostgreSQL database.
@@ -141,20 +149,29 @@ public:
     /// Rows appended are sent together, by COPY, once this many are waiting (0, the default: each row as
     /// it is posted). Waiting rows go before any other use of the table and before the database commits;
     /// a row the server refuses is found by sending the batch again in smaller pieces, the rows around it
-    /// are kept, and it goes to OnRowRefused (or, without a handler, its error is raised once the others
-    /// are stored).
+    /// are kept, and it goes to OnDeferredError with the tag it was posted under (or, without a handler,
+    /// its error is raised once the others are stored).
     int AppendBatch() const { return appendBatch_; }
     void SetAppendBatch(int rows) { appendBatch_ = rows < 0 ? 0 : rows; }
-    /// A batched row the server refused: its number among the rows appended since the dataset opened
-    /// (from 1), and the server's message.
-    std::function<void(int64_t append, const std::string& message)> OnRowRefused;
+    /// Rows posted without a tag are tagged by their number among the appends since the dataset opened.
+    void SetRowTag(int64_t tag) override { rowTag_ = tag; }
+    std::optional<int64_t> OldestDeferredTag() const override {
+        if (writePending_) return pendingTag_;
+        return batchTags_.empty() ? std::nullopt : std::optional(batchTags_.front());
+    }
+    /// Inside a transaction, with an OnDeferredError handler, a row inserted or updated by itself is sent
+    /// without waiting for the server's answer, which is read with the next statement (the next row's
+    /// Locate, most often, which then costs no round trip of its own). A write the server refuses goes to
+    /// OnDeferredError. Off by default.
+    bool DeferWrites() const { return deferWrites_; }
+    void SetDeferWrites(bool defer) { deferWrites_ = defer; }
     /// Sends the rows waiting to be appended.
     void FlushAppends();
     /// Forgets them (the transaction they were for is rolled back).
     void DiscardAppends() noexcept;
     /// Deletes every row with one statement and gives how many there were: what emptying the table
     /// before a copy costs, rather than a statement per row.
-    int64_t DeleteAll();
+    std::optional<int64_t> DeleteAll() override;
     /// Rows appended since the dataset opened.
     int64_t AppendCount() const { return appendCount_; }
     /// True while open on a relation without row addresses (a view, ...).
@@ -212,6 +229,18 @@ private:
     /// Moves the numbering sequence past the largest key given explicitly.
     void MoveSequencePast();
     void ForgetStatements() noexcept;
+    /// The row a write's answer holds becomes current.
+    void TakeWritten(const pg_result* result, bool inserting);
+    /// Sends a write by prepared statement `statement` with paramTexts_, its answer left for later.
+    void SendWrite(const std::string& statement, bool inserting);
+    /// Reads the answer to the write sent last, if any.
+    void SettleWrite();
+    /// The answer to the write sent last: false when the server refused it (rolled back to its savepoint
+    /// and told to OnDeferredError).
+    bool TakeWriteAnswer(const TPgResult& result);
+    /// Runs `statement` with paramTexts_ in the round trip that brings the pending write's answer.
+    TPgResult RunAfterWrite(const std::string& statement);
+    void SetParamValues();
     /// Appends row `values` to the waiting batch (its columns `fields`).
     void AddToBatch(const std::vector<Variant>& values, const std::vector<int>& fields);
     /// Starts a COPY of the batch's columns (under a savepoint inside a transaction).
@@ -241,18 +270,27 @@ private:
     std::vector<int> paramLengths_, paramFormats_;
 
     // The batch of rows waiting to be appended: their COPY text, where each row starts in it, the columns
-    // they fill, and each one's number among the appends; and the values of the last, which is current.
+    // they fill, and each one's tag; and the values of the last, which is current.
     int appendBatch_ = 0;
     int64_t appendCount_ = 0;
     std::string batch_;
     std::vector<size_t> batchStarts_;
-    std::vector<int64_t> batchNumbers_;
+    std::vector<int64_t> batchTags_;
+    std::optional<int64_t> rowTag_;
     std::string batchColumns_;
     std::vector<Variant> batchLast_;
     bool onBatchedRow_ = false;
     size_t streamed_ = 0;      // bytes of the batch sent to the COPY under way
     bool copyGuarded_ = false; // the COPY under way runs under a savepoint
     std::vector<std::pair<int64_t, std::string>> refused_;
+
+    // A write sent whose answer is still to be read (SetDeferWrites).
+    bool deferWrites_ = false;
+    bool writePending_ = false;
+    bool pendingInserting_ = false;
+    int64_t pendingTag_ = 0;
+    std::string pendingStatement_; // and its parameters, to send it again when what followed it failed
+    std::vector<std::string> pendingParams_;
 
     // The cursor: the current row's address and a window of rows read ahead (values stored field by
     // field), valid until this dataset writes. Without row addresses, the address is the row's offset.

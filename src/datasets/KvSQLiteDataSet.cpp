@@ -913,6 +913,24 @@ bool TKvSQLiteDataSet::InternalDelete() {
     return true;
 }
 
+std::optional<int64_t> TKvSQLiteDataSet::DeleteAll() {
+    CheckWritable();
+    readAhead_.reset();
+    static const std::string key = "delete all";
+    sqlite3_stmt* statement = FindStatement(key);
+    if (!statement) statement = AddStatement(key, "DELETE FROM " + QuotedTable());
+    {
+        TResetGuard reset(statement);
+        if (sqlite3_step(statement) != SQLITE_DONE) db_->RaiseError();
+    }
+    const int64_t count = sqlite3_changes64(db_->Handle());
+    onRow_ = false;
+    windowValid_ = false;
+    RecordChanged();
+    First(); // on no row: the table is empty
+    return count;
+}
+
 bool TKvSQLiteDataSet::KeysMatch(const std::vector<Variant>& row, const std::vector<int>& fields,
                                  const std::vector<Variant>& keys, TLocateOptions options) const {
     for (size_t k = 0; k < fields.size(); ++k)

@@ -148,6 +148,8 @@ public:
     void StopReadAhead() override;
     /// SQLite keeps any value in any column: text in an INTEGER column stays text.
     bool StoresAnyValue() const override { return true; }
+    /// One DELETE statement: triggers and foreign keys act as for rows deleted one by one.
+    std::optional<int64_t> DeleteAll() override;
     std::string ClassName() const override { return "TKvSQLiteDataSet"; }
 
 protected:

@@ -12,6 +12,7 @@
 #include "expression/KvIPars.h"
 #include "platform/StringList.h"
 
+#include <deque>
 #include <exception>
 #include <functional>
 #include <memory>
@@ -262,6 +263,15 @@ protected:
         location.Record = statistic_.TotalImported;
         return location;
     }
+    /// Where the current row comes from, kept for a write of it that the dataset sends late and that may
+    /// be refused after the run moved on: the location itself, unless the source keeps something cheaper.
+    struct TKvISourceMark {
+        TKvISourceLocation Location;
+        int64_t Offset = -1; ///< a text's record start, its line found only when asked
+    };
+    virtual TKvISourceMark SourceMark() { return {SourceLocation(), -1}; }
+    /// The location of a row marked earlier.
+    virtual TKvISourceLocation MarkedLocation(const TKvISourceMark& mark) { return mark.Location; }
     virtual int GetTotalCount() { return 0; }
     /// False when GetTotalCount costs a pass over the source: the run then asks for the count only when
     /// an expression reads STATTOTALCOUNT, and at its end.
@@ -369,6 +379,13 @@ private:
     Variant LookupValue(const std::vector<Variant>& args);
     TDataSet* FindLookupDataSet(const std::string& name) const;
     void ResetRunState();
+    /// A write the dataset sent late and the storage refused: reported and counted as the failure of the
+    /// row it was posted for, by the place noted when the row was posted.
+    void DeferredWriteFailed(int64_t tag, const std::exception& error);
+    /// Notes where the row just written came from while the dataset may still refuse it.
+    void NoteDeferredRow();
+    /// Raises what a handler asked for (an abort) while a deferred failure was reported.
+    void RaiseDeferredFailure();
 
     // settings
     bool abortOnProblem_ = true;
@@ -430,6 +447,14 @@ private:
     TKvIErrorPlace errorPlace_;
     const TField* applyingField_ = nullptr; ///< the field ApplyRow is filling, for the error's place
     std::vector<std::pair<std::string, TDataSet*>> lookupTables_;
+    // The rows whose writes the dataset still holds, oldest first, by the tag they were posted under.
+    struct TDeferredRow {
+        int64_t Tag = 0;
+        TKvIAction Action = iaUnknown;
+        TKvISourceMark Mark;
+    };
+    std::deque<TDeferredRow> deferredRows_;
+    std::exception_ptr deferredFailure_;
 };
 
 } // namespace kv

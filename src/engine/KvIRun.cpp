@@ -10,6 +10,8 @@
 #include "platform/Streams.h"
 #include "platform/SysUtils.h"
 
+#include <algorithm>
+
 namespace kv {
 
 namespace {
@@ -141,6 +143,18 @@ void TKvImportBaseComponent::Prepare() {
     BuildFieldMapping();
     BuildArrayIntersection();
     dataSet_->DisableControls();
+    // Writes the dataset sends late are reported as the failures of their rows, until the run ends.
+    struct TDeferredHandler {
+        TDataSet& dataSet;
+        decltype(TDataSet::OnDeferredError) previous;
+        ~TDeferredHandler() { dataSet.OnDeferredError = std::move(previous); }
+    } deferredHandler{*dataSet_, std::move(dataSet_->OnDeferredError)};
+    deferredRows_.clear();
+    deferredFailure_ = nullptr;
+    if (actionKind_ == akDatasetApply)
+        dataSet_->OnDeferredError = [this](int64_t tag, const std::exception& error) {
+            DeferredWriteFailed(tag, error);
+        };
     try {
         RunRows();
     } catch (...) {
@@ -159,8 +173,10 @@ void TKvImportBaseComponent::Prepare() {
     }
     if (inTransaction_ && OnFinishTransaction) OnFinishTransaction(this);
     inTransaction_ = false;
-    dataSet_->First();
+    dataSet_->First(); // sends what the dataset still holds
     dataSet_->EnableControls();
+    deferredRows_.clear();
+    RaiseDeferredFailure();
     sqlOutput_.Finish();
 }
 
@@ -190,9 +206,13 @@ void TKvImportBaseComponent::RunRows() {
     IKvFrontEnd& ui = FrontEnd();
 
     if (mode_ == imCopy) {
-        dataSet_->First();
+        // One statement where the dataset offers it, rather than one per row.
+        const std::optional<int64_t> deleted =
+            actionKind_ == akDatasetApply ? dataSet_->DeleteAll() : std::nullopt;
+        if (deleted) statistic_.TotalDeleted = static_cast<int>(*deleted);
+        if (!deleted) dataSet_->First();
         if (actionKind_ == akGenerateSQL) sqlOutput_.Add(sqlOutput_.Writer().DeleteAll());
-        while (!dataSet_->Eof()) {
+        while (!deleted && !dataSet_->Eof()) {
             if (actionKind_ == akDatasetApply)
                 dataSet_->Delete();
             else
@@ -211,6 +231,7 @@ void TKvImportBaseComponent::RunRows() {
 
     const int updateStep = statistic_.UpdateStep > 0 ? statistic_.UpdateStep : 1;
     while (!canceled_ && !ui.ProgressCanceled() && NeedMore()) {
+        RaiseDeferredFailure();
         if (animatedStatus_ && statistic_.TotalImported % updateStep == 0) ui.UpdateProgressDlg(progress());
         ++statistic_.TotalImported;
         statistic_.LastAction = iaUnknown;
@@ -263,7 +284,9 @@ void TKvImportBaseComponent::RunRows() {
                 }
                 applyingField_ = nullptr;
                 try {
+                    if (actionKind_ == akDatasetApply) dataSet_->SetRowTag(statistic_.TotalImported);
                     ApplyRow();
+                    if (actionKind_ == akDatasetApply) NoteDeferredRow();
                 } catch (const std::exception& e) {
                     if (applyingField_) errorPlace_.Field = applyingField_->FieldName();
                     if (actionKind_ == akDatasetApply &&
@@ -286,8 +309,60 @@ void TKvImportBaseComponent::RunRows() {
         if (OnAfterRecordEvent) OnAfterRecordEvent(this, canceled_);
         GoNext();
     }
+    RaiseDeferredFailure();
     if (!cheapCount) statistic_.TotalCount = std::min(GetTotalCount(), rowLast_);
     if (animatedStatus_) ui.UpdateProgressDlg(progress());
+}
+
+void TKvImportBaseComponent::NoteDeferredRow() {
+    const std::optional<int64_t> oldest = dataSet_->OldestDeferredTag();
+    while (!deferredRows_.empty() && (!oldest || deferredRows_.front().Tag < *oldest))
+        deferredRows_.pop_front();
+    if (oldest && statistic_.LastAction != iaUnknown)
+        deferredRows_.push_back({statistic_.TotalImported, statistic_.LastAction, SourceMark()});
+}
+
+void TKvImportBaseComponent::DeferredWriteFailed(int64_t tag, const std::exception& error) {
+    TKvIAction action = statistic_.LastAction;
+    TKvISourceLocation location;
+    const auto noted = std::lower_bound(deferredRows_.begin(), deferredRows_.end(), tag,
+                                        [](const TDeferredRow& r, int64_t t) { return r.Tag < t; });
+    if (noted != deferredRows_.end() && noted->Tag == tag) {
+        action = noted->Action;
+        location = MarkedLocation(noted->Mark);
+    } else if (tag == statistic_.TotalImported) { // the row being posted, refused with its batch
+        location = SourceLocation();
+    }
+    switch (action) {
+    case iaAdd:
+        --statistic_.TotalAdded;
+        break;
+    case iaUpdate:
+        --statistic_.TotalUpdated;
+        break;
+    case iaDelete:
+        --statistic_.TotalDeleted;
+        break;
+    case iaUnknown:
+        break;
+    }
+    ++statistic_.TotalErrors;
+    const TKvIErrorPlace current = errorPlace_;
+    errorPlace_ = {location, {}};
+    try {
+        HandleError(error);
+    } catch (...) {
+        // Raised between rows, not from inside the dataset's write.
+        if (!deferredFailure_) deferredFailure_ = std::current_exception();
+    }
+    errorPlace_ = current;
+}
+
+void TKvImportBaseComponent::RaiseDeferredFailure() {
+    if (!deferredFailure_) return;
+    std::exception_ptr failure = deferredFailure_;
+    deferredFailure_ = nullptr;
+    std::rethrow_exception(failure);
 }
 
 void TKvImportBaseComponent::ResolveSourceColumns() {

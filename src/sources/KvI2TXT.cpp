@@ -124,6 +124,22 @@ TKvISourceLocation TKvImportFromText::SourceLocation() {
     return location;
 }
 
+TKvImportBaseComponent::TKvISourceMark TKvImportFromText::SourceMark() {
+    TKvISourceMark mark{TKvImportBaseComponent::SourceLocation(), -1};
+    if (place_.Record == 0) return mark;
+    mark.Location.Record = place_.Record;
+    mark.Offset = place_.Offset;
+    return mark;
+}
+
+TKvISourceLocation TKvImportFromText::MarkedLocation(const TKvISourceMark& mark) {
+    TKvISourceLocation location = mark.Location;
+    if (mark.Offset < 0) return location;
+    location.Line = file_.StartLine({location.Record, mark.Offset});
+    if (location.Line == 0) location.Line = location.Record;
+    return location;
+}
+
 void TKvImportFromText::SetCurrentRow(int64_t row, bool readAhead) {
     if (readAhead) {
         reader_.Take(file_, row, fields_, place_);

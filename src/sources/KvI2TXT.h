@@ -65,6 +65,9 @@ protected:
     bool NeedMore() override;
     /// The line where the current record starts, and the record's number.
     TKvISourceLocation SourceLocation() override;
+    /// The record's start: its line is counted only when a refused write asks for it.
+    TKvISourceMark SourceMark() override;
+    TKvISourceLocation MarkedLocation(const TKvISourceMark& mark) override;
     /// Counting the rows takes a scan of the text: the run asks only when it needs the count.
     bool TotalCountIsCheap() override { return false; }
     int GetTotalCount() override;

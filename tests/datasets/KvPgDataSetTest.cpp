@@ -245,20 +245,29 @@ TEST_F(Pg, BatchedAppendsKeepTheRowsAroundTheRefusedOnes) {
     auto& ds = dynamic_cast<TKvPgDataSet&>(*owned);
     ds.SetAppendBatch(100);
     std::vector<std::string> refused;
-    ds.OnRowRefused = [&](int64_t append, const std::string& message) {
-        refused.push_back(std::to_string(append) + ": " + message);
+    ds.OnDeferredError = [&](int64_t tag, const std::exception& error) {
+        refused.push_back(std::to_string(tag) + ": " + error.what());
     };
     const std::string odd = "tab\there\nnew line \\N back\\slash\r";
     db.StartTransaction();
-    for (int n = 1; n <= 30; ++n) Insert(ds, {n, n == 7 ? Variant::Null() : Variant(n == 2 ? odd : "x")});
+    for (int n = 1; n <= 30; ++n) {
+        if (n > 10) ds.SetRowTag(n * 100); // untagged rows go by their number among the appends
+        Insert(ds, {n, n == 7 ? Variant::Null() : Variant(n == 2 ? odd : "x")});
+        EXPECT_EQ(ds.OldestDeferredTag(), 1);
+    }
     EXPECT_EQ(ds.Fields(0).AsString(), "30"); // the last row, as posted
     EXPECT_EQ(Count("t"), 0);                 // nothing sent yet
     EXPECT_TRUE(ds.Locate("n", 2, {}));       // sent first
     EXPECT_EQ(ds.Fields(1).AsString(), odd);
     EXPECT_EQ(refused, (std::vector<std::string>{
                            "7: null value in column \"s\" of relation \"t\" violates not-null constraint",
-                           "13: new row for relation \"t\" violates check constraint \"t_n_check\""}));
-    for (int n = 31; n <= 35; ++n) Insert(ds, {n, "y"});
+                           "1300: new row for relation \"t\" violates check constraint \"t_n_check\""}));
+    EXPECT_EQ(ds.OldestDeferredTag(), std::nullopt);
+    for (int n = 31; n <= 35; ++n) {
+        ds.SetRowTag(n * 100);
+        Insert(ds, {n, "y"});
+    }
+    EXPECT_EQ(ds.OldestDeferredTag(), 3100);
     db.Commit(); // sent before the commit
     EXPECT_EQ(Count("t"), 33);
     db.StartTransaction();
@@ -269,6 +278,48 @@ TEST_F(Pg, BatchedAppendsKeepTheRowsAroundTheRefusedOnes) {
     Insert(ds, {37, "w"});
     EXPECT_EQ(ds.DeleteAll(), 34); // the waiting row too
     EXPECT_TRUE(ds.Eof() && ds.IsEmpty());
+}
+
+} // namespace
+} // namespace kv
+namespace kv {
+namespace {
+
+TEST_F(Pg, WritesAnsweredWithTheNextLookup) {
+    db.Execute("CREATE TABLE t (n smallint, s text CHECK (s <> 'bad'))");
+    db.Execute("INSERT INTO t VALUES (1, 'a'), (2, 'b'), (3, 'c')");
+    std::unique_ptr<TDataSet> owned(db.OpenDataSet("t", nullptr));
+    auto& ds = dynamic_cast<TKvPgDataSet&>(*owned);
+    ds.SetDeferWrites(true);
+    std::vector<std::string> refused;
+    ds.OnDeferredError = [&](int64_t tag, const std::exception& error) {
+        refused.push_back(std::to_string(tag) + ": " + error.what());
+    };
+    const auto update = [&](int tag, int n, const char* s) {
+        ASSERT_TRUE(ds.Locate("n", n, {}));
+        ds.SetRowTag(tag);
+        ds.Edit();
+        ds.Fields(1).SetValue(s);
+        ds.Post();
+        EXPECT_EQ(ds.OldestDeferredTag(), tag);
+    };
+    db.StartTransaction();
+    update(1, 1, "bad"); // refused: found by the next lookup, which still runs
+    update(2, 2, "x");
+    EXPECT_FALSE(ds.Locate("n", 99999, {})); // fails on the server, the write before it kept all the same
+    EXPECT_EQ(ds.OldestDeferredTag(), std::nullopt);
+    update(3, 3, "bad");
+    ds.SetRowTag(4);
+    Insert(ds, {4, "d"});
+    EXPECT_EQ(ds.Fields(1).AsString(), "d"); // reading the row waits for its answer
+    db.Commit();
+    EXPECT_EQ(refused, (std::vector<std::string>{
+                           "1: new row for relation \"t\" violates check constraint \"t_s_check\"",
+                           "3: new row for relation \"t\" violates check constraint \"t_s_check\""}));
+    TKvPgDatabase other;
+    other.Open(target);
+    TPgResult rows = other.Exec("SELECT string_agg(n || s, ',' ORDER BY n) FROM t");
+    EXPECT_STREQ(PQgetvalue(rows.get(), 0, 0), "1a,2x,3c,4d");
 }
 
 } // namespace

@@ -58,35 +58,19 @@ void Destination::AttachTransactions(TKvImportBaseComponent& component) {
     component.OnStartTransaction = [this](TObject*) {
         if (!database_->InTransaction()) database_->StartTransaction();
     };
-    // Appends into PostgreSQL go by COPY, a batch per transaction. A row the server refuses is found
-    // when its batch is sent: it is reported then, by its record, and counted as failed rather than
-    // added. A run that stops at the first error needs it at once, and keyed modes look each row up
-    // first, so those write row by row.
+    // Appends into PostgreSQL go by COPY, a batch per transaction; keyed modes look each row up first, so
+    // they write row by row, the answer to each write read with the next row's lookup. A row the server
+    // refuses is found later; the run reports it then, by the place of its row, and counts it as failed.
+    // A run that stops at the first error needs it at once.
     auto* pg = dynamic_cast<TKvPgDataSet*>(dataSet_);
-    if (pg && !component.AbortOnProblem() && (component.Mode() == imAppend || component.Mode() == imCopy)) {
+    if (pg && !component.AbortOnProblem()) {
         const int count = component.CommitCount();
-        pg->SetAppendBatch(count > 0 ? std::min(count, 50000) : 50000);
-        pg->OnRowRefused = [this](int64_t append, const std::string& message) {
-            TKvIStatistic& s = component_->Statistic();
-            --s.TotalAdded;
-            ++s.TotalErrors;
-            ++refused_;
-            const size_t at = static_cast<size_t>(append - firstAppend_);
-            std::cerr << "Record " << (at < appendRecords_.size() ? appendRecords_[at] : 0) << ": " << message
-                      << '\n';
-        };
+        if (component.Mode() == imAppend || component.Mode() == imCopy)
+            pg->SetAppendBatch(count > 0 ? std::min(count, 50000) : 50000);
+        else
+            pg->SetDeferWrites(true);
     }
-    component.OnAfterRecordEvent = [this, pg](TObject*, bool&) {
-        if (pg && pg->AppendBatch() > 0) {
-            // The record of each row in the batch, for a refusal; only the batch's rows are kept.
-            while (firstAppend_ + static_cast<int64_t>(appendRecords_.size()) <= pg->AppendCount())
-                appendRecords_.push_back(component_->Statistic().TotalImported);
-            const auto excess = static_cast<int64_t>(appendRecords_.size()) - pg->AppendBatch() - 1;
-            if (excess > 0) {
-                appendRecords_.erase(appendRecords_.begin(), appendRecords_.begin() + excess);
-                firstAppend_ += excess;
-            }
-        }
+    component.OnAfterRecordEvent = [this](TObject*, bool&) {
         const int count = component_->CommitCount();
         if (count > 0 && component_->Statistic().TotalImported % count == 0 && database_->InTransaction()) {
             Commit();

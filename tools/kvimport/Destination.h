@@ -6,8 +6,6 @@
 #include "Sources.h"
 #include "datasets/KvDatabase.h"
 
-#include <cstdint>
-#include <deque>
 #include <string>
 #include <vector>
 
@@ -38,8 +36,6 @@ public:
     void Rollback();
     /// Rows written since the last commit that a rollback (or a lost connection) took away.
     int RolledBackRows() const { return rolledBack_; }
-    /// Rows the server refused when their batch was sent (each reported on stderr as it was found).
-    int RefusedRows() const { return refused_; }
     /// Rows the run wrote and committed.
     int CommittedRows() const { return committedWrites_; }
 
@@ -53,10 +49,6 @@ private:
     TKvImportBaseComponent* component_ = nullptr;
     int committedWrites_ = 0;
     int rolledBack_ = 0;
-    int refused_ = 0;
-    // The source's record of each appended row still in a batch, from the append numbered firstAppend_.
-    std::deque<int64_t> appendRecords_;
-    int64_t firstAppend_ = 1;
     std::string createStatement_;
 };
 

@@ -12,6 +12,7 @@
 
 #include <filesystem>
 #include <iostream>
+#include <tuple>
 
 namespace kv::cli {
 
@@ -118,15 +119,18 @@ int Run(const ImportOptions& o, CommandKind kind) {
         ui.ClearLine();
         std::cerr << WarningText(w) << '\n';
     };
-    // Each failing row once, even when its error passes from the write to the row's outer guard.
-    int errors = 0, lastReportedRow = -1;
+    // Each failing row once, even when its error passes from the write to the row's outer guard. A write
+    // sent late fails while a later row runs: its place tells it apart.
+    int errors = 0;
+    std::tuple<int, int64_t, std::string> lastReported{-1, 0, ""};
     c.OnErrorEvent = [&](TObject*, const std::exception& e, bool& abort) {
-        const int row = c.Statistic().TotalImported;
-        if (row != lastReportedRow) {
+        const TKvIErrorPlace& place = c.ErrorPlace();
+        auto reported =
+            std::make_tuple(c.Statistic().TotalImported, place.Location.Row(), place.Location.Sheet);
+        if (reported != lastReported) {
             ++errors;
-            lastReportedRow = row;
+            lastReported = std::move(reported);
             ui.ClearLine();
-            const TKvIErrorPlace& place = c.ErrorPlace();
             const auto* own = dynamic_cast<const Exception*>(&e);
             std::cerr << "Row " << place.Location.Row()
                       << (place.Location.Sheet.empty() ? "" : " of sheet " + place.Location.Sheet)
@@ -157,7 +161,7 @@ int Run(const ImportOptions& o, CommandKind kind) {
     }
     if (result == irUnknown) // the parameter prompt was left: nothing ran
         std::cerr << "Nothing was imported: the parameters were not given (--param NAME=VALUE gives one).\n";
-    if (!o.Quiet && result != irUnknown) PrintSummary(c, errors + destination.RefusedRows());
+    if (!o.Quiet && result != irUnknown) PrintSummary(c, errors);
     switch (result) {
     case irExecuted:
         return c.HadProblems() && !o.AllowErrors ? ExitProblems : ExitOk;
