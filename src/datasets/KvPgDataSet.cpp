@@ -87,13 +87,6 @@ TFieldDef FieldOfType(uint32_t type, int modifier) {
     return def;
 }
 
-int HexDigit(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
-
 } // namespace
 
 Variant PgTextValue(std::string_view text, uint32_t type) {
@@ -135,7 +128,7 @@ Variant PgTextValue(std::string_view text, uint32_t type) {
         if (text.starts_with("\\x") && text.size() % 2 == 0) {
             std::string bytes(text.size() / 2 - 1, '\0');
             for (size_t i = 0; i < bytes.size(); ++i) {
-                const int high = HexDigit(text[2 + 2 * i]), low = HexDigit(text[3 + 2 * i]);
+                const int high = HexDigitValue(text[2 + 2 * i]), low = HexDigitValue(text[3 + 2 * i]);
                 if (high < 0 || low < 0) return Variant(text);
                 bytes[i] = static_cast<char>(high << 4 | low);
             }

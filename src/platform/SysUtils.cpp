@@ -120,6 +120,13 @@ bool SameText(std::string_view a, std::string_view b) {
     return CompareText(a, b) == 0;
 }
 
+int HexDigitValue(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+}
+
 int CompareStr(std::string_view a, std::string_view b) {
     int c = a.compare(b);
     return c < 0 ? -1 : c > 0 ? 1 : 0;

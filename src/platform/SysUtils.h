@@ -24,6 +24,8 @@ std::string UpperCase(std::string_view s);
 std::string LowerCase(std::string_view s);
 /// Case-insensitive equality (Unicode simple case folding; ASCII fast path).
 bool SameText(std::string_view a, std::string_view b);
+/// The value of a hexadecimal digit (either case), -1 for any other character.
+int HexDigitValue(char c);
 /// Byte-wise (code point order) comparison: negative, zero or positive.
 int CompareStr(std::string_view a, std::string_view b);
 /// Case-insensitive comparison: negative, zero or positive.

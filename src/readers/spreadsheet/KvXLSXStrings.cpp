@@ -1,21 +1,11 @@
 #include "readers/spreadsheet/KvXLSXStrings.h"
 
 #include "platform/Format.h"
+#include "platform/SysUtils.h"
 #include "platform/Utf8.h"
 #include "readers/spreadsheet/KvXLSXPackage.h"
 
 namespace kv {
-
-namespace {
-
-int HexDigit(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
-
-} // namespace
 
 void KvDecodeXLSXText(std::string& text) {
     if (text.find('\r') != std::string::npos) {
@@ -42,7 +32,7 @@ void KvDecodeXLSXText(std::string& text) {
         uint32_t unit = 0;
         bool escape = at + 7 <= text.size() && text[at + 6] == '_';
         for (size_t i = 0; escape && i < 4; ++i) {
-            const int d = HexDigit(text[at + 2 + i]);
+            const int d = HexDigitValue(text[at + 2 + i]);
             escape = d >= 0;
             unit = unit << 4 | static_cast<uint32_t>(d < 0 ? 0 : d);
         }
