@@ -4,6 +4,8 @@
 #include "platform/SysUtils.h"
 #include "platform/Utf8.h"
 
+#include <algorithm>
+
 namespace kv {
 
 namespace {
@@ -40,12 +42,12 @@ std::string FormatList(std::string_view format, std::initializer_list<TFormatArg
         if (format[i] == '-') left = true, ++i;
         int width = 0, precision = -1;
         while (i < format.size() && format[i] >= '0' && format[i] <= '9')
-            width = width * 10 + (format[i++] - '0');
+            width = std::min(width * 10 + (format[i++] - '0'), 100000);
         if (i < format.size() && format[i] == '.') {
             precision = 0;
             ++i;
             while (i < format.size() && format[i] >= '0' && format[i] <= '9')
-                precision = precision * 10 + (format[i++] - '0');
+                precision = std::min(precision * 10 + (format[i++] - '0'), 100000);
         }
         if (i >= format.size() || next == args.end() || width > 4096 || precision > 4096)
             RaiseInvalid(format);

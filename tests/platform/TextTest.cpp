@@ -181,6 +181,8 @@ TEST(Format, DirectivesOfTheMessageTexts) {
     EXPECT_EQ(Format("%.1f", 2.25), "2.2");
     EXPECT_THROW(Format("%d", "text"), EConvertError);
     EXPECT_THROW(Format("%s %s", "one"), EConvertError);
+    EXPECT_THROW(Format("%99999999999999999999d", 1), EConvertError);
+    EXPECT_THROW(Format("%.99999999999999999999s", "a"), EConvertError);
     EXPECT_THROW(Format("100%"), EConvertError);
 }
 

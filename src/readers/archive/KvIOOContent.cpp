@@ -79,7 +79,8 @@ int64_t ParseCount(std::string_view text, int64_t limit) {
     int64_t value = 0;
     for (const char c : text) {
         if (c < '0' || c > '9') return 1;
-        value = std::min(value * 10 + (c - '0'), limit);
+        // Checked before the multiplication: a run of digits must saturate, not overflow.
+        value = value > (limit - 9) / 10 ? limit : std::min(value * 10 + (c - '0'), limit);
     }
     return std::clamp<int64_t>(value, 1, limit);
 }

@@ -107,7 +107,10 @@ TEST(OOReader, DatesAreTheDateTimesOfTheExcelReaders) {
 
 TEST(OOReader, RepeatsCostNothingWhileEmptyAndAreBoundedWhileNot) {
     // Empty repeats of two thousand million cells and rows, and the million empty rows a sheet ends with.
+    // A count of forty digits saturates instead of overflowing.
     const std::string rows = OdsRow(OdsEmpty(2000000000) + OdsFloat("1")) + OdsRow(OdsEmpty(), 2000000000) +
+                             "<table:table-row table:number-rows-repeated=\"" + std::string(40, '9') +
+                             "\"><table:table-cell/></table:table-row>" +
                              OdsRow(OdsText("x") + OdsEmpty(16383), 1048000);
     TKvIOpenOfficeSpreadsheet reader;
     EXPECT_EQ(Load(reader, OdsBuilder().Sheet("S", rows).Build()), "S:");
