@@ -334,8 +334,36 @@ TPgResult TKvPgDatabase::Guarded(const std::string& sql) {
 }
 
 void TKvPgDatabase::Execute(const std::string& sql) {
+    ++writeCount_;
     for (TKvPgDataSet* dataSet : dataSets_) dataSet->FlushAppends(); // the statement may read the rows
     Guarded(sql);
+}
+
+bool TKvPgDatabase::CopyOut(const std::string& sql, const std::function<bool(std::string_view)>& row) {
+    CheckConnected();
+    EndCopies();
+    const bool guard = InTransaction();
+    if (guard) Exec("SAVEPOINT kv_statement");
+    const auto fail = [&](const pg_result* result) {
+        if (guard && PQstatus(conn_) == CONNECTION_OK)
+            TPgResult(PQexec(conn_, "ROLLBACK TO SAVEPOINT kv_statement; RELEASE SAVEPOINT kv_statement"));
+        RaiseError(result);
+    };
+    TPgResult started(PQexec(conn_, sql.c_str()));
+    if (!started || PQresultStatus(started.get()) != PGRES_COPY_OUT) fail(started.get());
+    bool more = true;
+    for (;;) {
+        char* buffer = nullptr;
+        const int size = PQgetCopyData(conn_, &buffer, 0);
+        if (size < 0) break;
+        if (more) more = row(std::string_view(buffer, static_cast<size_t>(size)));
+        PQfreemem(buffer);
+    }
+    TPgResult ended(PQgetResult(conn_));
+    while (PGresult* rest = PQgetResult(conn_)) PQclear(rest);
+    if (!ended || PQresultStatus(ended.get()) != PGRES_COMMAND_OK) fail(ended.get());
+    if (guard) Exec("RELEASE SAVEPOINT kv_statement");
+    return more;
 }
 
 std::string TKvPgDatabase::Prepare(const std::string& sql) {
@@ -390,6 +418,87 @@ void ReadPipeline(PGconn* conn, TPgResult* results, int count) {
 
 bool SendRelease(PGconn* conn) {
     return PQsendQueryPrepared(conn, "kv_release", 0, nullptr, nullptr, nullptr, 0) && PQpipelineSync(conn);
+}
+
+// A row address, "(block,offset)", as one number; kUnknown when it is not one.
+uint64_t PackAddress(std::string_view text) {
+    uint32_t block = 0;
+    uint16_t offset = 0;
+    if (text.size() < 5 || text.front() != '(' || text.back() != ')') return TKvKeyAddressMap::kUnknown;
+    const char* end = text.data() + text.size() - 1;
+    auto [p, ec] = std::from_chars(text.data() + 1, end, block);
+    if (ec != std::errc() || p == end || *p != ',') return TKvKeyAddressMap::kUnknown;
+    auto [q, ec2] = std::from_chars(p + 1, end, offset);
+    if (ec2 != std::errc() || q != end) return TKvKeyAddressMap::kUnknown;
+    return uint64_t{block} << 16 | offset;
+}
+
+std::string AddressText(uint64_t address) {
+    return "(" + std::to_string(address >> 16) + "," + std::to_string(address & 0xFFFF) + ")";
+}
+
+// A value of a key: its length (seven bits a byte), then its bytes.
+void AppendKeyPart(std::string& key, std::string_view bytes) {
+    size_t length = bytes.size();
+    for (; length >= 0x80; length >>= 7) key += static_cast<char>(0x80 | (length & 0x7F));
+    key += static_cast<char>(length);
+    key.append(bytes);
+}
+
+// A field of COPY's text format as its bytes.
+void UnescapeCopyField(std::string_view text, std::string& out) {
+    out.clear();
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] != '\\' || i + 1 == text.size()) {
+            out += text[i];
+            continue;
+        }
+        const char c = text[++i];
+        switch (c) {
+        case 'b':
+            out += '\b';
+            break;
+        case 'f':
+            out += '\f';
+            break;
+        case 'n':
+            out += '\n';
+            break;
+        case 'r':
+            out += '\r';
+            break;
+        case 't':
+            out += '\t';
+            break;
+        case 'v':
+            out += '\v';
+            break;
+        case 'x': {
+            int value = 0, digits = 0;
+            for (;
+                 digits < 2 && i + 1 < text.size() && std::isxdigit(static_cast<unsigned char>(text[i + 1]));
+                 ++digits)
+                value = value * 16 + HexDigitValue(text[++i]);
+            out += digits ? static_cast<char>(value) : 'x';
+            break;
+        }
+        default:
+            if (c >= '0' && c <= '7') {
+                int value = c - '0';
+                for (int digits = 1;
+                     digits < 3 && i + 1 < text.size() && text[i + 1] >= '0' && text[i + 1] <= '7'; ++digits)
+                    value = value * 8 + (text[++i] - '0');
+                out += static_cast<char>(value);
+            } else {
+                out += c;
+            }
+        }
+    }
+}
+
+bool IsKeyMapType(uint32_t type) {
+    // int8, int2, int4, text, varchar: types whose equal values print alike. (Not char(n), which pads.)
+    return type == 20 || type == 21 || type == 23 || type == 25 || type == 1043;
 }
 
 } // namespace
@@ -570,6 +679,7 @@ TDataSet* TKvPgDatabase::OpenDataSet(const std::string& table, TComponent* owner
     auto dataSet = std::make_unique<TKvPgDataSet>();
     dataSet->SetDatabase(this);
     dataSet->SetTableName(table);
+    dataSet->SetKeyMapAfter(keyMapAfter_);
     dataSet->Open();
     if (owner) owner->InsertComponent(dataSet.get());
     return dataSet.release();
@@ -734,6 +844,10 @@ void TKvPgDataSet::InternalClose() {
         }
     }
     pendingNumber_.reset();
+    ForgetKeyMap(false);
+    keyMapFields_.clear();
+    keyMapBuilds_ = 0;
+    keyMapRefused_ = false;
     ForgetStatements();
     columns_.clear();
     windowAddresses_.clear();
@@ -783,66 +897,119 @@ TPgResult TKvPgDataSet::Run(const std::string& statement) {
                              nullptr);
 }
 
-// The write goes with its savepoint; the release goes with the next statement, which the same savepoint
-// covers: a write and the next row's lookup cost one round trip and four statements.
+// The writes go after one savepoint; the release goes with the next statement, which the same savepoint
+// covers: a write and the next row's lookup cost one round trip and four statements. Writes that follow
+// each other without a lookup between (a key map answers them) go on in the same pipeline.
 void TKvPgDataSet::SendWrite(const std::string& statement, bool inserting) {
-    db_->EndCopies();
+    if (db_->copyOwner_) db_->copyOwner_->FlushAppends();
+    if (db_->writeOwner_ && db_->writeOwner_ != this) db_->writeOwner_->SettleWrite();
+    if (pending_.size() >= kWriteDepth) SettleWrite();
     SetParamValues();
     PGconn* conn = db_->Handle();
-    if (!PQenterPipelineMode(conn)) db_->RaiseError(nullptr);
-    if (!PQsendQueryPrepared(conn, "kv_savepoint", 0, nullptr, nullptr, nullptr, 0) ||
+    const bool first = pending_.empty();
+    if (first && !PQenterPipelineMode(conn)) db_->RaiseError(nullptr);
+    pending_.push_back({statement, paramTexts_, rowTag_.value_or(0), inserting});
+    db_->writeOwner_ = this;
+    windowValid_ = false;
+    if ((first && !PQsendQueryPrepared(conn, "kv_savepoint", 0, nullptr, nullptr, nullptr, 0)) ||
         !PQsendQueryPrepared(conn, statement.c_str(), static_cast<int>(paramValues_.size()),
                              paramValues_.data(), nullptr, nullptr, 0) ||
         PQflush(conn) != 0) {
-        PQpipelineSync(conn);
-        TPgResult results[2];
-        ReadPipeline(conn, results, 2);
-        PQexitPipelineMode(conn);
+        AbandonWrites(true);
         db_->RaiseError(nullptr);
     }
-    writePending_ = true;
-    pendingInserting_ = inserting;
-    pendingTag_ = rowTag_.value_or(0);
-    pendingStatement_ = statement;
-    pendingParams_ = paramTexts_;
-    db_->writeOwner_ = this;
-    windowValid_ = false;
+}
+
+void TKvPgDataSet::AbandonWrites(bool sentLast) noexcept {
+    if (pending_.empty()) return;
+    PGconn* conn = db_->Handle();
+    PQpipelineSync(conn);
+    std::vector<TPgResult> results(pending_.size() + (sentLast ? 1 : 0));
+    ReadPipeline(conn, results.data(), static_cast<int>(results.size()));
+    PQexitPipelineMode(conn);
+    pending_.clear();
+    db_->writeOwner_ = nullptr;
 }
 
 void TKvPgDataSet::SettleWrite() {
-    if (!writePending_) return;
-    writePending_ = false;
+    if (pending_.empty()) return;
+    std::vector<TPendingWrite> writes;
+    writes.swap(pending_);
     db_->writeOwner_ = nullptr;
     PGconn* conn = db_->Handle();
+    const size_t n = writes.size();
     const bool sent = SendRelease(conn);
-    TPgResult results[3];
-    ReadPipeline(conn, results, sent ? 3 : 2);
+    if (!sent) PQpipelineSync(conn);
+    std::vector<TPgResult> results(n + 2); // the savepoint, the writes, the release
+    ReadPipeline(conn, results.data(), static_cast<int>(sent ? n + 2 : n + 1));
     PQexitPipelineMode(conn);
     if (!Succeeded(results[0])) db_->RaiseError(results[0].get());
-    if (TakeWriteAnswer(results[1]) && (!sent || !Succeeded(results[2]))) db_->RaiseError(results[2].get());
+    size_t refused = 0;
+    while (refused < n && Succeeded(results[refused + 1])) ++refused;
+    if (refused == n) {
+        for (size_t k = 0; k < n; ++k) TakeWriteAnswer(results[k + 1], writes[k].Tag, writes[k].Inserting);
+        if (!sent || !Succeeded(results[n + 1])) db_->RaiseError(results[n + 1].get());
+        return;
+    }
+    // The refused write failed the transaction and the writes after it did not run: back to the savepoint,
+    // and each write again on its own, so that only the refused ones are lost.
+    if (n == 1) {
+        TakeWriteAnswer(results[1], writes[0].Tag, writes[0].Inserting);
+        return;
+    }
+    if (PQstatus(conn) == CONNECTION_OK)
+        TPgResult(PQexec(conn, "ROLLBACK TO SAVEPOINT kv_row; RELEASE SAVEPOINT kv_row"));
+    try {
+        db_->RaiseError(results[refused + 1].get());
+    } catch (const EDatabaseUnwritable&) {
+        throw;
+    } catch (const EDatabaseError&) {
+        // The row's own fault: found again below.
+    }
+    RunWritesAlone(writes);
 }
 
-bool TKvPgDataSet::TakeWriteAnswer(const TPgResult& result) {
+void TKvPgDataSet::RunWritesAlone(std::vector<TPendingWrite>& writes) {
+    std::vector<std::string> params;
+    params.swap(paramTexts_);
+    for (TPendingWrite& write : writes) {
+        paramTexts_.swap(write.Params);
+        try {
+            TPgResult again = Run(write.Statement);
+            TakeWritten(again.get(), write.Inserting);
+        } catch (const EDatabaseUnwritable&) {
+            throw;
+        } catch (const EDatabaseError& e) {
+            if (!OnDeferredError) throw;
+            OnDeferredError(write.Tag, e);
+        }
+    }
+    paramTexts_.swap(params);
+}
+
+bool TKvPgDataSet::TakeWriteAnswer(const TPgResult& result, int64_t tag, bool inserting) {
     try {
         if (!Succeeded(result)) {
             if (PQstatus(db_->Handle()) == CONNECTION_OK)
                 TPgResult(PQexec(db_->Handle(), "ROLLBACK TO SAVEPOINT kv_row; RELEASE SAVEPOINT kv_row"));
             db_->RaiseError(result.get());
         }
-        TakeWritten(result.get(), pendingInserting_);
+        TakeWritten(result.get(), inserting);
         return true;
     } catch (const EDatabaseUnwritable&) {
         throw;
     } catch (const EDatabaseError& e) {
         if (!OnDeferredError) throw;
-        OnDeferredError(pendingTag_, e);
+        OnDeferredError(tag, e);
         return false;
     }
 }
 
 TPgResult TKvPgDataSet::RunAfterWrite(const std::string& statement) {
     SetParamValues();
-    writePending_ = false;
+    std::vector<TPendingWrite> writes;
+    writes.swap(pending_);
+    TPendingWrite& write = writes.front();
     db_->writeOwner_ = nullptr;
     PGconn* conn = db_->Handle();
     const bool sent = PQsendQueryPrepared(conn, statement.c_str(), static_cast<int>(paramValues_.size()),
@@ -855,25 +1022,13 @@ TPgResult TKvPgDataSet::RunAfterWrite(const std::string& statement) {
     if (!Succeeded(results[0])) db_->RaiseError(results[0].get());
     // A refused write leaves the transaction failed until its savepoint is rolled back: the statement
     // after it did not run.
-    if (!TakeWriteAnswer(results[1]) || !sent) return Run(statement);
+    if (!TakeWriteAnswer(results[1], write.Tag, write.Inserting) || !sent) return Run(statement);
     if (Succeeded(results[2]) && Succeeded(results[3])) return std::move(results[2]);
     // The statement failed, and the write with it: the write again alone, then the statement's error.
     if (PQstatus(conn) == CONNECTION_OK)
         TPgResult(PQexec(conn, "ROLLBACK TO SAVEPOINT kv_row; RELEASE SAVEPOINT kv_row"));
     const TPgResult& failed = Succeeded(results[2]) ? results[3] : results[2];
-    std::vector<std::string> params;
-    params.swap(paramTexts_);
-    paramTexts_ = pendingParams_;
-    try {
-        TPgResult again = Run(pendingStatement_);
-        TakeWritten(again.get(), pendingInserting_);
-    } catch (const EDatabaseUnwritable&) {
-        throw;
-    } catch (const EDatabaseError& e) {
-        if (!OnDeferredError) throw;
-        OnDeferredError(pendingTag_, e);
-    }
-    paramTexts_.swap(params);
+    RunWritesAlone(writes);
     db_->RaiseError(failed.get());
 }
 
@@ -883,7 +1038,11 @@ void TKvPgDataSet::TakeWritten(const pg_result* result, bool inserting) {
         if (!inserting) throw EDatabaseError("Record not found or changed by another user");
         return; // a rule or trigger dropped the row: the cursor stays where it was
     }
-    TakeRow(result);
+    // Writes answer with the row's address alone (its values are read when asked for): their answers,
+    // many in one pipeline, stay small.
+    address_ = PQgetvalue(result, 0, 0);
+    onRow_ = true;
+    onBatchedRow_ = false;
 }
 
 void TKvPgDataSet::TakeRows(const pg_result* result) {
@@ -932,6 +1091,7 @@ size_t TKvPgDataSet::FillWindow(const std::string& from, bool after) {
 
 bool TKvPgDataSet::InternalFirst() {
     FlushAppends();
+    lastKeyValid_ = false;
     onRow_ = FillWindow(hasCtid_ ? "(0,0)" : "0", false) > 0;
     if (onRow_) address_ = windowAddresses_[0];
     return onRow_;
@@ -939,6 +1099,7 @@ bool TKvPgDataSet::InternalFirst() {
 
 bool TKvPgDataSet::InternalNext() {
     SettleWrite();
+    lastKeyValid_ = false;
     if (onBatchedRow_) {
         FlushAppends();
         return false; // the row appended last is the last
@@ -979,6 +1140,8 @@ void TKvPgDataSet::InternalReadRecord(std::vector<Variant>& values) {
 void TKvPgDataSet::InternalPost(bool inserting, const std::vector<Variant>& values,
                                 const TAssignedFields& given) {
     CheckWritable();
+    NoteWrite();
+    if (keyMap_) KeyMapBeforeWrite(inserting, values, given);
     // A Null key of a numbered column is left to the table to number.
     std::string key(1, inserting ? 'i' : 'u');
     std::vector<int> fields;
@@ -1003,7 +1166,7 @@ void TKvPgDataSet::InternalPost(bool inserting, const std::vector<Variant>& valu
         AddToBatch(bound, fields);
         return;
     }
-    FlushAppends();
+    if (!batchStarts_.empty()) FlushAppends();
 
     auto statement = statements_.find(key);
     if (statement == statements_.end()) {
@@ -1032,7 +1195,7 @@ void TKvPgDataSet::InternalPost(bool inserting, const std::vector<Variant>& valu
             }
             sql += " WHERE ctid = " + next() + "::tid";
         }
-        sql += " RETURNING ctid, " + ColumnList();
+        sql += " RETURNING ctid";
         statement = statements_.emplace(key, db_->Prepare(sql)).first;
     }
     if (inserting && !numberGiven && pendingNumber_) MoveSequencePast(); // before the table numbers a row
@@ -1180,15 +1343,8 @@ void TKvPgDataSet::CopyPiece(size_t first, size_t last, std::optional<std::strin
 }
 
 void TKvPgDataSet::DiscardAppends() noexcept {
-    if (writePending_) {
-        writePending_ = false;
-        db_->writeOwner_ = nullptr;
-        PGconn* conn = db_->Handle();
-        PQpipelineSync(conn);
-        TPgResult results[2];
-        ReadPipeline(conn, results, 2);
-        PQexitPipelineMode(conn);
-    }
+    AbandonWrites(true);
+    ForgetKeyMap(false); // rows rolled back may have been taken into it
     if (db_ && db_->copyOwner_ == this) {
         db_->copyOwner_ = nullptr;
         PGconn* conn = db_->Handle();
@@ -1253,6 +1409,14 @@ bool TKvPgDataSet::InternalDelete() {
     CheckWritable();
     FlushAppends();
     if (!onRow_) return false;
+    NoteWrite();
+    if (keyMap_) {
+        if (lastKeyValid_)
+            keyMap_->Set(lastKey_, TKvKeyAddressMap::kUnknown);
+        else
+            ForgetKeyMap(false);
+    }
+    lastKeyValid_ = false;
     const std::string& statement =
         Statement("delete", "DELETE FROM " + QuotedTable() + " WHERE ctid = $1::tid");
     paramTexts_ = {address_};
@@ -1265,11 +1429,24 @@ bool TKvPgDataSet::InternalDelete() {
 
 bool TKvPgDataSet::InternalLocate(const std::vector<int>& fields, const std::vector<Variant>& values,
                                   TLocateOptions options) {
-    if (!writePending_) FlushAppends(); // a write waiting for its answer gets it with this statement's
     const bool noCase = options.Contains(loCaseInsensitive), partial = options.Contains(loPartialKey);
     for (size_t k = 0; k < fields.size(); ++k)
         if (values[k].IsString() && !IsTextType(columns_[static_cast<size_t>(fields[k])].Def.DataType))
             return false; // not of the field's type: equal to no value of it
+    const bool exact = !noCase && !partial;
+    bool mapped = false; // the map holds this key but not its row's address
+    if (exact) {
+        // Rows another dataset of this connection wrote are not in the map.
+        if (keyMap_ && db_->writeCount_ != seenWrites_) ForgetKeyMap(false);
+        if (!HasKeyMap(fields)) ConsiderKeyMap(fields);
+        if (HasKeyMap(fields)) {
+            if (const std::optional<bool> found = MapLocate(values)) return *found;
+            mapped = !lastKey_.empty();
+        }
+    }
+    // One write waiting for its answer gets it with this statement's; more are read first.
+    if (pending_.size() > 1) SettleWrite();
+    if (pending_.empty()) FlushAppends();
     // The statement depends on the fields, how each compares and which keys are Null.
     std::string key = "l";
     for (size_t k = 0; k < fields.size(); ++k) {
@@ -1314,15 +1491,23 @@ bool TKvPgDataSet::InternalLocate(const std::vector<int>& fields, const std::vec
     BindValues(values, fields);
     TPgResult result;
     try {
-        result = writePending_ ? RunAfterWrite(statement->second) : Run(statement->second);
+        result = pending_.size() == 1 ? RunAfterWrite(statement->second) : Run(statement->second);
     } catch (const EDatabaseUnwritable&) {
         throw;
     } catch (const EDatabaseError&) {
         return false; // a key the column's type cannot read (compared as it stands, it finds nothing)
     }
-    if (PQntuples(result.get()) == 0) return false;
-    TakeRow(result.get()); // the row comes with its address: reading it costs no second query
-    return true;
+    const bool found = PQntuples(result.get()) > 0;
+    if (found) TakeRow(result.get()); // the row comes with its address: reading it costs no second query
+    if (mapped && keyMap_) {
+        // The server's answer goes into the map, for the next lookup of the key.
+        if (!keyMap_->Set(lastKey_, found ? PackAddress(address_) : TKvKeyAddressMap::kAbsent))
+            ForgetKeyMap(true);
+        lastKeyValid_ = found;
+    } else {
+        lastKeyValid_ = false;
+    }
+    return found;
 }
 
 void TKvPgDataSet::TakeRow(const pg_result* result) {
@@ -1337,9 +1522,12 @@ void TKvPgDataSet::TakeRow(const pg_result* result) {
 
 std::optional<int64_t> TKvPgDataSet::DeleteAll() {
     CheckWritable();
+    NoteWrite();
     FlushAppends();
     paramTexts_.clear();
     TPgResult result = Run(Statement("delete all", "DELETE FROM " + QuotedTable()));
+    if (keyMap_) keyMap_ = std::make_unique<TKvKeyAddressMap>(kKeyMapBytes); // the table is empty
+    lastKeyValid_ = false;
     onRow_ = false;
     windowValid_ = false;
     RecordChanged();
@@ -1353,6 +1541,152 @@ int TKvPgDataSet::InternalRecordCount() {
     paramTexts_.clear();
     TPgResult result = Run(statement);
     return static_cast<int>(std::min<int64_t>(StrToInt64(PQgetvalue(result.get(), 0, 0)), INT_MAX));
+}
+
+// ---- the key map ----
+
+bool TKvPgDataSet::KeyMapFits(const std::vector<int>& fields) const {
+    if (!hasCtid_ || fields.empty() || fields.size() > 16) return false;
+    for (int field : fields)
+        if (!IsKeyMapType(columns_[static_cast<size_t>(field)].Type)) return false;
+    return true;
+}
+
+bool TKvPgDataSet::KeyBytes(const std::vector<Variant>& values, std::string& out) const {
+    out.clear();
+    std::string text;
+    for (size_t k = 0; k < keyMapFields_.size(); ++k) {
+        const Variant& value = values[k];
+        const TColumn& column = columns_[static_cast<size_t>(keyMapFields_[k])];
+        const bool integer = column.Type != 25 && column.Type != 1043;
+        if (integer ? value.VarType() != varInteger && value.VarType() != varInt64 : !value.IsString())
+            return false;
+        if (!ValueText(value, column.Def.DataType, text) || text.find('\0') != std::string::npos)
+            return false;
+        AppendKeyPart(out, text);
+    }
+    return true;
+}
+
+void TKvPgDataSet::NoteWrite() {
+    if (keyMap_ && db_->writeCount_ != seenWrites_) ForgetKeyMap(false);
+    seenWrites_ = ++db_->writeCount_;
+}
+
+void TKvPgDataSet::ConsiderKeyMap(const std::vector<int>& fields) {
+    if (keyMapRefused_ || keyMapAfter_ < 0 || !KeyMapFits(fields)) return;
+    if (fields != keyMapFields_) {
+        ForgetKeyMap(false);
+        keyMapFields_ = fields;
+        keyMapBuilds_ = 0;
+    }
+    if (keyMapLookups_++ < keyMapAfter_) return;
+    // A map that keeps being dropped (the run writes rows it cannot follow) is not built again and again.
+    if (keyMapBuilds_ >= 3) {
+        keyMapRefused_ = true;
+        return;
+    }
+    try {
+        BuildKeyMap();
+    } catch (const EDatabaseUnwritable&) {
+        throw;
+    } catch (const EDatabaseError&) {
+        ForgetKeyMap(true); // the lookups go on by query
+    }
+}
+
+void TKvPgDataSet::BuildKeyMap() {
+    ++keyMapBuilds_;
+    SettleWrite();
+    FlushAppends();
+    std::string sql = "COPY (SELECT ctid";
+    for (int field : keyMapFields_)
+        sql += ", " + TKvPgDatabase::QuoteIdentifier(columns_[static_cast<size_t>(field)].Def.Name);
+    sql += " FROM " + QuotedTable() + ") TO STDOUT";
+    auto map = std::make_unique<TKvKeyAddressMap>(kKeyMapBytes);
+    // The planner's count of rows sizes the map ahead (a table too large for it is not read at all).
+    std::string literal = "'";
+    for (char c : QuotedTable()) literal += c == '\'' ? std::string("''") : std::string(1, c);
+    literal += "'";
+    TPgResult estimate = db_->Guarded(
+        "SELECT reltuples::bigint FROM pg_catalog.pg_class WHERE oid = " + literal + "::regclass");
+    const int64_t rows = PQntuples(estimate.get()) ? StrToInt64(PQgetvalue(estimate.get(), 0, 0)) : -1;
+    if (rows > 0 && !map->Reserve(static_cast<size_t>(rows), 8 * keyMapFields_.size()))
+        return ForgetKeyMap(true);
+    std::string key, bytes;
+    const bool fits = db_->CopyOut(sql, [&](std::string_view line) {
+        if (!line.empty() && line.back() == '\n') line.remove_suffix(1);
+        size_t tab = line.find('\t');
+        const uint64_t address = PackAddress(line.substr(0, tab));
+        key.clear();
+        for (size_t k = 0; k < keyMapFields_.size(); ++k) {
+            if (tab == std::string_view::npos) return false; // not the row asked for
+            const size_t from = tab + 1;
+            tab = line.find('\t', from);
+            const std::string_view field =
+                line.substr(from, tab == std::string_view::npos ? tab : tab - from);
+            if (field == "\\N") return true; // a Null key: found by no lookup
+            UnescapeCopyField(field, bytes);
+            AppendKeyPart(key, bytes);
+        }
+        return map->Add(key, address);
+    });
+    if (!fits) return ForgetKeyMap(true);
+    keyMap_ = std::move(map);
+    seenWrites_ = db_->writeCount_;
+    lastKeyValid_ = false;
+}
+
+void TKvPgDataSet::ForgetKeyMap(bool refuse) noexcept {
+    keyMap_.reset();
+    lastKey_.clear();
+    lastKeyValid_ = false;
+    keyMapLookups_ = 0;
+    if (refuse) keyMapRefused_ = true;
+}
+
+std::optional<bool> TKvPgDataSet::MapLocate(const std::vector<Variant>& values) {
+    lastKeyValid_ = false;
+    if (!KeyBytes(values, lastKey_)) {
+        lastKey_.clear();
+        return std::nullopt;
+    }
+    const uint64_t address = keyMap_->Find(lastKey_);
+    if (address == TKvKeyAddressMap::kUnknown) return std::nullopt;
+    if (address == TKvKeyAddressMap::kAbsent) return false;
+    address_ = AddressText(address);
+    onRow_ = true;
+    onBatchedRow_ = false;
+    windowValid_ = false;
+    lastKeyValid_ = true;
+    return true;
+}
+
+void TKvPgDataSet::KeyMapBeforeWrite(bool inserting, const std::vector<Variant>& values,
+                                     const TAssignedFields& given) {
+    std::vector<Variant> key;
+    bool all = true, any = false, null = false;
+    for (int field : keyMapFields_) {
+        const auto i = static_cast<size_t>(field);
+        if (!given[i]) {
+            all = false;
+            continue;
+        }
+        any = true;
+        null = null || values[i].IsNullOrEmpty();
+        key.push_back(values[i]);
+    }
+    if (!inserting) {
+        // The row moves to a new address, and maybe to a new key: what the map held of it is forgotten.
+        if (!lastKeyValid_) return ForgetKeyMap(false);
+        keyMap_->Set(lastKey_, TKvKeyAddressMap::kUnknown);
+        lastKeyValid_ = false;
+        if (!any) return;
+    }
+    // A row that a lookup will find by its key: the map learns that the key is held.
+    if (null) return; // found by no lookup
+    if (!all || !KeyBytes(key, keyScratch_)) return ForgetKeyMap(false);
+    if (!keyMap_->Add(keyScratch_, TKvKeyAddressMap::kUnknown)) ForgetKeyMap(true);
 }
 
 } // namespace kv

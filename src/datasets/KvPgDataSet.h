@@ -9,7 +9,11 @@
 //
 // Inside a transaction every write runs between a savepoint and its release, sent together in one round
 // trip, so that a row the server refuses costs neither the transaction nor the rows before it, as with
-// SQLite.
+// SQLite. Writes sent on without waiting (SetDeferWrites) share one savepoint; when the server refuses one
+// of them, they are rolled back together and run again one by one.
+//
+// Keyed lookups, row after row, go to a map of the table's keys held in memory once they are many
+// (SetKeyMapAfter): an import by key then costs a round trip per few hundred rows, not per row.
 //
 // Asked to (SetAppendBatch), appends go to the server by COPY instead, streamed while the next rows are
 // made and kept until the batch ends, so that a refused row can be found by sending them again in pieces.
@@ -17,6 +21,7 @@
 // Views, partitioned and foreign tables have no row address: they are read by offset and refuse writes.
 
 #include "datasets/KvDatabase.h"
+#include "datasets/KvKeyAddressMap.h"
 
 #include <cstdint>
 #include <functional>
@@ -59,6 +64,10 @@ public:
     int LockTimeout() const { return lockTimeout_; }
     void SetLockTimeout(int milliseconds) { lockTimeout_ = milliseconds < 0 ? 0 : milliseconds; }
 
+    /// The KeyMapAfter of the datasets OpenDataSet opens (default 1000).
+    int KeyMapAfter() const { return keyMapAfter_; }
+    void SetKeyMapAfter(int lookups) { keyMapAfter_ = lookups; }
+
     /// "PostgreSQL database \"sales\" on host \"db1\" port 5432".
     std::string Description() const override;
 
@@ -89,6 +98,9 @@ public:
     pg_conn* Handle() const { return conn_; }
     /// Runs a query with no parameters; raises the server's error.
     TPgResult Exec(const std::string& sql);
+    /// Runs `COPY (...) TO STDOUT` (under a savepoint inside a transaction) and hands each row's text to
+    /// `row` until it answers false; the rest is read and dropped. False when `row` stopped it.
+    bool CopyOut(const std::string& sql, const std::function<bool(std::string_view)>& row);
     /// Prepares `sql` and gives the name it runs under.
     std::string Prepare(const std::string& sql);
     void Deallocate(const std::string& name) noexcept;
@@ -122,6 +134,8 @@ private:
 
     pg_conn* conn_ = nullptr;
     int lockTimeout_ = 10000;
+    int keyMapAfter_ = 1000;
+    uint64_t writeCount_ = 0;             // writes by its datasets and statements, for their key maps
     uint64_t statementCount_ = 0;         // names prepared statements
     std::vector<TKvPgDataSet*> dataSets_; // datasets whose Database is this one
     TKvPgDataSet* copyOwner_ = nullptr;   // the dataset whose COPY is under way
@@ -156,15 +170,25 @@ public:
     /// Rows posted without a tag are tagged by their number among the appends since the dataset opened.
     void SetRowTag(int64_t tag) override { rowTag_ = tag; }
     std::optional<int64_t> OldestDeferredTag() const override {
-        if (writePending_) return pendingTag_;
+        if (!pending_.empty()) return pending_.front().Tag;
         return batchTags_.empty() ? std::nullopt : std::optional(batchTags_.front());
     }
     /// Inside a transaction, with an OnDeferredError handler, a row inserted or updated by itself is sent
     /// without waiting for the server's answer, which is read with the next statement (the next row's
-    /// Locate, most often, which then costs no round trip of its own). A write the server refuses goes to
+    /// Locate, most often, which then costs no round trip of its own; with a key map, the writes go on
+    /// for up to 256 rows before their answers are read). A write the server refuses goes to
     /// OnDeferredError. Off by default.
     bool DeferWrites() const { return deferWrites_; }
     void SetDeferWrites(bool defer) { deferWrites_ = defer; }
+    /// Lookups by exact keys of integer or text columns are answered from a map of the table's keys to
+    /// row addresses, read by one COPY, once this many lookups by the same fields have gone to the
+    /// server (default 1000; 0 builds it at the first, a negative number never). A table whose keys
+    /// take more than 64 MiB keeps looking each row up. Rows other sessions write meanwhile are not in
+    /// the map.
+    int KeyMapAfter() const { return keyMapAfter_; }
+    void SetKeyMapAfter(int lookups) { keyMapAfter_ = lookups; }
+    /// True while a key map answers lookups by these fields.
+    bool HasKeyMap(const std::vector<int>& fields) const { return keyMap_ && keyMapFields_ == fields; }
     /// Sends the rows waiting to be appended.
     void FlushAppends();
     /// Forgets them (the transaction they were for is rolled back).
@@ -202,6 +226,12 @@ protected:
 
 private:
     friend class TKvPgDatabase;
+    struct TPendingWrite {
+        std::string Statement;
+        std::vector<std::string> Params;
+        int64_t Tag = 0;
+        bool Inserting = false;
+    };
     struct TColumn {
         TFieldDef Def;
         uint32_t Type = 0;      // the type's oid
@@ -233,13 +263,35 @@ private:
     void TakeWritten(const pg_result* result, bool inserting);
     /// Sends a write by prepared statement `statement` with paramTexts_, its answer left for later.
     void SendWrite(const std::string& statement, bool inserting);
-    /// Reads the answer to the write sent last, if any.
+    /// Reads the answers to the writes sent, if any.
     void SettleWrite();
-    /// The answer to the write sent last: false when the server refused it (rolled back to its savepoint
-    /// and told to OnDeferredError).
-    bool TakeWriteAnswer(const TPgResult& result);
+    /// Forgets the writes sent (`sentLast`: the last statement reached the connection), reading what the
+    /// server answers so that the connection is free again.
+    void AbandonWrites(bool sentLast) noexcept;
+    /// The answer to a write sent: false when the server refused it (rolled back to its savepoint and
+    /// told to OnDeferredError).
+    bool TakeWriteAnswer(const TPgResult& result, int64_t tag, bool inserting);
+    /// The writes sent again one by one, each under its own savepoint, after one of them was refused.
+    void RunWritesAlone(std::vector<TPendingWrite>& writes);
     /// Runs `statement` with paramTexts_ in the round trip that brings the pending write's answer.
     TPgResult RunAfterWrite(const std::string& statement);
+    /// Whether a key map may serve lookups by `fields`: a table with row addresses, fields of integer or
+    /// text types.
+    bool KeyMapFits(const std::vector<int>& fields) const;
+    /// Counts a lookup by `fields` and builds their key map when it is due.
+    void ConsiderKeyMap(const std::vector<int>& fields);
+    void BuildKeyMap();
+    /// Counts a write of this dataset (first dropping a key map another dataset's writes made stale).
+    void NoteWrite();
+    /// Drops the key map (`refuse`: for the rest of the run).
+    void ForgetKeyMap(bool refuse) noexcept;
+    /// The bytes the key map holds for `values` (in the order of the map's fields); false when a value
+    /// is Null or not in the form the server prints for the column.
+    bool KeyBytes(const std::vector<Variant>& values, std::string& out) const;
+    /// The key map's answer to a lookup: nullopt when it does not know.
+    std::optional<bool> MapLocate(const std::vector<Variant>& values);
+    /// Keeps the key map true to a row about to be written or deleted.
+    void KeyMapBeforeWrite(bool inserting, const std::vector<Variant>& values, const TAssignedFields& given);
     void SetParamValues();
     /// Appends row `values` to the waiting batch (its columns `fields`).
     void AddToBatch(const std::vector<Variant>& values, const std::vector<int>& fields);
@@ -284,13 +336,25 @@ private:
     bool copyGuarded_ = false; // the COPY under way runs under a savepoint
     std::vector<std::pair<int64_t, std::string>> refused_;
 
-    // A write sent whose answer is still to be read (SetDeferWrites).
+    // Writes sent whose answers are still to be read (SetDeferWrites), each with its statement and
+    // parameters, to send it again when one before or after it failed.
+    static constexpr size_t kWriteDepth = 256;
+    static constexpr size_t kKeyMapBytes = size_t{64} << 20;
     bool deferWrites_ = false;
-    bool writePending_ = false;
-    bool pendingInserting_ = false;
-    int64_t pendingTag_ = 0;
-    std::string pendingStatement_; // and its parameters, to send it again when what followed it failed
-    std::vector<std::string> pendingParams_;
+    std::vector<TPendingWrite> pending_;
+
+    // The key map, the fields it is for, and the lookups by them that went to the server. The current row's
+    // key, while it was reached through a lookup by those fields.
+    int keyMapAfter_ = 1000;
+    std::unique_ptr<TKvKeyAddressMap> keyMap_;
+    std::vector<int> keyMapFields_;
+    int keyMapLookups_ = 0;
+    int keyMapBuilds_ = 0;
+    bool keyMapRefused_ = false;
+    uint64_t seenWrites_ = 0; // the database's writeCount_ the key map has followed
+    std::string lastKey_;
+    bool lastKeyValid_ = false;
+    std::string keyScratch_;
 
     // The cursor: the current row's address and a window of rows read ahead (values stored field by
     // field), valid until this dataset writes. Without row addresses, the address is the row's offset.

@@ -50,7 +50,7 @@ private:
 class DatabaseTables : public TableFactory {
 public:
     explicit DatabaseTables(const test::DatabaseTarget& target)
-        : db_(*OpenDatabase(target.Make(dir_), &root_)), storesAnyValue_(target.StoresAnyValue) {}
+        : db_(*OpenTarget(target, dir_, &root_)), storesAnyValue_(target.StoresAnyValue) {}
     TDataSet& Make(const std::vector<TFieldDef>& fields) override {
         db_.CreateTable(table_, fields);
         return *db_.OpenDataSet(table_, &root_);

@@ -4,6 +4,8 @@
 
 #include "TestSupport.h"
 #include "datasets/DataSet.h"
+#include "datasets/KvDatabase.h"
+#include "datasets/KvPgDataSet.h"
 #include "support/PgCluster.h"
 
 #include <functional>
@@ -21,7 +23,16 @@ struct DatabaseTarget {
     std::function<std::string(const TempDir& dir)> Make;
     /// What the datasets of this database do where implementations may differ.
     bool StoresAnyValue = false;
+    /// Settings the database takes once open.
+    std::function<void(TKvDatabase&)> Configure = nullptr;
 };
+
+/// The target's database, opened and configured.
+inline TKvDatabase* OpenTarget(const DatabaseTarget& target, const TempDir& dir, TComponent* owner) {
+    TKvDatabase* db = OpenDatabase(target.Make(dir), owner);
+    if (target.Configure) target.Configure(*db);
+    return db;
+}
 
 /// Each database, PostgreSQL (a fresh schema of the test run's cluster each time) only where its server
 /// programs are installed: otherwise its tests are left out, with one message saying so.
@@ -33,6 +44,10 @@ inline std::vector<DatabaseTarget> DatabaseTargets() {
     if (PgCluster::Missing().empty()) {
         targets.push_back(
             {"PostgreSQL", [](const TempDir&) { return PgCluster::Get().FreshSchema(); }, false});
+        // Lookups by key answered from the key map from the first one on.
+        targets.push_back({"PostgreSQLKeyMap", [](const TempDir&) { return PgCluster::Get().FreshSchema(); },
+                           false,
+                           [](TKvDatabase& db) { dynamic_cast<TKvPgDatabase&>(db).SetKeyMapAfter(0); }});
     } else {
         static const bool told = (std::cerr << PgCluster::Missing() << "\n", true);
         (void)told;

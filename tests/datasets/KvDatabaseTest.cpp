@@ -15,7 +15,7 @@ using test::Field;
 
 class DatabaseTest : public ::testing::TestWithParam<test::DatabaseTarget> {
 protected:
-    DatabaseTest() : db(*OpenDatabase(GetParam().Make(dir), &root)) {}
+    DatabaseTest() : db(*OpenTarget(GetParam(), dir, &root)) {}
 
     std::unique_ptr<TDataSet> Open(const std::string& table) {
         return std::unique_ptr<TDataSet>(db.OpenDataSet(table, nullptr));

@@ -322,5 +322,108 @@ TEST_F(Pg, WritesAnsweredWithTheNextLookup) {
     EXPECT_STREQ(PQgetvalue(rows.get(), 0, 0), "1a,2x,3c,4d");
 }
 
+TEST_F(Pg, TheKeyMapAnswersLookupsAsTheServerDoes) {
+    // Duplicates (the first by address is found), a Null key, texts COPY escapes, a key of two fields.
+    db.Execute("CREATE TABLE t (id int, code text, name varchar(20), n smallint)");
+    db.Execute(
+        "INSERT INTO t VALUES (1, 'a', 'one', 1), (2, 'b', 'two', 2), (2, 'b2', 'dup', 3), "
+        "(NULL, 'z', 'null', 4), (3, E'tab\\there', 'esc', 5), (4, E'back\\\\slash\\nline', 'esc2', 6), "
+        "(5, 'é€', 'utf8', 7)");
+    const std::vector<std::pair<std::string, std::vector<Variant>>> lookups = {
+        {"id", {1, 2, 9, "2", Variant::Null(), 6}},
+        {"code", {"tab\there", "back\\slash\nline", "é€", "E", 5, "a-again", "x"}},
+        {"id;code", {Variant::FromArray({2, "b2"}), Variant::FromArray({2, "b3"})}},
+        {"name", {"esc", "dup"}},
+        {"n", {7, 70000, 8}},
+    };
+    // A dataset with a key map for each set of fields, and one that asks the server every time.
+    std::vector<std::unique_ptr<TDataSet>> mapped;
+    for (size_t i = 0; i < lookups.size(); ++i) {
+        mapped.emplace_back(db.OpenDataSet("t", nullptr));
+        dynamic_cast<TKvPgDataSet&>(*mapped.back()).SetKeyMapAfter(0);
+    }
+    std::unique_ptr<TDataSet> plainOwned(db.OpenDataSet("t", nullptr));
+    auto& plain = dynamic_cast<TKvPgDataSet&>(*plainOwned);
+    plain.SetKeyMapAfter(-1);
+    const auto same = [&](const std::string& when) {
+        for (size_t i = 0; i < lookups.size(); ++i) {
+            const auto& [fields, keys] = lookups[i];
+            for (size_t k = 0; k < keys.size(); ++k) {
+                SCOPED_TRACE(when + ": by " + fields + ", key " + std::to_string(k + 1));
+                const bool found = plain.Locate(fields, keys[k], {});
+                ASSERT_EQ(mapped[i]->Locate(fields, keys[k], {}), found);
+                if (found) {
+                    EXPECT_EQ(mapped[i]->Fields(3).AsString(), plain.Fields(3).AsString());
+                }
+            }
+        }
+    };
+    same("built");
+    auto& byId = dynamic_cast<TKvPgDataSet&>(*mapped[0]);
+    EXPECT_TRUE(byId.HasKeyMap({0}));
+    EXPECT_TRUE(dynamic_cast<TKvPgDataSet&>(*mapped[2]).HasKeyMap({0, 1}));
+
+    // Rows written through the dataset mapped by id, inside a transaction that is then rolled back: its
+    // map follows them, the others' maps are read again.
+    db.StartTransaction();
+    ASSERT_TRUE(byId.Locate("id", 2, {}));
+    byId.Edit();
+    byId.Fields(0).SetValue(9); // the first row of key 2 moves to key 9: the second is found now
+    byId.Post();
+    Insert(byId, {1, "a-again", "later", 8});
+    Insert(byId, {6, "new", "new", 9});
+    ASSERT_TRUE(byId.Locate("id", 3, {}));
+    byId.Delete();
+    same("written");
+    EXPECT_TRUE(byId.HasKeyMap({0}));
+    db.Rollback();
+    same("rolled back");
+    db.StartTransaction();
+    byId.DeleteAll();
+    same("emptied");
+    Insert(byId, {2, "x", "x", 10});
+    same("one row");
+    db.Commit();
+}
+
+TEST_F(Pg, WritesByTheKeyMapGoOnUntilTheirAnswersAreRead) {
+    // Every 97th update is refused: the rows around it stay, and each refused row is told by its own tag,
+    // inside a pipeline of many writes.
+    db.Execute("CREATE TABLE t (id int PRIMARY KEY, s text CHECK (s <> 'bad'))");
+    db.Execute("INSERT INTO t SELECT g, 'old' FROM generate_series(1, 1000) g");
+    std::unique_ptr<TDataSet> owned(db.OpenDataSet("t", nullptr));
+    auto& ds = dynamic_cast<TKvPgDataSet&>(*owned);
+    ds.SetKeyMapAfter(0);
+    ds.SetDeferWrites(true);
+    std::vector<int64_t> refused;
+    ds.OnDeferredError = [&](int64_t tag, const std::exception&) { refused.push_back(tag); };
+    db.StartTransaction();
+    std::vector<int64_t> expected;
+    for (int id = 1; id <= 1200; ++id) {
+        ds.SetRowTag(id);
+        if (ds.Locate("id", id, {})) {
+            ds.Edit();
+        } else {
+            ds.Append();
+            ds.Fields(0).SetValue(id);
+        }
+        const bool bad = id % 97 == 0;
+        if (bad) expected.push_back(id);
+        ds.Fields(1).SetValue(bad ? "bad" : "new");
+        ds.Post();
+    }
+    EXPECT_TRUE(ds.HasKeyMap({0}));
+    db.Commit();
+    EXPECT_EQ(refused, expected);
+    TKvPgDatabase other;
+    other.Open(target);
+    TPgResult rows =
+        other.Exec("SELECT count(*) FILTER (WHERE s = 'new'), count(*) FILTER (WHERE s = 'old'), "
+                   "count(*) FROM t");
+    EXPECT_EQ(std::string(PQgetvalue(rows.get(), 0, 0)) + " " + PQgetvalue(rows.get(), 0, 1) + " " +
+                  PQgetvalue(rows.get(), 0, 2),
+              "1188 10 1198");
+}
+
 } // namespace
 } // namespace kv

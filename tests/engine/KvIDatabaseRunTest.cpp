@@ -16,7 +16,7 @@ using Rows = std::vector<std::vector<Variant>>;
 
 class DatabaseRun : public ::testing::TestWithParam<test::DatabaseTarget> {
 protected:
-    DatabaseRun() : settings_(InvariantFormatSettings()), db(*OpenDatabase(GetParam().Make(dir), &root)) {
+    DatabaseRun() : settings_(InvariantFormatSettings()), db(*OpenTarget(GetParam(), dir, &root)) {
         source.AddFieldDef("REGION", ftString, 10);
         source.AddFieldDef("ID", ftInteger);
         source.AddFieldDef("NAME", ftString, 40);
