@@ -1117,7 +1117,7 @@ bool TKvPgDataSet::InternalNext() {
 void TKvPgDataSet::InternalReadRecord(std::vector<Variant>& values) {
     SettleWrite();
     if (onBatchedRow_) {
-        values = batchLast_; // as posted: the server has not seen it yet
+        ReadBatchedRow(values); // as posted: the server has not seen it yet
         return;
     }
     if (!onRow_) return;
@@ -1143,28 +1143,30 @@ void TKvPgDataSet::InternalPost(bool inserting, const std::vector<Variant>& valu
     NoteWrite();
     if (keyMap_) KeyMapBeforeWrite(inserting, values, given);
     // A Null key of a numbered column is left to the table to number.
-    std::string key(1, inserting ? 'i' : 'u');
-    std::vector<int> fields;
-    std::vector<Variant> bound;
+    std::vector<int>& fields = postFields_;
+    fields.clear();
     bool numberGiven = false;
     for (size_t i = 0; i < columns_.size(); ++i) {
         const bool numbered = columns_[i].Def.DataType == ftAutoInc;
-        if (!given[i] || (inserting && numbered && values[i].IsNullOrEmpty())) {
-            key += '0';
-            continue;
-        }
+        if (!given[i] || (inserting && numbered && values[i].IsNullOrEmpty())) continue;
         if (columns_[i].Generated)
             throw EDatabaseError("Field '" + columns_[i].Def.Name + "' cannot be modified");
-        // Nulls are bound as Null parameters here, so the statement does not depend on them.
-        key += values[i].IsNullOrEmpty() ? 'n' : '1';
         fields.push_back(static_cast<int>(i));
-        bound.push_back(values[i]);
         if (numbered) numberGiven = true;
     }
     if (!inserting && fields.empty()) return; // nothing changed
-    if (inserting && appendBatch_ > 0 && !numberGiven && !fields.empty()) {
-        AddToBatch(bound, fields);
-        return;
+    if (inserting && appendBatch_ > 0 && !numberGiven && !fields.empty()) return AddToBatch(values, fields);
+    // Nulls are bound as Null parameters here, so the statement does not depend on them.
+    std::string key(1, inserting ? 'i' : 'u');
+    std::vector<Variant> bound;
+    for (size_t i = 0, next = 0; i < columns_.size(); ++i) {
+        if (next < fields.size() && static_cast<size_t>(fields[next]) == i) {
+            key += values[i].IsNullOrEmpty() ? 'n' : '1';
+            bound.push_back(values[i]);
+            ++next;
+        } else {
+            key += '0';
+        }
     }
     if (!batchStarts_.empty()) FlushAppends();
 
@@ -1215,61 +1217,63 @@ void TKvPgDataSet::InternalPost(bool inserting, const std::vector<Variant>& valu
 
 namespace {
 
-// `text` as a field of COPY's text format: backslash, tab, newline and carriage return escaped.
-void AppendCopyField(std::string& out, const std::string& text) {
-    for (char c : text) {
-        switch (c) {
-        case '\\':
-            out += "\\\\";
-            break;
-        case '\t':
-            out += "\\t";
-            break;
-        case '\n':
-            out += "\\n";
-            break;
-        case '\r':
-            out += "\\r";
-            break;
-        default:
-            out += c;
-        }
+// `text` as a field of COPY's text format: backslash, tab, newline and carriage return escaped; the runs
+// between them are copied whole.
+void AppendCopyField(std::string& out, std::string_view text) {
+    size_t run = 0;
+    for (size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (c != '\\' && c != '\t' && c != '\n' && c != '\r') continue;
+        out.append(text.data() + run, i - run);
+        out += '\\';
+        out += c == '\t' ? 't' : c == '\n' ? 'n' : c == '\r' ? 'r' : '\\';
+        run = i + 1;
     }
+    out.append(text.data() + run, text.size() - run);
 }
 
 } // namespace
 
 void TKvPgDataSet::AddToBatch(const std::vector<Variant>& values, const std::vector<int>& fields) {
-    std::string row, text;
-    for (size_t k = 0; k < fields.size(); ++k) {
-        if (k) row += '\t';
-        const TColumn& column = columns_[static_cast<size_t>(fields[k])];
-        if (!ValueText(values[k], column.Def.DataType, text)) {
-            row += "\\N";
-            continue;
-        }
-        if (text.find('\0') != std::string::npos)
-            throw EDatabaseError("Field '" + column.Def.Name + "' cannot hold a text with a NUL character");
-        AppendCopyField(row, text);
-    }
-    row += '\n';
-    std::string columns;
-    for (int field : fields) columns += IntToStr(field) + ",";
-    if (!batchStarts_.empty() && columns != batchColumns_) FlushAppends(); // one COPY fills one column list
-    batchColumns_ = columns;
+    if (!batchStarts_.empty() && fields != batchFields_) FlushAppends(); // one COPY fills one column list
+    if (batchStarts_.empty()) batchFields_ = fields;
     // The rows go to the server as they come, so that it reads them while the next ones are made; the batch
     // keeps them for sending again in pieces when the server refuses one.
     if (db_->copyOwner_ != this) {
         FlushAppends();
+        batchFields_ = fields;
         BeginCopy();
         streamed_ = 0;
     }
-    batchStarts_.push_back(batch_.size());
-    batch_ += row;
+    const size_t start = batch_.size();
+    try {
+        for (size_t k = 0; k < fields.size(); ++k) {
+            if (k) batch_ += '\t';
+            const TColumn& column = columns_[static_cast<size_t>(fields[k])];
+            const Variant& value = values[static_cast<size_t>(fields[k])];
+            std::string_view text;
+            if (value.IsString() && !IsBlobType(column.Def.DataType) && column.Def.DataType != ftBytes &&
+                column.Def.DataType != ftVarBytes) {
+                text = value.StringRef(); // as ValueText gives it, without the copy
+            } else if (ValueText(value, column.Def.DataType, textScratch_)) {
+                text = textScratch_;
+            } else {
+                batch_ += "\\N";
+                continue;
+            }
+            if (text.find('\0') != std::string_view::npos)
+                throw EDatabaseError("Field '" + column.Def.Name +
+                                     "' cannot hold a text with a NUL character");
+            AppendCopyField(batch_, text);
+        }
+    } catch (...) {
+        batch_.resize(start);
+        throw;
+    }
+    batch_ += '\n';
+    batchStarts_.push_back(start);
     ++appendCount_;
     batchTags_.push_back(rowTag_.value_or(appendCount_));
-    batchLast_.assign(columns_.size(), Variant::Null());
-    for (size_t k = 0; k < fields.size(); ++k) batchLast_[static_cast<size_t>(fields[k])] = values[k];
     onBatchedRow_ = true;
     windowValid_ = false;
     if (batchStarts_.size() >= static_cast<size_t>(appendBatch_)) return FlushAppends();
@@ -1279,15 +1283,28 @@ void TKvPgDataSet::AddToBatch(const std::vector<Variant>& values, const std::vec
     }
 }
 
+void TKvPgDataSet::ReadBatchedRow(std::vector<Variant>& values) const {
+    // The last row as the server will read it, from its COPY text.
+    values.assign(columns_.size(), Variant::Null());
+    std::string_view row(batch_);
+    row = row.substr(batchStarts_.back());
+    if (!row.empty() && row.back() == '\n') row.remove_suffix(1);
+    std::string bytes;
+    for (const int field : batchFields_) {
+        const size_t tab = row.find('\t');
+        const std::string_view text = row.substr(0, tab);
+        row = tab == std::string_view::npos ? std::string_view() : row.substr(tab + 1);
+        if (text == "\\N") continue;
+        UnescapeCopyField(text, bytes);
+        values[static_cast<size_t>(field)] = PgTextValue(bytes, columns_[static_cast<size_t>(field)].Type);
+    }
+}
+
 void TKvPgDataSet::BeginCopy() {
     std::string columns;
-    for (size_t start = 0; start < batchColumns_.size();) {
-        const size_t comma = batchColumns_.find(',', start);
-        const std::string& name =
-            columns_[static_cast<size_t>(StrToInt(batchColumns_.substr(start, comma - start)))].Def.Name;
-        columns += (columns.empty() ? "" : ", ") + TKvPgDatabase::QuoteIdentifier(name);
-        start = comma + 1;
-    }
+    for (const int field : batchFields_)
+        columns += (columns.empty() ? "" : ", ") +
+                   TKvPgDatabase::QuoteIdentifier(columns_[static_cast<size_t>(field)].Def.Name);
     db_->EndCopies();
     copyGuarded_ = db_->InTransaction(); // a refused piece must not cost the transaction
     if (copyGuarded_) db_->Exec("SAVEPOINT kv_copy");

@@ -293,8 +293,10 @@ private:
     /// Keeps the key map true to a row about to be written or deleted.
     void KeyMapBeforeWrite(bool inserting, const std::vector<Variant>& values, const TAssignedFields& given);
     void SetParamValues();
-    /// Appends row `values` to the waiting batch (its columns `fields`).
+    /// Appends the row whose `fields` of `values` are given to the waiting batch.
     void AddToBatch(const std::vector<Variant>& values, const std::vector<int>& fields);
+    /// The values of the row appended last, read back from the batch.
+    void ReadBatchedRow(std::vector<Variant>& values) const;
     /// Starts a COPY of the batch's columns (under a savepoint inside a transaction).
     void BeginCopy();
     /// Sends bytes [from, to) of the batch to the COPY under way.
@@ -322,15 +324,16 @@ private:
     std::vector<int> paramLengths_, paramFormats_;
 
     // The batch of rows waiting to be appended: their COPY text, where each row starts in it, the columns
-    // they fill, and each one's tag; and the values of the last, which is current.
+    // they fill, and each one's tag. The last is current.
     int appendBatch_ = 0;
     int64_t appendCount_ = 0;
     std::string batch_;
     std::vector<size_t> batchStarts_;
     std::vector<int64_t> batchTags_;
     std::optional<int64_t> rowTag_;
-    std::string batchColumns_;
-    std::vector<Variant> batchLast_;
+    std::vector<int> batchFields_;
+    std::vector<int> postFields_; // the fields of the row being posted
+    std::string textScratch_;
     bool onBatchedRow_ = false;
     size_t streamed_ = 0;      // bytes of the batch sent to the COPY under way
     bool copyGuarded_ = false; // the COPY under way runs under a savepoint

@@ -254,6 +254,9 @@ TEST_F(Pg, BatchedAppendsKeepTheRowsAroundTheRefusedOnes) {
         if (n > 10) ds.SetRowTag(n * 100); // untagged rows go by their number among the appends
         Insert(ds, {n, n == 7 ? Variant::Null() : Variant(n == 2 ? odd : "x")});
         EXPECT_EQ(ds.OldestDeferredTag(), 1);
+        // The row just posted reads back as it will be sent.
+        EXPECT_EQ(ds.Fields(1).AsString(), n == 7 ? "" : n == 2 ? odd : "x");
+        EXPECT_EQ(ds.Fields(1).IsNull(), n == 7);
     }
     EXPECT_EQ(ds.Fields(0).AsString(), "30"); // the last row, as posted
     EXPECT_EQ(Count("t"), 0);                 // nothing sent yet
