@@ -1621,13 +1621,26 @@ void TKvPgDataSet::BuildKeyMap() {
         sql += ", " + TKvPgDatabase::QuoteIdentifier(columns_[static_cast<size_t>(field)].Def.Name);
     sql += " FROM " + QuotedTable() + ") TO STDOUT";
     auto map = std::make_unique<TKvKeyAddressMap>(kKeyMapBytes);
-    // The planner's count of rows sizes the map ahead (a table too large for it is not read at all).
-    std::string literal = "'";
-    for (char c : QuotedTable()) literal += c == '\'' ? std::string("''") : std::string(1, c);
-    literal += "'";
-    TPgResult estimate = db_->Guarded(
-        "SELECT reltuples::bigint FROM pg_catalog.pg_class WHERE oid = " + literal + "::regclass");
-    const int64_t rows = PQntuples(estimate.get()) ? StrToInt64(PQgetvalue(estimate.get(), 0, 0)) : -1;
+    // The planner's count of rows sizes the map ahead (a table too large for it is not read at all). Text
+    // keys are compared byte for byte, which a collation that is not deterministic (equal texts of other
+    // bytes) would contradict: such keys keep asking the server.
+    const auto literal = [](const std::string& text) {
+        std::string out = "'";
+        for (char c : text) out += c == '\'' ? std::string("''") : std::string(1, c);
+        return out + "'";
+    };
+    std::string names;
+    for (int field : keyMapFields_)
+        names += (names.empty() ? "" : ", ") + literal(columns_[static_cast<size_t>(field)].Def.Name);
+    TPgResult facts = db_->Guarded(
+        "SELECT c.reltuples::bigint, (SELECT coalesce(bool_and(o.collisdeterministic), true) FROM "
+        "pg_catalog.pg_attribute a JOIN pg_catalog.pg_collation o ON o.oid = a.attcollation WHERE a.attrelid "
+        "= "
+        "c.oid AND a.attname IN (" +
+        names + ")) FROM pg_catalog.pg_class c WHERE c.oid = " + literal(QuotedTable()) + "::regclass");
+    if (PQntuples(facts.get()) != 1 || std::string_view(PQgetvalue(facts.get(), 0, 1)) != "t")
+        return ForgetKeyMap(true);
+    const int64_t rows = StrToInt64(PQgetvalue(facts.get(), 0, 0));
     if (rows > 0 && !map->Reserve(static_cast<size_t>(rows), 8 * keyMapFields_.size()))
         return ForgetKeyMap(true);
     std::string key, bytes;

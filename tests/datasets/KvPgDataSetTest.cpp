@@ -239,6 +239,50 @@ TEST_F(Pg, AServerThatGoesAwayKeepsTheCommittedRows) {
     EXPECT_EQ(Count("t"), 2);
 }
 
+TEST_F(Pg, AServerThatGoesAwayWhileWritesAwaitTheirAnswersEndsTheRun) {
+    // Keyed writes in a pipeline, answered by the key map or one by one with the next lookup.
+    db.Execute("CREATE TABLE t (id integer PRIMARY KEY, s text)");
+    db.Execute("INSERT INTO t SELECT g, 'old' FROM generate_series(1, 50) g");
+    for (const int keyMapAfter : {0, -1}) {
+        SCOPED_TRACE(keyMapAfter);
+        if (!db.Connected()) db.Open(target);
+        std::unique_ptr<TDataSet> owned(db.OpenDataSet("t", nullptr));
+        auto& ds = dynamic_cast<TKvPgDataSet&>(*owned);
+        ds.SetKeyMapAfter(keyMapAfter);
+        ds.SetDeferWrites(true);
+        ds.OnDeferredError = [](int64_t, const std::exception&) {};
+        db.StartTransaction();
+        std::string message;
+        try {
+            for (int id = 1; id <= 50; ++id) {
+                if (id == 10) {
+                    TKvPgDatabase admin;
+                    admin.Open(target);
+                    admin.Exec("SELECT pg_terminate_backend(" + std::to_string(PQbackendPID(db.Handle())) +
+                               ")");
+                }
+                ds.SetRowTag(id);
+                ASSERT_TRUE(ds.Locate("id", id, {}));
+                ds.Edit();
+                ds.Fields(1).SetValue("new");
+                ds.Post();
+            }
+            db.Commit();
+        } catch (const EDatabaseUnwritable& e) {
+            message = e.Message();
+        }
+        EXPECT_TRUE(message.starts_with("Lost the connection to the PostgreSQL server on host")) << message;
+        db.Rollback();
+        owned.reset();
+        db.Close();
+        EXPECT_EQ(Count("t"), 50);
+        TKvPgDatabase other;
+        other.Open(target);
+        TPgResult rows = other.Exec("SELECT count(*) FROM t WHERE s = 'old'");
+        EXPECT_STREQ(PQgetvalue(rows.get(), 0, 0), "50");
+    }
+}
+
 TEST_F(Pg, BatchedAppendsKeepTheRowsAroundTheRefusedOnes) {
     db.Execute("CREATE TABLE t (n integer CHECK (n <> 13), s text NOT NULL)");
     std::unique_ptr<TDataSet> owned(db.OpenDataSet("t", nullptr));
@@ -387,6 +431,18 @@ TEST_F(Pg, TheKeyMapAnswersLookupsAsTheServerDoes) {
     Insert(byId, {2, "x", "x", 10});
     same("one row");
     db.Commit();
+}
+
+TEST_F(Pg, KeysOfACollationThatEqualsOtherBytesAreLookedUpByTheServer) {
+    db.Execute("CREATE COLLATION nocase (provider = icu, locale = 'und-u-ks-level2', deterministic = false)");
+    db.Execute("CREATE TABLE t (code text COLLATE nocase, n integer)");
+    db.Execute("INSERT INTO t VALUES ('Abc', 1)");
+    std::unique_ptr<TDataSet> owned(db.OpenDataSet("t", nullptr));
+    auto& ds = dynamic_cast<TKvPgDataSet&>(*owned);
+    ds.SetKeyMapAfter(0);
+    ASSERT_TRUE(ds.Locate("code", "ABC", {}));
+    EXPECT_EQ(ds.Fields(1).AsString(), "1");
+    EXPECT_FALSE(ds.HasKeyMap({0}));
 }
 
 TEST_F(Pg, WritesByTheKeyMapGoOnUntilTheirAnswersAreRead) {
