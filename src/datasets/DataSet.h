@@ -253,8 +253,9 @@ protected:
     /// The current record's values, one per field, into `values`, which comes empty (nothing for no record).
     virtual void InternalReadRecord(std::vector<Variant>& values) = 0;
     /// Writes a new record (`inserting`) or the current one from `values`; `assigned[i]` marks the fields
-    /// that were set. Afterwards the cursor is on the written record.
-    virtual void InternalPost(bool inserting, const std::vector<Variant>& values,
+    /// that were set. Afterwards the cursor is on the written record. Once nothing can fail any more, the
+    /// dataset may move the values out (the record is not read after a post that succeeds).
+    virtual void InternalPost(bool inserting, std::vector<Variant>& values,
                               const TAssignedFields& assigned) = 0;
     /// Deletes the current record and moves to the one after it; false when there is none after it.
     virtual bool InternalDelete() = 0;

@@ -121,7 +121,7 @@ void TKvMemDataSet::CheckRequired(const std::vector<Variant>& row, const TAssign
     }
 }
 
-void TKvMemDataSet::InternalPost(bool inserting, const std::vector<Variant>& values,
+void TKvMemDataSet::InternalPost(bool inserting, std::vector<Variant>& values,
                                  const TAssignedFields& assigned) {
     if (BeforePost) BeforePost(inserting, values);
     if (inserting) {

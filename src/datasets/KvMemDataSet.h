@@ -49,8 +49,7 @@ protected:
     bool InternalFirst() override;
     bool InternalNext() override;
     void InternalReadRecord(std::vector<Variant>& values) override;
-    void InternalPost(bool inserting, const std::vector<Variant>& values,
-                      const TAssignedFields& assigned) override;
+    void InternalPost(bool inserting, std::vector<Variant>& values, const TAssignedFields& assigned) override;
     bool InternalDelete() override;
     bool InternalLocate(const std::vector<int>& fields, const std::vector<Variant>& values,
                         TLocateOptions options) override;

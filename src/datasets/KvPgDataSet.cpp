@@ -1137,8 +1137,7 @@ void TKvPgDataSet::InternalReadRecord(std::vector<Variant>& values) {
     values.assign(first, first + static_cast<std::ptrdiff_t>(n));
 }
 
-void TKvPgDataSet::InternalPost(bool inserting, const std::vector<Variant>& values,
-                                const TAssignedFields& given) {
+void TKvPgDataSet::InternalPost(bool inserting, std::vector<Variant>& values, const TAssignedFields& given) {
     CheckWritable();
     NoteWrite();
     if (keyMap_) KeyMapBeforeWrite(inserting, values, given);

@@ -292,6 +292,7 @@ void TKvSQLiteDatabase::RaiseError() const {
 
 void TKvSQLiteDatabase::Execute(const std::string& sql) {
     CheckConnected();
+    for (TKvSQLiteDataSet* dataSet : dataSets_) dataSet->FlushAppends(); // the statement may read the rows
     char* error = nullptr;
     if (const int rc = sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, &error); rc != SQLITE_OK) {
         const std::string message = error ? error : sqlite3_errmsg(db_);
@@ -315,10 +316,11 @@ void TKvSQLiteDatabase::StartTransaction() {
 }
 
 void TKvSQLiteDatabase::Commit() {
-    Execute("COMMIT");
+    Execute("COMMIT"); // the rows waiting to be appended first
 }
 
 void TKvSQLiteDatabase::Rollback() {
+    for (TKvSQLiteDataSet* dataSet : dataSets_) dataSet->DiscardAppends();
     // Some errors end the transaction inside SQLite already; rolling back then has nothing left to do.
     if (InTransaction()) Execute("ROLLBACK");
 }
@@ -593,6 +595,14 @@ std::vector<TFieldDef> TKvSQLiteDataSet::InternalOpen() {
 }
 
 void TKvSQLiteDataSet::InternalClose() {
+    try {
+        FlushAppends();
+    } catch (const EDatabaseError&) {
+        // Closing cannot report: the rows go with the transaction that failed.
+    }
+    DiscardAppends();
+    pendingRows_.clear();
+    groupsRows_.reset();
     readAhead_.reset();
     for (const auto& [fields, table] : keyTables_) DropKeyTable(table);
     keyTables_.clear();
@@ -643,6 +653,7 @@ size_t TKvSQLiteDataSet::FillWindow(int64_t from) {
 }
 
 bool TKvSQLiteDataSet::InternalFirst() {
+    FlushAppends();
     if (!hasRowid_) {
         if (!forward_) forward_ = db_->Prepare("SELECT " + ColumnList() + " FROM " + QuotedTable(), true);
         sqlite3_reset(forward_.get());
@@ -662,6 +673,7 @@ bool TKvSQLiteDataSet::InternalFirst() {
 }
 
 bool TKvSQLiteDataSet::InternalNext() {
+    FlushAppends();
     if (!hasRowid_) return ForwardStep();
     if (!onRow_) return false;
     if (windowValid_ && windowPos_ + 1 < windowRowids_.size()) {
@@ -700,7 +712,7 @@ std::string TKvSQLiteDataSet::FileOfTable() const {
 }
 
 bool TKvSQLiteDataSet::ReadAhead(const TDataSet* writtenMeanwhile) {
-    if (!Active() || !hasRowid_ || db_->InTransaction()) return false;
+    if (!Active() || !hasRowid_ || db_->InTransaction() || !pendingTags_.empty()) return false;
     const std::string file = FileOfTable();
     if (file.empty()) return false;
     if (const auto* other = dynamic_cast<const TKvSQLiteDataSet*>(writtenMeanwhile)) {
@@ -728,6 +740,10 @@ void TKvSQLiteDataSet::StopReadAhead() {
 }
 
 void TKvSQLiteDataSet::InternalReadRecord(std::vector<Variant>& values) {
+    if (onPendingRow_) { // as posted: SQLite has not seen it yet
+        values = pendingRows_[pendingTags_.size() - 1];
+        return;
+    }
     if (hasRowid_) {
         if (!onRow_) return;
         if (!windowValid_) {
@@ -806,10 +822,38 @@ void TKvSQLiteDataSet::BindValue(sqlite3_stmt* statement, int parameter, const V
     if (rc != SQLITE_OK) db_->RaiseError();
 }
 
-void TKvSQLiteDataSet::InternalPost(bool inserting, const std::vector<Variant>& values,
+void TKvSQLiteDataSet::InternalPost(bool inserting, std::vector<Variant>& values,
                                     const TAssignedFields& given) {
     CheckWritable();
     if (readAhead_) readAhead_.reset(); // writes and reads go through this connection from here
+    if (inserting && appendBatch_ > 1 && GroupsRows()) {
+        if (!pendingTags_.empty() && given != pendingAssigned_) FlushAppends();
+        if (pendingTags_.empty()) {
+            pendingCount_ = 0;
+            for (size_t i = 0; i < columns_.size(); ++i) {
+                if (!given[i]) continue;
+                if (columns_[i].Generated)
+                    throw EDatabaseError("Field '" + columns_[i].Def.Name + "' cannot be modified");
+                ++pendingCount_;
+            }
+            pendingAssigned_ = given;
+        }
+        if (pendingCount_ > 0) {
+            // The record is not read again after its post: it joins the waiting rows, and the dataset gets
+            // the record of an earlier row to fill next (it clears it first).
+            const size_t row = pendingTags_.size();
+            if (pendingRows_.size() == row) pendingRows_.emplace_back();
+            pendingRows_[row].swap(values);
+            ++appendCount_;
+            pendingTags_.push_back(rowTag_.value_or(appendCount_));
+            onPendingRow_ = true;
+            windowValid_ = false;
+            if (pendingTags_.size() >= static_cast<size_t>(appendBatch_)) FlushAppends();
+            return;
+        }
+    }
+    FlushAppends();
+    if (inserting) ++appendCount_;
     // Setting the rowid to the value it has would make SQLite move the row to where it already is.
     const TAssignedFields* assignedFields = &given;
     if (!inserting) {
@@ -829,43 +873,148 @@ void TKvSQLiteDataSet::InternalPost(bool inserting, const std::vector<Variant>& 
         BindAndStep(last.Statement, inserting, values, assigned);
         return;
     }
-    std::string key(1, inserting ? 'i' : 'u');
     int assignedCount = 0;
     for (size_t i = 0; i < columns_.size(); ++i) {
-        if (!assigned[i]) {
-            key += '0';
-            continue;
-        }
+        if (!assigned[i]) continue;
         if (columns_[i].Generated)
             throw EDatabaseError("Field '" + columns_[i].Def.Name + "' cannot be modified");
-        key += '1';
         ++assignedCount;
     }
     if (!inserting && assignedCount == 0) return; // nothing changed
-
-    sqlite3_stmt* statement = FindStatement(key);
-    if (!statement) {
-        std::string sql;
-        if (inserting && assignedCount == 0) {
-            sql = "INSERT INTO " + QuotedTable() + " DEFAULT VALUES";
-        } else if (inserting) {
-            // Only the assigned columns, so the others get their declared defaults.
-            sql = "INSERT INTO " + QuotedTable() + " (" + ColumnList(&assigned) + ") VALUES (?";
-            for (int i = 1; i < assignedCount; ++i) sql += ", ?";
-            sql += ")";
-        } else {
-            sql = "UPDATE " + QuotedTable() + " SET ";
-            for (size_t i = 0, n = 0; i < columns_.size(); ++i)
-                if (assigned[i])
-                    sql +=
-                        (n++ ? ", " : "") + TKvSQLiteDatabase::QuoteIdentifier(columns_[i].Def.Name) + " = ?";
-            sql += " WHERE " + rowidName_ + " = ?";
-        }
-        statement = AddStatement(key, sql);
-    }
+    sqlite3_stmt* statement = PostStatement(inserting, assigned, assignedCount);
     last.Statement = statement;
     last.Assigned = assigned;
     BindAndStep(statement, inserting, values, assigned);
+}
+
+sqlite3_stmt* TKvSQLiteDataSet::PostStatement(bool inserting, const TAssignedFields& assigned,
+                                              int assignedCount) {
+    std::string key(1, inserting ? 'i' : 'u');
+    for (size_t i = 0; i < columns_.size(); ++i) key += assigned[i] ? '1' : '0';
+    if (sqlite3_stmt* statement = FindStatement(key)) return statement;
+    std::string sql;
+    if (inserting && assignedCount == 0) {
+        sql = "INSERT INTO " + QuotedTable() + " DEFAULT VALUES";
+    } else if (inserting) {
+        // Only the assigned columns, so the others get their declared defaults.
+        sql = "INSERT INTO " + QuotedTable() + " (" + ColumnList(&assigned) + ") VALUES (?";
+        for (int i = 1; i < assignedCount; ++i) sql += ", ?";
+        sql += ")";
+    } else {
+        sql = "UPDATE " + QuotedTable() + " SET ";
+        for (size_t i = 0, n = 0; i < columns_.size(); ++i)
+            if (assigned[i])
+                sql += (n++ ? ", " : "") + TKvSQLiteDatabase::QuoteIdentifier(columns_[i].Def.Name) + " = ?";
+        sql += " WHERE " + rowidName_ + " = ?";
+    }
+    return AddStatement(key, sql);
+}
+
+bool TKvSQLiteDataSet::GroupsRows() {
+    if (!groupsRows_) {
+        // A trigger may end a statement half done (RAISE(FAIL)), and so may a constraint's ON CONFLICT FAIL
+        // or ROLLBACK: rows of such a table go one by one, so that a refused one never costs the others.
+        TSQLiteStatement check = db_->Prepare(
+            "SELECT count(*) FROM " + TKvSQLiteDatabase::QuoteIdentifier(schema_) +
+            ".sqlite_schema WHERE tbl_name = ?1 COLLATE NOCASE AND (type = 'trigger' OR (type = 'table' AND "
+            "(sql LIKE '%FAIL%' OR sql LIKE '%ROLLBACK%')))");
+        sqlite3_bind_text64(check.get(), 1, tableName_.data(), tableName_.size(), SQLITE_STATIC, SQLITE_UTF8);
+        groupsRows_ = sqlite3_step(check.get()) == SQLITE_ROW && sqlite3_column_int64(check.get(), 0) == 0;
+    }
+    return *groupsRows_;
+}
+
+bool TKvSQLiteDataSet::InsertGroup(size_t first, size_t count) {
+    std::string key = "g" + std::to_string(count) + ":";
+    for (size_t i = 0; i < columns_.size(); ++i) key += pendingAssigned_[i] ? '1' : '0';
+    sqlite3_stmt* statement = FindStatement(key);
+    if (!statement) {
+        std::string row = "(?";
+        for (int i = 1; i < pendingCount_; ++i) row += ", ?";
+        row += ")";
+        std::string sql =
+            "INSERT INTO " + QuotedTable() + " (" + ColumnList(&pendingAssigned_) + ") VALUES " + row;
+        for (size_t r = 1; r < count; ++r) sql += ", " + row;
+        statement = AddStatement(key, sql);
+    }
+    sqlite3* db = db_->Handle();
+    {
+        TResetGuard reset(statement);
+        const size_t n = columns_.size();
+        int parameter = 1;
+        try {
+            for (size_t r = first; r < first + count; ++r)
+                for (size_t i = 0; i < n; ++i)
+                    if (pendingAssigned_[i])
+                        BindValue(statement, parameter++, pendingRows_[r][i], columns_[i]);
+        } catch (const EDatabaseUnwritable&) {
+            throw;
+        } catch (const EDatabaseError&) {
+            return false; // found again row by row
+        }
+        if (sqlite3_step(statement) != SQLITE_DONE) {
+            try {
+                db_->RaiseError();
+            } catch (const EDatabaseUnwritable&) {
+                throw;
+            } catch (const EDatabaseError&) {
+                return false; // SQLite undid the statement: its rows go again one by one
+            }
+        }
+    }
+    windowValid_ = false;
+    if (sqlite3_changes(db) > 0) {
+        rowid_ = sqlite3_last_insert_rowid(db);
+        onRow_ = true;
+    }
+    return true;
+}
+
+void TKvSQLiteDataSet::FlushAppends() {
+    if (pendingTags_.empty()) return;
+    onPendingRow_ = false;
+    const size_t rows = pendingTags_.size();
+    std::vector<std::pair<int64_t, std::exception_ptr>> refused;
+    try {
+        const int variables = sqlite3_limit(db_->Handle(), SQLITE_LIMIT_VARIABLE_NUMBER, -1);
+        const size_t most =
+            std::max<size_t>(1, static_cast<size_t>(variables) / static_cast<size_t>(pendingCount_));
+        sqlite3_stmt* single = nullptr;
+        for (size_t first = 0; first < rows;) {
+            const size_t count = std::min(most, rows - first);
+            if (count < 2 || !InsertGroup(first, count)) {
+                if (!single) single = PostStatement(true, pendingAssigned_, pendingCount_);
+                for (size_t r = first; r < first + count; ++r) {
+                    try {
+                        BindAndStep(single, true, pendingRows_[r], pendingAssigned_);
+                    } catch (const EDatabaseUnwritable&) {
+                        throw;
+                    } catch (const EDatabaseError&) {
+                        refused.emplace_back(pendingTags_[r], std::current_exception());
+                    }
+                }
+            }
+            first += count;
+        }
+    } catch (...) {
+        pendingTags_.clear();
+        throw;
+    }
+    pendingTags_.clear(); // the records stay, to be swapped for the next ones
+    for (const auto& [tag, error] : refused) {
+        if (!OnDeferredError) std::rethrow_exception(error);
+        try {
+            std::rethrow_exception(error);
+        } catch (const std::exception& e) {
+            OnDeferredError(tag, e);
+        }
+    }
+}
+
+void TKvSQLiteDataSet::DiscardAppends() noexcept {
+    pendingTags_.clear();
+    if (onPendingRow_) onRow_ = false;
+    onPendingRow_ = false;
 }
 
 void TKvSQLiteDataSet::BindAndStep(sqlite3_stmt* statement, bool inserting,
@@ -897,6 +1046,7 @@ void TKvSQLiteDataSet::BindAndStep(sqlite3_stmt* statement, bool inserting,
 bool TKvSQLiteDataSet::InternalDelete() {
     CheckWritable();
     readAhead_.reset();
+    FlushAppends();
     if (!onRow_) return false;
     static const std::string key = "delete";
     sqlite3_stmt* statement = FindStatement(key);
@@ -916,6 +1066,7 @@ bool TKvSQLiteDataSet::InternalDelete() {
 std::optional<int64_t> TKvSQLiteDataSet::DeleteAll() {
     CheckWritable();
     readAhead_.reset();
+    FlushAppends();
     static const std::string key = "delete all";
     sqlite3_stmt* statement = FindStatement(key);
     if (!statement) statement = AddStatement(key, "DELETE FROM " + QuotedTable());
@@ -940,6 +1091,7 @@ bool TKvSQLiteDataSet::KeysMatch(const std::vector<Variant>& row, const std::vec
 
 bool TKvSQLiteDataSet::InternalLocate(const std::vector<int>& fields, const std::vector<Variant>& values,
                                       TLocateOptions options) {
+    FlushAppends();
     // The keys come in their fields' types already (a column without a declared type converts nothing).
     const std::vector<Variant>& keys = values;
     if (!hasRowid_) return ForwardLocate(fields, keys, options);
@@ -1232,6 +1384,7 @@ bool TKvSQLiteDataSet::ForwardLocate(const std::vector<int>& fields, const std::
 }
 
 int TKvSQLiteDataSet::InternalRecordCount() {
+    FlushAppends();
     static const std::string key = "count";
     sqlite3_stmt* statement = FindStatement(key);
     if (!statement) statement = AddStatement(key, "SELECT count(*) FROM " + QuotedTable());

@@ -23,6 +23,7 @@
 
 #include "datasets/KvDatabase.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -135,6 +136,24 @@ public:
     void SetKeyTableThreshold(int64_t rows) { keyTableThreshold_ = rows; }
     /// True while a key table serves lookups by these fields.
     bool HasKeyTable(const std::vector<int>& fields) const;
+    /// Rows appended one after another with the same fields go to SQLite this many at a time, by one
+    /// INSERT of several rows (0 or 1, the default: each row as it is posted). Waiting rows go before any
+    /// other use of the table and before the database commits. When SQLite refuses a group, its rows are
+    /// written again one by one: a refused row goes to OnDeferredError with the tag it was posted under
+    /// (or, without a handler, its error is raised once the others are stored), the others are kept.
+    /// Tables with triggers, or whose constraints end a statement other than by undoing it (ON CONFLICT
+    /// FAIL or ROLLBACK), take their rows one by one all the same.
+    int AppendBatch() const { return appendBatch_; }
+    void SetAppendBatch(int rows) { appendBatch_ = std::clamp(rows, 0, 64); }
+    /// Rows posted without a tag are tagged by their number among the appends since the dataset opened.
+    void SetRowTag(int64_t tag) override { rowTag_ = tag; }
+    std::optional<int64_t> OldestDeferredTag() const override {
+        return pendingTags_.empty() ? std::nullopt : std::optional(pendingTags_.front());
+    }
+    /// Writes the rows waiting to be appended.
+    void FlushAppends();
+    /// Forgets them (the transaction they were for is rolled back).
+    void DiscardAppends() noexcept;
     /// True while open on a view or a table without rowid.
     bool ReadOnly() const { return Active() && !hasRowid_; }
 
@@ -158,8 +177,7 @@ protected:
     bool InternalFirst() override;
     bool InternalNext() override;
     void InternalReadRecord(std::vector<Variant>& values) override;
-    void InternalPost(bool inserting, const std::vector<Variant>& values,
-                      const TAssignedFields& assigned) override;
+    void InternalPost(bool inserting, std::vector<Variant>& values, const TAssignedFields& assigned) override;
     bool InternalDelete() override;
     bool InternalLocate(const std::vector<int>& fields, const std::vector<Variant>& values,
                         TLocateOptions options) override;
@@ -218,6 +236,13 @@ private:
     std::string QuotedTable() const { return TKvSQLiteDatabase::QuoteIdentifier(tableName_); }
     void BindAndStep(sqlite3_stmt* statement, bool inserting, const std::vector<Variant>& values,
                      const TAssignedFields& assigned);
+    /// The statement that writes one row of the fields `assigned` (`inserting` or updating).
+    sqlite3_stmt* PostStatement(bool inserting, const TAssignedFields& assigned, int assignedCount);
+    /// Whether rows may go to SQLite in groups: no triggers, no constraint that keeps half a statement.
+    bool GroupsRows();
+    /// Writes rows [first, first + count) of the waiting ones by one INSERT; false when SQLite refused it
+    /// (nothing of it was written).
+    bool InsertGroup(size_t first, size_t count);
 
     TKvSQLiteDatabase* db_ = nullptr;
     std::string tableName_;
@@ -248,6 +273,17 @@ private:
     };
     TLastLocate lastLocate_;
     TAssignedFields unchangedRowid_; ///< an update's fields without a rowid it leaves as it is
+    // Rows waiting to be appended, all of the fields pendingAssigned_: their records (swapped with the
+    // dataset's, the first pendingTags_.size() of pendingRows_) and tags. The last is current.
+    int appendBatch_ = 0;
+    std::optional<bool> groupsRows_;
+    int64_t appendCount_ = 0;
+    std::optional<int64_t> rowTag_;
+    TAssignedFields pendingAssigned_;
+    int pendingCount_ = 0; // assigned fields of a waiting row
+    std::vector<std::vector<Variant>> pendingRows_;
+    std::vector<int64_t> pendingTags_;
+    bool onPendingRow_ = false;
     // The texts of bound dates, by parameter: they stay in place until the statement has run, as SQLite
     // needs (a deque does not move its items when it grows).
     mutable std::deque<std::string> boundTexts_;

@@ -363,6 +363,76 @@ TEST_F(SQLiteTest, ConstraintErrorsLeaveTheDataSetUsable) {
     EXPECT_EQ(ds->Fields(0).AsString(), "A");
 }
 
+TEST_F(SQLiteTest, GroupedAppendsKeepTheRowsAroundTheRefusedOnes) {
+    db.Execute("CREATE TABLE t (n INTEGER CHECK (n <> 13), s TEXT NOT NULL, d DATE)");
+    auto ds = Table("t");
+    ds->SetAppendBatch(8);
+    std::vector<std::string> refused;
+    ds->OnDeferredError = [&](int64_t tag, const std::exception& error) {
+        refused.push_back(std::to_string(tag) + ": " + error.what());
+    };
+    db.StartTransaction();
+    for (int n = 1; n <= 30; ++n) {
+        if (n > 10) ds->SetRowTag(n * 100); // untagged rows go by their number among the appends
+        Insert(*ds,
+               {n, n == 7 ? Variant::Null() : Variant("x"), Variant::FromDateTime(EncodeDate(2024, 1, n))});
+        EXPECT_EQ(ds->Fields(0).AsString(), std::to_string(n)); // the row just posted, as posted
+        EXPECT_EQ(ds->Fields(2).Value().AsDateTime(), EncodeDate(2024, 1, n));
+    }
+    EXPECT_EQ(ds->OldestDeferredTag(), 2500); // the last group waits
+    EXPECT_EQ(refused, (std::vector<std::string>{"7: NOT NULL constraint failed: t.s",
+                                                 "1300: CHECK constraint failed: n <> 13"}));
+    EXPECT_TRUE(ds->Locate("n", 30, {})); // the waiting rows first
+    EXPECT_EQ(ds->OldestDeferredTag(), std::nullopt);
+    for (int n = 31; n <= 33; ++n) Insert(*ds, {n, "y", Variant::Null()});
+    db.Commit(); // written before the commit
+    EXPECT_EQ(Query("SELECT count(*) || ' ' || sum(n) || ' ' || min(d) FROM t"),
+              std::to_string(31) + " " + std::to_string(33 * 34 / 2 - 7 - 13) + " 2024-01-01");
+    db.StartTransaction();
+    Insert(*ds, {34, "z", Variant::Null()});
+    db.Rollback(); // and dropped with the transaction
+    EXPECT_EQ(ds->RecordCount(), 31);
+    Insert(*ds, {35, "w", Variant::Null()});
+    EXPECT_EQ(ds->DeleteAll(), 32); // the waiting row too
+
+    // Without a handler, the first refusal is raised once the group's other rows are stored.
+    ds->OnDeferredError = nullptr;
+    Insert(*ds, {1, "a", Variant::Null()});
+    Insert(*ds, {13, "b", Variant::Null()});
+    Insert(*ds, {2, "c", Variant::Null()});
+    EXPECT_EQ(ErrorOf([&] { ds->First(); }), "CHECK constraint failed: n <> 13");
+    EXPECT_EQ(Query("SELECT group_concat(n) FROM t"), "1,2");
+}
+
+TEST_F(SQLiteTest, TablesThatKeepHalfAStatementTakeTheirRowsOneByOne) {
+    // A group would keep its rows before the conflict, then write them again one by one.
+    db.Execute("CREATE TABLE f (n INTEGER UNIQUE ON CONFLICT FAIL)");
+    db.Execute("CREATE TABLE g (n INTEGER UNIQUE)");
+    db.Execute("CREATE TABLE log (n INTEGER)");
+    db.Execute("CREATE TRIGGER g_log AFTER INSERT ON g BEGIN INSERT INTO log VALUES (new.n); "
+               "SELECT RAISE(FAIL, 'three') WHERE new.n = 3; END");
+    for (const std::string table : {"f", "g"}) {
+        SCOPED_TRACE(table);
+        auto ds = Table(table);
+        ds->SetAppendBatch(8);
+        std::vector<int64_t> refused;
+        ds->OnDeferredError = [&](int64_t tag, const std::exception&) { refused.push_back(tag); };
+        db.StartTransaction();
+        const int rows[] = {1, 2, table == "f" ? 2 : 3, 4};
+        for (int k = 0; k < 4; ++k) {
+            ds->SetRowTag(k + 1);
+            if (ErrorOf([&] { Insert(*ds, {rows[k]}); }).empty()) continue;
+            refused.push_back(k + 1); // refused at once: the rows go one by one
+            ds->Cancel();
+        }
+        db.Commit();
+        EXPECT_EQ(refused, std::vector<int64_t>{3});
+        EXPECT_EQ(Query("SELECT group_concat(n) FROM " + table),
+                  table == "f" ? "1,2,4" : "1,2,3,4"); // RAISE(FAIL) keeps its row
+    }
+    EXPECT_EQ(Query("SELECT group_concat(n) FROM log"), "1,2,3,4");
+}
+
 TEST_F(SQLiteTest, StartTransactionTakesTheWriteLockAtOnce) {
     // A second writer fails there, not midway through its rows.
     db.StartTransaction();

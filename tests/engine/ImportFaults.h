@@ -28,7 +28,7 @@ public:
     int Posts = 0;
 
 protected:
-    void InternalPost(bool inserting, const std::vector<Variant>& values,
+    void InternalPost(bool inserting, std::vector<Variant>& values,
                       const TAssignedFields& assigned) override {
         if (++Posts == FailAt) {
             if (Unwritable) throw EDatabaseUnwritable("attempt to write a readonly database");

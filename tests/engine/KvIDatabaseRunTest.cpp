@@ -6,6 +6,7 @@
 #include "datasets/DatabaseTargets.h"
 #include "datasets/KvDatabase.h"
 #include "datasets/KvPgDataSet.h"
+#include "datasets/KvSQLiteDataSet.h"
 
 #include <algorithm>
 
@@ -139,17 +140,17 @@ TEST_P(DatabaseRun, ModesByOneKeyAndByTwo) {
 }
 
 TEST_P(DatabaseRun, ARowTheDatabaseRefusesIsReportedAndTheRowsAroundItStay) {
-    // PostgreSQL appends in batches too, where the refusal comes rows later, at the commit.
-    const std::pair<TImportMode, int> runs[] = {
-        {imAppend, 0}, {imAppendUpdate, 0}, {imAppend, 3}, {imCopy, 5}};
+    // Appends in batches too (PostgreSQL by COPY, SQLite by INSERTs of several rows), where the refusal
+    // comes rows later, at the end of the batch or the commit.
+    const std::pair<TImportMode, int> runs[] = {{imAppend, 0}, {imAppendUpdate, 0}, {imAppend, 3},
+                                                {imCopy, 5},   {imAppend, 64},      {imAppend, 2}};
     for (const auto& [mode, batch] : runs) {
         SCOPED_TRACE(std::to_string(mode) + " batch " + std::to_string(batch));
         Rows rows;
         for (int i = 1; i <= 7; ++i) rows.push_back({"EU", i, i == 4 ? Variant::Null() : Variant("n"), "1"});
         Tables({}, rows);
-        auto* pg = dynamic_cast<TKvPgDataSet*>(destination);
-        if (batch && !pg) continue;
-        if (pg) pg->SetAppendBatch(batch);
+        if (auto* pg = dynamic_cast<TKvPgDataSet*>(destination)) pg->SetAppendBatch(batch);
+        if (auto* sqlite = dynamic_cast<TKvSQLiteDataSet*>(destination)) sqlite->SetAppendBatch(batch);
         imp.SetMode(mode);
         imp.SetDatasetKeys("ID");
         const std::vector<int64_t> failed = ExecuteKeepingOn();
