@@ -1234,7 +1234,11 @@ void AppendCopyField(std::string& out, std::string_view text) {
 } // namespace
 
 void TKvPgDataSet::AddToBatch(const std::vector<Variant>& values, const std::vector<int>& fields) {
-    if (!batchStarts_.empty() && fields != batchFields_) FlushAppends(); // one COPY fills one column list
+    // One COPY fills one column list. A full batch is sent before the next row joins: should that fail,
+    // the row posted now is not in it.
+    if (!batchStarts_.empty() &&
+        (fields != batchFields_ || batchStarts_.size() >= static_cast<size_t>(appendBatch_)))
+        FlushAppends();
     if (batchStarts_.empty()) batchFields_ = fields;
     // The rows go to the server as they come, so that it reads them while the next ones are made; the batch
     // keeps them for sending again in pieces when the server refuses one.
@@ -1275,7 +1279,6 @@ void TKvPgDataSet::AddToBatch(const std::vector<Variant>& values, const std::vec
     batchTags_.push_back(rowTag_.value_or(appendCount_));
     onBatchedRow_ = true;
     windowValid_ = false;
-    if (batchStarts_.size() >= static_cast<size_t>(appendBatch_)) return FlushAppends();
     if (batch_.size() - streamed_ >= (1 << 16)) {
         SendCopy(streamed_, batch_.size());
         streamed_ = batch_.size();

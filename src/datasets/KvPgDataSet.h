@@ -160,8 +160,9 @@ public:
     /// Rows read per query while walking the table (default 256).
     int FetchSize() const { return fetchSize_; }
     void SetFetchSize(int rows) { fetchSize_ = rows < 1 ? 1 : rows; }
-    /// Rows appended are sent together, by COPY, once this many are waiting (0, the default: each row as
-    /// it is posted). Waiting rows go before any other use of the table and before the database commits;
+    /// Rows appended are sent together, by COPY, this many at most (0, the default: each row as it is
+    /// posted); a full batch ends when the next row comes. Waiting rows go before any other use of the
+    /// table and before the database commits;
     /// a row the server refuses is found by sending the batch again in smaller pieces, the rows around it
     /// are kept, and it goes to OnDeferredError with the tag it was posted under (or, without a handler,
     /// its error is raised once the others are stored).

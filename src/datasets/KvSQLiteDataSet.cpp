@@ -827,7 +827,11 @@ void TKvSQLiteDataSet::InternalPost(bool inserting, std::vector<Variant>& values
     CheckWritable();
     if (readAhead_) readAhead_.reset(); // writes and reads go through this connection from here
     if (inserting && appendBatch_ > 1 && GroupsRows()) {
-        if (!pendingTags_.empty() && given != pendingAssigned_) FlushAppends();
+        // A full group is written before the next row joins: should that fail, the record posted now
+        // is still the dataset's, as it was.
+        if (pendingTags_.size() >= static_cast<size_t>(appendBatch_) ||
+            (!pendingTags_.empty() && given != pendingAssigned_))
+            FlushAppends();
         if (pendingTags_.empty()) {
             pendingCount_ = 0;
             for (size_t i = 0; i < columns_.size(); ++i) {
@@ -848,7 +852,6 @@ void TKvSQLiteDataSet::InternalPost(bool inserting, std::vector<Variant>& values
             pendingTags_.push_back(rowTag_.value_or(appendCount_));
             onPendingRow_ = true;
             windowValid_ = false;
-            if (pendingTags_.size() >= static_cast<size_t>(appendBatch_)) FlushAppends();
             return;
         }
     }

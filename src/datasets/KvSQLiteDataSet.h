@@ -137,8 +137,9 @@ public:
     /// True while a key table serves lookups by these fields.
     bool HasKeyTable(const std::vector<int>& fields) const;
     /// Rows appended one after another with the same fields go to SQLite this many at a time, by one
-    /// INSERT of several rows (0 or 1, the default: each row as it is posted). Waiting rows go before any
-    /// other use of the table and before the database commits. When SQLite refuses a group, its rows are
+    /// INSERT of several rows (0 or 1, the default: each row as it is posted); a full group is written when
+    /// the next row comes. Waiting rows go before any other use of the table and before the database
+    /// commits. When SQLite refuses a group, its rows are
     /// written again one by one: a refused row goes to OnDeferredError with the tag it was posted under
     /// (or, without a handler, its error is raised once the others are stored), the others are kept.
     /// Tables with triggers, or whose constraints end a statement other than by undoing it (ON CONFLICT
