@@ -8,6 +8,10 @@
 
 namespace kv {
 
+void KvCheckClosed(const TDataSet& dataSet) {
+    if (dataSet.Active()) throw EDatabaseError("Cannot perform this operation on an open dataset");
+}
+
 std::string TKvDatabase::CreateTableStatement(const std::string& name,
                                               const std::vector<TFieldDef>& columns) const {
     if (columns.empty()) throw EDatabaseError("Table '" + name + "' needs at least one column");

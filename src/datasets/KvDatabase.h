@@ -5,6 +5,7 @@
 
 #include "datasets/DataSet.h"
 
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -64,5 +65,35 @@ bool IsPostgreSQLTarget(std::string_view target);
 /// connection string or address (see IsPostgreSQLTarget), otherwise an SQLite file (created when missing)
 /// or ":memory:". EDatabaseError when it cannot be opened.
 TKvDatabase* OpenDatabase(const std::string& target, TComponent* owner);
+
+// What the table datasets of each database share.
+
+/// Refuses a change that only a closed dataset may take.
+void KvCheckClosed(const TDataSet& dataSet);
+
+/// Moves `dataSet` from the datasets of the database `current` to those of `next` (each database's list
+/// `list`), while it is closed.
+template <class TDatabase, class TSet>
+void KvMoveDataSet(TSet& dataSet, TDatabase*& current, TDatabase* next, std::vector<TSet*> TDatabase::*list) {
+    if (next == current) return;
+    KvCheckClosed(dataSet);
+    if (current) std::erase(current->*list, &dataSet);
+    current = next;
+    if (current) (current->*list).push_back(&dataSet);
+}
+
+/// A new dataset of type TSet on `table` of `database`, set up by `prepare`, opened and owned by `owner`
+/// (the caller's when nullptr); nothing is left behind when it cannot be opened.
+template <class TSet, class TDatabase, class TPrepare>
+TDataSet* KvOpenTableDataSet(TDatabase* database, const std::string& table, TComponent* owner,
+                             TPrepare&& prepare) {
+    auto dataSet = std::make_unique<TSet>();
+    dataSet->SetDatabase(database);
+    dataSet->SetTableName(table);
+    prepare(*dataSet);
+    dataSet->Open();
+    if (owner) owner->InsertComponent(dataSet.get());
+    return dataSet.release();
+}
 
 } // namespace kv

@@ -676,13 +676,8 @@ std::string TKvPgDatabase::CreateTableStatement(const std::string& name,
 }
 
 TDataSet* TKvPgDatabase::OpenDataSet(const std::string& table, TComponent* owner) {
-    auto dataSet = std::make_unique<TKvPgDataSet>();
-    dataSet->SetDatabase(this);
-    dataSet->SetTableName(table);
-    dataSet->SetKeyMapAfter(keyMapAfter_);
-    dataSet->Open();
-    if (owner) owner->InsertComponent(dataSet.get());
-    return dataSet.release();
+    return KvOpenTableDataSet<TKvPgDataSet>(
+        this, table, owner, [this](TKvPgDataSet& dataSet) { dataSet.SetKeyMapAfter(keyMapAfter_); });
 }
 
 // ---- TKvPgDataSet ----
@@ -695,16 +690,12 @@ TKvPgDataSet::~TKvPgDataSet() {
 }
 
 void TKvPgDataSet::SetDatabase(TKvPgDatabase* database) {
-    if (database == db_) return;
-    if (Active()) throw EDatabaseError("Cannot perform this operation on an open dataset");
-    if (db_) std::erase(db_->dataSets_, this);
-    db_ = database;
-    if (db_) db_->dataSets_.push_back(this);
+    KvMoveDataSet(*this, db_, database, &TKvPgDatabase::dataSets_);
 }
 
 void TKvPgDataSet::SetTableName(const std::string& name) {
     if (name == tableName_) return;
-    if (Active()) throw EDatabaseError("Cannot perform this operation on an open dataset");
+    KvCheckClosed(*this);
     tableName_ = name;
 }
 

@@ -393,12 +393,7 @@ std::string TKvSQLiteDatabase::TypeName(TFieldType type) const {
 }
 
 TDataSet* TKvSQLiteDatabase::OpenDataSet(const std::string& table, TComponent* owner) {
-    auto dataSet = std::make_unique<TKvSQLiteDataSet>();
-    dataSet->SetDatabase(this);
-    dataSet->SetTableName(table);
-    dataSet->Open();
-    if (owner) owner->InsertComponent(dataSet.get());
-    return dataSet.release();
+    return KvOpenTableDataSet<TKvSQLiteDataSet>(this, table, owner, [](TKvSQLiteDataSet&) {});
 }
 
 // ---- TKvSQLiteDataSet ----
@@ -411,16 +406,12 @@ TKvSQLiteDataSet::~TKvSQLiteDataSet() {
 }
 
 void TKvSQLiteDataSet::SetDatabase(TKvSQLiteDatabase* database) {
-    if (database == db_) return;
-    if (Active()) throw EDatabaseError("Cannot perform this operation on an open dataset");
-    if (db_) std::erase(db_->dataSets_, this);
-    db_ = database;
-    if (db_) db_->dataSets_.push_back(this);
+    KvMoveDataSet(*this, db_, database, &TKvSQLiteDatabase::dataSets_);
 }
 
 void TKvSQLiteDataSet::SetTableName(const std::string& name) {
     if (name == tableName_) return;
-    if (Active()) throw EDatabaseError("Cannot perform this operation on an open dataset");
+    KvCheckClosed(*this);
     tableName_ = name;
 }
 
