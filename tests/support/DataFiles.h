@@ -3,8 +3,10 @@
 // compared with <case>.expected beside it. A case named "bad-..." must fail; its expected file holds the
 // error message.
 
+#include <filesystem>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace kv {
@@ -16,6 +18,19 @@ class Variant;
 } // namespace kv
 
 namespace kv::test {
+
+/// A folder of the shared corpus (../shared/corpus/NAME/), which may be absent; called with a file's name,
+/// it gives the file's path.
+class TCorpusFolder {
+public:
+    explicit TCorpusFolder(std::string_view name)
+        : path_(KV_SHARED_DIR "/corpus/" + std::string(name) + "/") {}
+    std::string operator()(std::string_view file) const { return path_ + std::string(file); }
+    bool Here() const { return std::filesystem::is_directory(path_); }
+
+private:
+    std::string path_;
+};
 
 using TDataDump = std::function<std::string(const std::string& path)>;
 

@@ -19,13 +19,7 @@ namespace {
 
 using namespace kv::test;
 
-std::string CorpusFile(const std::string& name) {
-    return std::string(KV_SHARED_DIR "/corpus/ods/") + name;
-}
-
-bool CorpusHere() {
-    return std::filesystem::is_directory(CorpusFile(""));
-}
+const test::TCorpusFolder CorpusFile("ods");
 
 /// Sheet `sheet` as rows of values, "|" between cells, "/" between rows.
 std::string Rows(TKvIOpenOfficeSpreadsheet& reader, int sheet) {
@@ -48,7 +42,7 @@ std::unique_ptr<TKvIOpenOfficeSpreadsheet> Load(const std::string& file) {
 }
 
 TEST(OOCorpus, EveryFileLoadsOrGivesItsErrorWholeAndRowByRow) {
-    if (!CorpusHere()) GTEST_SKIP() << "the shared corpus is not here";
+    if (!CorpusFile.Here()) GTEST_SKIP() << "the shared corpus is not here";
     const std::map<std::string, std::string> errors = {
         {"pass_protected.ods", strOOEncrypted + " (META-INF/manifest.xml lists its parts as encrypted)"},
         {"issue_594_dos.ods",
@@ -90,7 +84,7 @@ TEST(OOCorpus, EveryFileLoadsOrGivesItsErrorWholeAndRowByRow) {
 }
 
 TEST(OOCorpus, ValuesOtherReadersAssert) {
-    if (!CorpusHere()) GTEST_SKIP() << "the shared corpus is not here";
+    if (!CorpusFile.Here()) GTEST_SKIP() << "the shared corpus is not here";
     auto issues = Load("issues.ods");
     const TSpreadSheets& sheets = issues->SpreadSheets();
     EXPECT_EQ(Rows(*issues, sheets.SheetIndexByName("datatypes")),
@@ -142,7 +136,7 @@ TEST(OOCorpus, ValuesOtherReadersAssert) {
 }
 
 TEST(OOCorpus, TwinsReadAsTheExcelReaderReadsThem) {
-    if (!CorpusHere()) GTEST_SKIP() << "the shared corpus is not here";
+    if (!CorpusFile.Here()) GTEST_SKIP() << "the shared corpus is not here";
     // The same workbooks saved as .xls: every cell has the value and the type the Excel reader gives it,
     // dates the same date-times.
     for (const char* name : {"1904", "SampleSS"}) {

@@ -6,6 +6,7 @@
 #include "TestSupport.h"
 #include "platform/DateUtils.h"
 #include "platform/Utf8.h"
+#include "support/DataFiles.h"
 
 #include <gtest/gtest.h>
 
@@ -17,13 +18,7 @@
 namespace kv {
 namespace {
 
-std::string CorpusFile(const std::string& name) {
-    return std::string(KV_SHARED_DIR "/corpus/sav/") + name;
-}
-
-bool CorpusHere() {
-    return std::filesystem::is_directory(CorpusFile(""));
-}
+const test::TCorpusFolder CorpusFile("sav");
 
 /// A file read case by case, as an import reads it.
 struct Sav {
@@ -64,7 +59,7 @@ Sav Read(const std::string& name, bool labels = false, TSPSSUserMissing missing 
 }
 
 TEST(SPSSCorpus, EveryFileLoadsWithValidText) {
-    if (!CorpusHere()) GTEST_SKIP() << "the shared corpus is not here";
+    if (!CorpusFile.Here()) GTEST_SKIP() << "the shared corpus is not here";
     int files = 0;
     for (const auto& entry : std::filesystem::directory_iterator(CorpusFile(""))) {
         if (!entry.is_regular_file()) continue;
@@ -124,7 +119,7 @@ bool Same(const std::string& cell, const Variant& v) {
 }
 
 TEST(SPSSCorpus, CsvTwinsMatch) {
-    if (!CorpusHere()) GTEST_SKIP() << "the shared corpus is not here";
+    if (!CorpusFile.Here()) GTEST_SKIP() << "the shared corpus is not here";
     const struct {
         const char* File;
         const char* Csv;
@@ -154,7 +149,7 @@ TEST(SPSSCorpus, CsvTwinsMatch) {
 }
 
 TEST(SPSSCorpus, ValuesOthersAssert) {
-    if (!CorpusHere()) GTEST_SKIP() << "the shared corpus is not here";
+    if (!CorpusFile.Here()) GTEST_SKIP() << "the shared corpus is not here";
     const auto text = [](const Variant& v) { return v.IsNullOrEmpty() ? std::string("null") : v.AsString(); };
 
     EXPECT_EQ(text(Read("tegulu.sav").At(0, "Q16br9oe_Q24br9oe")), "నేను గతంలో వాడిన బ");

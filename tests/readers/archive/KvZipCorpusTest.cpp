@@ -6,6 +6,7 @@
 
 #include "platform/Format.h"
 #include "platform/Utf8.h"
+#include "support/DataFiles.h"
 
 #include <filesystem>
 #include <gtest/gtest.h>
@@ -14,13 +15,7 @@
 namespace kv {
 namespace {
 
-std::string CorpusFile(const std::string& name) {
-    return std::string(KV_SHARED_DIR "/corpus/zip/") + name;
-}
-
-bool CorpusHere() {
-    return std::filesystem::is_directory(CorpusFile(""));
-}
+const test::TCorpusFolder CorpusFile("zip");
 
 std::string Prefix(const std::string& text, const std::string& prefix) {
     return text.rfind(prefix, 0) == 0 ? prefix : text;
@@ -29,7 +24,7 @@ std::string Prefix(const std::string& text, const std::string& prefix) {
 } // namespace
 
 TEST(ZipCorpus, EveryArchiveReadsOrGivesItsError) {
-    if (!CorpusHere()) GTEST_SKIP() << "the shared corpus is not here";
+    if (!CorpusFile.Here()) GTEST_SKIP() << "the shared corpus is not here";
     // Archives that do not open.
     const std::map<std::string, std::string> archives = {
         {"bogus.zip", "Zip: damaged file at byte 0: not a zip archive: 11 bytes"},
@@ -113,7 +108,7 @@ TEST(ZipCorpus, EveryArchiveReadsOrGivesItsError) {
 }
 
 TEST(ZipCorpus, ValuesOthersAssert) {
-    if (!CorpusHere()) GTEST_SKIP() << "the shared corpus is not here";
+    if (!CorpusFile.Here()) GTEST_SKIP() << "the shared corpus is not here";
     const auto entry = [](const TKvZipReader& zip, size_t i) {
         const TKvZipEntry& e = zip.Entries().at(i);
         return e.Name + " " + std::to_string(e.UncompressedSize) + "/" + std::to_string(e.CompressedSize) +

@@ -5,6 +5,7 @@
 #include "readers/database/KvDBF.h"
 #include "TestSupport.h"
 #include "platform/FormatError.h"
+#include "support/DataFiles.h"
 
 #include "support/DbfBuilder.h"
 #include <cstring>
@@ -431,9 +432,7 @@ TEST(DBFBadInput, RecordCountsAreCutToTheRecordsTheFileHolds) {
 
 // ---- the shared corpus ----
 
-std::string CorpusFile(const std::string& name) {
-    return std::string(KV_SHARED_DIR "/corpus/dbf/") + name;
-}
+const test::TCorpusFolder CorpusFile("dbf");
 
 /// A whole-file load of a corpus table.
 struct Corpus {
@@ -458,7 +457,7 @@ struct Corpus {
 };
 
 TEST(DBFCorpus, EveryTableLoadsWholeAndRecordByRecord) {
-    if (!std::filesystem::is_directory(CorpusFile(""))) GTEST_SKIP() << "the shared corpus is not here";
+    if (!CorpusFile.Here()) GTEST_SKIP() << "the shared corpus is not here";
     // dBase II keeps another header layout, which no version of the table describes.
     const std::set<std::string> unreadable = {"dbase_02.dbf"};
     int tables = 0;
@@ -487,7 +486,7 @@ TEST(DBFCorpus, EveryTableLoadsWholeAndRecordByRecord) {
 }
 
 TEST(DBFCorpus, FieldsAndValuesMatchWhatTheSourcesRecord) {
-    if (!std::filesystem::is_directory(CorpusFile(""))) GTEST_SKIP() << "the shared corpus is not here";
+    if (!CorpusFile.Here()) GTEST_SKIP() << "the shared corpus is not here";
     Corpus dbase03("dbase_03.dbf");
     EXPECT_EQ(dbase03.Shape(), "14 records, 31 fields");
     EXPECT_EQ(dbase03.Dbf.Fields()[0].Name, "Point_ID");

@@ -6,6 +6,7 @@
 
 #include "TestSupport.h"
 #include "platform/Streams.h"
+#include "support/DataFiles.h"
 
 #include <filesystem>
 #include <map>
@@ -13,9 +14,7 @@
 namespace kv {
 namespace {
 
-std::string CorpusFile(const std::string& name) {
-    return std::string(KV_SHARED_DIR "/corpus/xml/") + name;
-}
+const test::TCorpusFolder CorpusFile("xml");
 
 // The row element, and every row's values (without their lines).
 std::string Rows(const std::string& file) {
@@ -34,7 +33,7 @@ std::string Rows(const std::string& file) {
 }
 
 TEST(XMLCorpus, EveryDocumentLoads) {
-    if (!std::filesystem::is_directory(CorpusFile(""))) GTEST_SKIP() << "the shared corpus is not here";
+    if (!CorpusFile.Here()) GTEST_SKIP() << "the shared corpus is not here";
     struct Expected {
         const char* Root;    ///< the tree's root item
         const char* Element; ///< the row element chosen ("": none, which a source reports)
@@ -96,7 +95,7 @@ TEST(XMLCorpus, EveryDocumentLoads) {
 }
 
 TEST(XMLCorpus, ValuesInEveryEncoding) {
-    if (!std::filesystem::is_directory(CorpusFile(""))) GTEST_SKIP() << "the shared corpus is not here";
+    if (!CorpusFile.Here()) GTEST_SKIP() << "the shared corpus is not here";
     EXPECT_EQ(
         Rows(CorpusFile("po1_0.xml")),
         "item\npartNum=872-AA|productName=Lawnmower|quantity=1|USPrice=148.95|apo:comment=Confirm this is "
@@ -114,7 +113,7 @@ TEST(XMLCorpus, ValuesInEveryEncoding) {
 }
 
 TEST(XMLCorpus, WrittenBackOutReadsAlike) {
-    if (!std::filesystem::is_directory(CorpusFile(""))) GTEST_SKIP() << "the shared corpus is not here";
+    if (!CorpusFile.Here()) GTEST_SKIP() << "the shared corpus is not here";
     for (const char* name : {"slashdot.xml", "slashdot16.xml", "utf16lebom.xml", "isolat1", "japancrlf.xml",
                              "ns", "cdata", "ent1", "ent2"})
         EXPECT_EQ(Rows(CorpusFile(name)), Rows(CorpusFile(std::string("expected/") + name))) << name;

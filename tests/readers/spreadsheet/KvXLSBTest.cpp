@@ -17,9 +17,7 @@ namespace {
 
 using namespace kv::test;
 
-std::string CorpusFile(const std::string& name) {
-    return std::string(KV_SHARED_DIR "/corpus/xlsx/") + name;
-}
+const test::TCorpusFolder CorpusFile("xlsx");
 
 /// Each sheet's visibility by "<sheet name>", and every cell that is not empty by "<sheet name>!<cell>" as
 /// "<variant type> <value>": twins may list their sheets in another order.
@@ -38,7 +36,7 @@ std::map<std::string, std::string> Cells(TMSExcelX& x) {
 }
 
 TEST(XLSB, EachCorpusTwinGivesTheCellsOfItsXMLWorkbookWholeAndRowByRow) {
-    if (!std::filesystem::is_directory(CorpusFile(""))) GTEST_SKIP() << "the shared corpus is not here";
+    if (!CorpusFile.Here()) GTEST_SKIP() << "the shared corpus is not here";
     int files = 0;
     size_t cells = 0;
     for (const auto& entry : std::filesystem::directory_iterator(CorpusFile(""))) {

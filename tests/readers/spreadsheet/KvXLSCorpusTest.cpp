@@ -25,13 +25,7 @@
 namespace kv {
 namespace {
 
-std::string CorpusFile(const std::string& name) {
-    return std::string(KV_SHARED_DIR "/corpus/xls/") + name;
-}
-
-bool CorpusHere() {
-    return std::filesystem::is_directory(CorpusFile(""));
-}
+const test::TCorpusFolder CorpusFile("xls");
 
 struct EncryptedCase {
     const char* File;
@@ -113,7 +107,7 @@ std::map<std::string, std::string> Shown(TMSExcel& x) {
 }
 
 TEST(XLSCorpus, EveryWorkbookOpensWholeAndRowByRowOrGivesItsDocumentedError) {
-    if (!CorpusHere()) GTEST_SKIP() << "the shared corpus is not here";
+    if (!CorpusFile.Here()) GTEST_SKIP() << "the shared corpus is not here";
     // The files damaged on purpose. Two others must read: phpexcel_bad_cfb_dir.xls, all of whose entries are
     // red (balancing rules a reader needs nothing of), and corrupted_error.xls, whose streams' chains
     // overlap, each sound and as long as its size (checking that chains are disjoint would lose it for
@@ -161,7 +155,7 @@ TEST(XLSCorpus, EveryWorkbookOpensWholeAndRowByRowOrGivesItsDocumentedError) {
 }
 
 TEST(XLSCorpus, ValuesOthersAssert) {
-    if (!CorpusHere()) GTEST_SKIP() << "the shared corpus is not here";
+    if (!CorpusFile.Here()) GTEST_SKIP() << "the shared corpus is not here";
     // Cells the CSV twins show are compared below.
     // clang-format off
     const std::map<std::string, std::map<std::string, std::string>> values = {
@@ -315,7 +309,7 @@ INSTANTIATE_TEST_SUITE_P(Corpus, XLSEncrypted, ::testing::ValuesIn(kEncrypted),
                          });
 
 TEST(XLSEncrypted, DecryptsLikeItsPlainTwins) {
-    if (!CorpusHere()) GTEST_SKIP() << "the shared corpus is not here";
+    if (!CorpusFile.Here()) GTEST_SKIP() << "the shared corpus is not here";
     // This twin keeps the stream as it was, with a record of type 0 and FILEPASS's size in FILEPASS's place:
     // every other record must match byte for byte, sheet positions included.
     const Records records = CorpusRecords("rc4cryptoapi_password.xls"),
@@ -407,7 +401,7 @@ struct Twin {
 };
 
 TEST(XLSCorpus, CellsMatchTheCsvTheirWritersSaved) {
-    if (!CorpusHere()) GTEST_SKIP() << "the shared corpus is not here";
+    if (!CorpusFile.Here()) GTEST_SKIP() << "the shared corpus is not here";
     // clang-format off
     const Twin twins[] = {
         {"RkNumber.xls.0.csv", "RkNumber.xls"}, {"RkNumber.xls.0.csv", "RkNumber_biff5.xls"},

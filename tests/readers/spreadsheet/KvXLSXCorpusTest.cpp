@@ -14,13 +14,7 @@
 namespace kv {
 namespace {
 
-std::string CorpusFile(const std::string& name) {
-    return std::string(KV_SHARED_DIR "/corpus/xlsx/") + name;
-}
-
-bool CorpusHere() {
-    return std::filesystem::is_directory(CorpusFile(""));
-}
+const test::TCorpusFolder CorpusFile("xlsx");
 
 /// What a workbook shows: its file properties by label and each cell that is not empty by "<sheet>!<cell>"
 /// ("2!C3", all 1-based), as the data dumps show it.
@@ -46,7 +40,7 @@ const char* const kEncrypted =
     "The workbook is encrypted with a password, which this reader cannot remove: save it without one";
 
 TEST(XLSXCorpus, EveryWorkbookOpensWholeAndRowByRowOrGivesItsDocumentedError) {
-    if (!CorpusHere()) GTEST_SKIP() << "the shared corpus is not here";
+    if (!CorpusFile.Here()) GTEST_SKIP() << "the shared corpus is not here";
     const std::map<std::string, std::string> failing = {
         {"pass_protected.xlsx", kEncrypted},
         {"protect.xlsx", kEncrypted},
@@ -79,14 +73,14 @@ TEST(XLSXCorpus, EveryWorkbookOpensWholeAndRowByRowOrGivesItsDocumentedError) {
 }
 
 TEST(XLSXCorpus, EncryptedPackagesSaySo) {
-    if (!CorpusHere()) GTEST_SKIP() << "the shared corpus is not here";
+    if (!CorpusFile.Here()) GTEST_SKIP() << "the shared corpus is not here";
     TMSExcelX x;
     EXPECT_EQ(ErrorLoading(x, "pass_protected.xlsx"), kEncrypted);
     EXPECT_TRUE(x.IsEncrypted());
 }
 
 TEST(XLSXCorpus, ValuesOthersAssert) {
-    if (!CorpusHere()) GTEST_SKIP() << "the shared corpus is not here";
+    if (!CorpusFile.Here()) GTEST_SKIP() << "the shared corpus is not here";
     const std::string kFirstSheet = "Test spreadsheet";
     // clang-format off
     const std::map<std::string, std::map<std::string, std::string>> values = {
@@ -132,7 +126,7 @@ TEST(XLSXCorpus, ValuesOthersAssert) {
 }
 
 TEST(XLSXCorpus, MacroModulesAreListedWhenAskedFor) {
-    if (!CorpusHere()) GTEST_SKIP() << "the shared corpus is not here";
+    if (!CorpusFile.Here()) GTEST_SKIP() << "the shared corpus is not here";
     TMSExcelX x;
     x.SetParseVBA(true);
     ASSERT_EQ(ErrorLoading(x, "vba.xlsm"), "");
@@ -143,7 +137,7 @@ TEST(XLSXCorpus, MacroModulesAreListedWhenAskedFor) {
 }
 
 TEST(XLSXCorpus, EntitiesAreNeverExpanded) {
-    if (!CorpusHere()) GTEST_SKIP() << "the shared corpus is not here";
+    if (!CorpusFile.Here()) GTEST_SKIP() << "the shared corpus is not here";
     // The shared string is "test123" and references to an entity that would grow to megabytes: they stay as
     // written.
     TMSExcelX x;
