@@ -9,10 +9,10 @@
 #include "readers/archive/KvIOO.h"
 #include "readers/archive/KvIZipFile.h"
 #include "readers/archive/KvZipReader.h"
+#include "record_mode_check.h"
 
 #include <cstdint>
 #include <cstdlib>
-#include <map>
 #include <string>
 
 namespace ods_fuzz {
@@ -43,12 +43,6 @@ inline bool Load(kv::TKvIOpenOfficeSpreadsheet& reader, kv::TStream& stream, con
     return false;
 }
 
-inline std::string CellText(const kv::Variant& value, kv::TKvICellType type, int32_t style,
-                            kv::TAlignment align) {
-    return std::to_string(value.VarType()) + ":" + value.AsString() + ":" + std::to_string(type) + ":" +
-           std::to_string(style) + ":" + std::to_string(align);
-}
-
 inline void CheckDocument(const std::string& bytes, uint8_t options) {
     kv::TKvIOpenOfficeSpreadsheet whole;
     const int filter = options & 1 ? (options >> 1) & 3 : -1;
@@ -71,31 +65,7 @@ inline void CheckDocument(const std::string& bytes, uint8_t options) {
     kv::TKvIOpenOfficeSpreadsheet records;
     records.SetRecordMode(true);
     Check(Load(records, recordStream, bytes));
-    const int sheet = filter >= 0 ? filter : 0;
-    if (sheet >= whole.SpreadSheets().Count()) return;
-    const kv::TSpreadSheetCells& kept = whole.SpreadSheets().Spreadsheet(sheet).Cells();
-    Check(records.SpreadSheets().Spreadsheet(sheet).Cells().RowCount() == kept.RowCount());
-    Check(records.SpreadSheets().Spreadsheet(sheet).Cells().ColCount() == kept.ColCount());
-    int atRow = 0;
-    std::map<int, std::string> row;
-    records.OnCellValue = [&](kv::TObject*, int s, int r, int column, int32_t style, const kv::Variant& value,
-                              kv::TAlignment align, kv::TKvICellType type) {
-        Check(s == sheet && r == atRow);
-        row[column] = CellText(value, type, style, align);
-    };
-    records.SetSheetFilter(sheet);
-    records.BeforeLoad();
-    for (; atRow < kept.RowCount(); ++atRow) {
-        row.clear();
-        records.LoadRecord(atRow);
-        std::map<int, std::string> expected;
-        if (const kv::TSpreadSheetRow* r = kept.Row(atRow))
-            for (int column = 0; column < r->Cols().Count(); ++column)
-                if (const kv::TKvICell* cell = r->Cols().GetCell(column))
-                    expected[column] =
-                        CellText(cell->Value, cell->CellType, cell->FormatIndex, cell->Alignment);
-        Check(row == expected);
-    }
+    fuzzcheck::CompareRows(whole, records, filter >= 0 ? filter : 0);
 }
 
 } // namespace ods_fuzz
