@@ -116,8 +116,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             const auto positions =
                 kv::SplitTextFieldPositions(row, settings.FieldDelimiter, settings.TextQualifier);
             Check(static_cast<int>(positions.size()) == fields.Count());
-            for (int f = 1; f <= fields.Count(); ++f)
+            for (int f = 1; f <= fields.Count(); ++f) {
                 Check(fields.Position(f) == positions[static_cast<size_t>(f - 1)]);
+                // Only values the walk saw a qualifier in are collapsed; collapsing all must agree.
+                Check(fields.FieldValue(f) == kv::PostProcessTextValue(fields.RawField(f),
+                                                                       settings.FieldDelimiter,
+                                                                       settings.TextQualifier));
+            }
         }
         for (const char* ref : references) {
             fields.GetValue(fields.ParseReference(ref), value);

@@ -42,6 +42,7 @@ struct TKvTextRawField {
     int64_t Start;
     int64_t End;
     bool Qualified;
+    bool HoldsQualifier; ///< a qualifier within the value, for post-processing to collapse
 };
 
 /// One record cut into fields, as handed from a reading thread to the one importing: the line, where its
@@ -131,7 +132,7 @@ public:
 
 private:
     std::string_view Bytes(const TKvTextRawField& f) const;
-    void PostProcess(std::string_view value, std::string& out) const;
+    void PostProcess(std::string_view value, std::string& out, bool holdsQualifier = true) const;
     bool LineIsAscii() const;
 
     char32_t delimiter_ = U'\t';

@@ -47,6 +47,14 @@ TEST(TextFields, SplitsByTheWalk) {
         {"x \"y\" z", {"x \"y\" z"}, {{1, 7}}},                             // not at the start
         {"a \"b c\" d", {"a", "b c", "d"}, {{1, 1}, {4, 6}, {9, 9}}, U' '}, // blank delimiter
         {"a;  «b;c« ;d", {"a", "b;c", "d"}, {{1, 1}, {6, 8}, {12, 12}}, U';', U'«'},
+        // Past sixteen bytes, where the walk looks at many at a time.
+        {"\"0123456789abcdefghij\",\"x\"\"y\"", {"0123456789abcdefghij", "x\"y"}, {{2, 21}, {25, 28}}},
+        {"0123456789abcdefg,0123456789abcdef\"",
+         {"0123456789abcdefg", "0123456789abcdef"},
+         {{1, 17}, {19, 34}}},
+        {"a\"\"b,c", {"a\"b", "c"}, {{1, 4}, {6, 6}}},
+        {"\"a\" x,c", {"a\" x", "c"}, {{2, 5}, {7, 7}}},
+        {"a|b|c", {"a|b", "c"}, {{1, 3}, {5, 5}}, U'|', U'|'}, // one character for both
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.Line);
@@ -59,6 +67,8 @@ TEST(TextFields, SplitsByTheWalk) {
         for (int i = 1; i <= fields.Count(); ++i) {
             values.push_back(fields.FieldValue(i));
             positions.push_back(fields.Position(i));
+            // The walk tells which values hold a qualifier; collapsing every one must change nothing.
+            EXPECT_EQ(values.back(), PostProcessTextValue(fields.RawField(i), c.Delimiter, c.Qualifier)) << i;
         }
         EXPECT_EQ(values, c.Values);
         EXPECT_EQ(positions, c.Positions);
