@@ -101,6 +101,17 @@ public:
         type_ = varString;
     }
 
+    /// Makes the value a text, keeping the room of a text it already holds, and gives that text to be
+    /// written in place.
+    std::string& TextToWrite() {
+        if (type_ != varString) {
+            Release();
+            new (&u_.s) std::string();
+            type_ = varString;
+        }
+        return u_.s;
+    }
+
     /// Makes the value Null, releasing what it held.
     void SetNull() noexcept {
         Release();

@@ -191,23 +191,17 @@ void TKvImportFromText::FinishColumnsAhead(std::shared_ptr<TKvIColumnFinisher> f
     if (!readAhead_) return;
     reader_.Stop();
     // The hook has its own copy of the references: nothing it reads is the importing thread's.
-    reader_.SetRowHook(
-        [refs = resolved_, finisher = std::move(finisher), text = std::string()](TKvTextFields& row) mutable {
-            std::vector<Variant>& finished = row.Finished();
-            std::vector<std::exception_ptr>& errors = row.FinishErrors();
-            finished.resize(refs.size());
-            errors.resize(refs.size());
-            for (size_t handle = 0; handle < refs.size(); ++handle) {
-                Variant& value = finished[handle];
-                if (const std::string* prepared = row.PreparedValue(refs[handle])) {
-                    value.AssignText(*prepared);
-                } else {
-                    row.GetValue(refs[handle], text);
-                    value.AssignText(text);
-                }
-                finisher->Finish(static_cast<int>(handle), value, errors[handle]);
-            }
-        });
+    reader_.SetRowHook([refs = resolved_, finisher = std::move(finisher)](TKvTextFields& row) {
+        std::vector<Variant>& finished = row.Finished();
+        std::vector<std::exception_ptr>& errors = row.FinishErrors();
+        finished.resize(refs.size());
+        errors.resize(refs.size());
+        for (size_t handle = 0; handle < refs.size(); ++handle) {
+            Variant& value = finished[handle];
+            row.GetValue(refs[handle], value.TextToWrite());
+            finisher->Finish(static_cast<int>(handle), value, errors[handle]);
+        }
+    });
 }
 
 bool TKvImportFromText::ReadSourceColumn(int handle, Variant& value) {

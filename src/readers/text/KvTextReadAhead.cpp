@@ -154,13 +154,17 @@ void TKvTextReadAhead::ProduceRows(TKvTextFile& file, int64_t row, TKvTextFields
                 if (found) {
                     next.Place = file.RowPlace(row);
                     splitter.SetLine(file.Row(row));
+                    // A hook reads the values it wants itself; preparing them all first would copy each
+                    // twice.
                     if (splitter.Line().size() <= kLongText) {
-                        splitter.PrepareValues();
-                        if (rowHook_) rowHook_(splitter);
+                        if (rowHook_)
+                            rowHook_(splitter);
+                        else
+                            splitter.PrepareValues();
                     }
                     splitter.Swap(next.Split);
-                    bytes +=
-                        next.Split.Line.size() * (next.Split.Prepared ? 2 : 1); // the line and its values
+                    const bool withValues = next.Split.Prepared || !next.Split.Finished.empty();
+                    bytes += next.Split.Line.size() * (withValues ? 2 : 1); // the line and its values
                 }
             } catch (...) {
                 // The row reports it in its turn, or the end when the file could not tell; reading stops

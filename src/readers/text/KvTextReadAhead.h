@@ -38,14 +38,14 @@ public:
     /// row), its error is raised here.
     bool Has(TKvTextFile& file, int64_t row, const TKvTextFields& layout);
     /// Makes data row `row` of `file` the current record of `fields` (split by `fields`' own layout, its
-    /// values prepared), and tells in `place` where it lies. A row the file fails to read raises its error
-    /// here, in its turn, with `place` set.
+    /// values prepared unless a row hook read them), and tells in `place` where it lies. A row the file fails
+    /// to read raises its error here, in its turn, with `place` set.
     void Take(TKvTextFile& file, int64_t row, TKvTextFields& fields, TKvTextRowPlace& place);
     /// Appends to `out` the warnings the file noticed while cutting the rows asked for so far.
     void TakeWarnings(std::vector<TKvTextWarning>& out);
-    /// Work for the reading thread on each record it has split and prepared (a record too long to prepare
-    /// is left alone): whatever the hook leaves in the record's Finished travels with it. Set while the
-    /// thread is not running; it stays for the runs after until set again.
+    /// Work for the reading thread on each record it has split, in place of preparing its values (a record
+    /// too long to prepare is left alone): whatever the hook leaves in the record's Finished travels with it.
+    /// Set while the thread is not running; it stays for the runs after until set again.
     void SetRowHook(std::function<void(TKvTextFields&)> hook) { rowHook_ = std::move(hook); }
     /// Ends the reading thread; the file is the caller's again.
     void Stop();
