@@ -117,9 +117,9 @@ void TKvIValueConverter::Convert(TFieldType type, Variant& value) {
     if (value.IsString()) {
         const std::string& s = value.StringRef();
         if (!mime_) {
-            if (s.rfind("[CDATA[", 0) == 0)
+            if (s.starts_with("[CDATA["))
                 value = Variant(s.size() >= 9 ? s.substr(7, s.size() - 9) : std::string());
-        } else if (s.rfind("[CDATA[", 0) == 0) {
+        } else if (s.starts_with("[CDATA[")) {
             value = Variant::FromBytes(
                 Decode64(s.size() >= 9 ? std::string_view(s).substr(7, s.size() - 9) : ""));
         } else if (IsBlobType(type)) {
@@ -136,15 +136,16 @@ void TKvIValueConverter::Convert(TFieldType type, Variant& value) {
         if (!keepUnconverted_) throw EConvertError(Format(message, text));
     };
     if (type == ftBoolean) {
-        if (text == formats_.BooleanTrue || text == "True" || text == "1" || text == "T" || text == "Y")
+        using namespace std::string_view_literals; // compared by length first, with no strlen
+        const std::string_view t = text;
+        if (t == formats_.BooleanTrue || t == "True"sv || t == "1"sv || t == "T"sv || t == "Y"sv)
             value = Variant(true);
-        else if (text == formats_.BooleanFalse || text == "False" || text == "0" || text == "F" ||
-                 text == "N")
+        else if (t == formats_.BooleanFalse || t == "False"sv || t == "0"sv || t == "F"sv || t == "N"sv)
             value = Variant(false);
-        else if (text == "-1")
+        else if (t == "-1"sv)
             value = Variant::Null(); // deliberately: "-1" is no answer
-        else if (SameText(text, "True") || SameText(text, "False"))
-            value = Variant(text.size() == 4); // as the field itself reads them, in any case
+        else if ((t.size() == 4 && SameText(t, "True"sv)) || (t.size() == 5 && SameText(t, "False"sv)))
+            value = Variant(t.size() == 4); // as the field itself reads them, in any case
     } else if (IsIntegerType(type) || type == ftFloat || type == ftCurrency || type == ftBCD) {
         if (trimmed.empty()) {
             value = Variant::Null(); // blanks are no number
