@@ -15,6 +15,7 @@ namespace {
 
 using test::ErrorOf;
 using test::Field;
+using test::Insert;
 
 // Makes the tables of one implementation.
 class TableFactory {
@@ -99,11 +100,6 @@ protected:
             Insert(ds, {static_cast<int>(i) + 1, names[i], static_cast<int>(i) + 20});
         ds.First();
         return ds;
-    }
-    static void Insert(TDataSet& ds, const std::vector<Variant>& values) {
-        ds.Append();
-        for (size_t i = 0; i < values.size(); ++i) ds.Fields(static_cast<int>(i)).SetValue(values[i]);
-        ds.Post();
     }
     // The rows from the cursor on, the values of each joined by "|", rows by ",".
     static std::string Walk(TDataSet& ds) {

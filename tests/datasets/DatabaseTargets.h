@@ -55,6 +55,13 @@ inline std::vector<DatabaseTarget> DatabaseTargets() {
     return targets;
 }
 
+/// Appends one row holding `values`, field by field.
+inline void Insert(TDataSet& ds, const std::vector<Variant>& values) {
+    ds.Append();
+    for (size_t i = 0; i < values.size(); ++i) ds.Fields(static_cast<int>(i)).SetValue(values[i]);
+    ds.Post();
+}
+
 /// A field definition, for short.
 inline TFieldDef Field(const std::string& name, TFieldType type, bool required = false) {
     TFieldDef def;

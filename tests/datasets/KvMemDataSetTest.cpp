@@ -1,4 +1,5 @@
-// The memory table's own behaviour: rows stored while closed, the post hook, its own messages.
+// The memory table's own behaviour, and the base dataset's rules whatever the storage (what every
+// implementation does alike is in DataSetConformanceTest.cpp).
 
 #include "datasets/KvMemDataSet.h"
 #include "TestSupport.h"
@@ -7,6 +8,42 @@ namespace kv {
 namespace {
 
 using test::ErrorOf;
+
+TEST(DataSet, AssignedValuesTakeTheFieldType) {
+    const TDateTime noon = EncodeDateTime(2024, 2, 29, 12, 0, 0, 0);
+    struct Case {
+        TFieldType type;
+        Variant value, expected;
+        std::string error;
+    } cases[] = {{ftInteger, "42", 42, ""},
+                 {ftInteger, "abc", {}, "Could not convert variant of type (String) into type (Integer)"},
+                 {ftInteger, 5000000000LL, 5000000000LL, ""}, // integer columns hold 64 bits
+                 {ftSmallint,
+                  40000,
+                  {},
+                  "40000 is not a valid value for field 'F'. The allowed range is -32768 to 32767"},
+                 {ftWord, -1, {}, "-1 is not a valid value for field 'F'. The allowed range is 0 to 65535"},
+                 {ftLargeint, "5000000000", 5000000000LL, ""},
+                 {ftBoolean, "true", true, ""},
+                 {ftFloat, 3, 3.0, ""},
+                 {ftDate, Variant::FromDateTime(noon), Variant::FromDateTime(EncodeDate(2024, 2, 29)), ""},
+                 {ftTime, Variant::FromDateTime(noon), Variant::FromDateTime(0.5), ""},
+                 {ftDateTime, "x", {}, "Could not convert variant of type (String) into type (Date)"},
+                 {ftString, 12, "12", ""},
+                 {ftBlob, "ab", Variant::FromBytes("ab"), ""},
+                 {ftInteger, Variant(), Variant::Null(), ""}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(FieldTypeName(c.type)) + " from " + c.value.AsString());
+        TKvMemDataSet ds;
+        ds.AddFieldDef("F", c.type);
+        ds.Open();
+        ds.Append();
+        TField& f = ds.Fields(0);
+        EXPECT_EQ(ErrorOf([&] { f.SetValue(c.value); }), c.error);
+        // A failed assignment leaves the buffer as it was.
+        EXPECT_TRUE(f.Value().Identical(c.error.empty() ? c.expected : Variant::Null())) << f.AsString();
+    }
+}
 
 TEST(KvMemDataSet, BeforePostCanFailOneRowAndTheNextStillGoesIn) {
     TKvMemDataSet ds;

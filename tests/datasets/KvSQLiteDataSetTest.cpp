@@ -13,6 +13,7 @@ namespace kv {
 namespace {
 
 using test::ErrorOf;
+using test::Insert;
 
 class SQLiteTest : public ::testing::Test {
 protected:
@@ -32,11 +33,6 @@ protected:
         const unsigned char* text =
             sqlite3_step(statement.get()) == SQLITE_ROW ? sqlite3_column_text(statement.get(), 0) : nullptr;
         return text ? reinterpret_cast<const char*>(text) : "";
-    }
-    void Insert(TKvSQLiteDataSet& ds, const std::vector<Variant>& values) {
-        ds.Append();
-        for (size_t i = 0; i < values.size(); ++i) ds.Fields(static_cast<int>(i)).SetValue(values[i]);
-        ds.Post();
     }
 
     test::TempDir dir;

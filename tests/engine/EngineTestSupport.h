@@ -22,6 +22,13 @@ inline std::vector<std::string> RowLines(const TKvMemDataSet& table) {
     return out;
 }
 
+/// "Processed Added Updated Deleted Skipped Errors".
+inline std::string CountsOf(const TKvIStatistic& s) {
+    return std::to_string(s.TotalImported) + " " + std::to_string(s.TotalAdded) + " " +
+           std::to_string(s.TotalUpdated) + " " + std::to_string(s.TotalDeleted) + " " +
+           std::to_string(s.TotalSkipped) + " " + std::to_string(s.TotalErrors);
+}
+
 class EngineFixture : public ::testing::Test {
 protected:
     EngineFixture() : settings_(InvariantFormatSettings()) {
@@ -45,13 +52,7 @@ protected:
     }
     /// The destination's rows as "ID|NAME|PRICE" lines.
     std::vector<std::string> DestRows() const { return RowLines(dest); }
-    /// "Processed Added Updated Deleted Skipped Errors".
-    std::string Counts() const {
-        const TKvIStatistic& s = imp.Statistic();
-        return std::to_string(s.TotalImported) + " " + std::to_string(s.TotalAdded) + " " +
-               std::to_string(s.TotalUpdated) + " " + std::to_string(s.TotalDeleted) + " " +
-               std::to_string(s.TotalSkipped) + " " + std::to_string(s.TotalErrors);
-    }
+    std::string Counts() const { return CountsOf(imp.Statistic()); }
 
     ScopedFormatSettings settings_;
     TComponent root; // owns the tables and the component, as a form would

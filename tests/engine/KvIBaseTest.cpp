@@ -6,6 +6,7 @@
 namespace kv {
 namespace {
 
+// Defaults the specification file shows (Specs.WritesTheLinesInOrder) are not repeated here.
 TEST(Settings, DefaultsOfANewComponent) {
     test::ScopedFormatSettings fs(InvariantFormatSettings());
     TKvImportFromDataSet c;
@@ -15,15 +16,10 @@ TEST(Settings, DefaultsOfANewComponent) {
     EXPECT_EQ(c.Mode(), imAppend);
     EXPECT_EQ(c.Options().ToByte(), 59);
     EXPECT_FALSE(c.Options().Contains(soSkipEmptyRow));
-    EXPECT_EQ(c.CommitCount(), 300);
     EXPECT_EQ(c.TitleStatus(), "Importing...");
     EXPECT_EQ(c.Statistic().UpdateStep, 1);
-    EXPECT_EQ(c.DataFormats().BooleanTrue, "True");
     EXPECT_EQ(c.FieldDelimiter(), fdTab);
     EXPECT_EQ(c.FieldDelimiterCustom(), U'\t');
-    EXPECT_EQ(c.TextQualifierCustom(), U'"');
-    EXPECT_EQ(c.RecordSeparatorCustom(), "\r\n");
-    EXPECT_EQ(c.RowLast(), 2147483647);
     EXPECT_EQ(c.SQLOptions().SQLQuote, U'"');
     EXPECT_EQ(c.SQLOptions().SQLTerm, ";");
     EXPECT_EQ(c.SQLOptions().FieldNameOptions().SQLQuoteOpen, U'[');

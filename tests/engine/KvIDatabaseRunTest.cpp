@@ -40,11 +40,7 @@ protected:
         db.CreateTable("items", {test::Field("REGION", ftString), test::Field("ID", ftInteger),
                                  test::Field("NAME", ftString, true), test::Field("PRICE", ftFloat)});
         destination = db.OpenDataSet("items", &root);
-        for (const auto& row : rows) {
-            destination->Append();
-            for (size_t i = 0; i < row.size(); ++i) destination->Fields(static_cast<int>(i)).SetValue(row[i]);
-            destination->Post();
-        }
+        for (const auto& row : rows) test::Insert(*destination, row);
         imp.SetDataSet(destination);
         source.EmptyTable();
         for (const auto& row : sourceRows) source.AppendRecord(row);
@@ -78,12 +74,7 @@ protected:
         std::sort(rows.begin(), rows.end());
         return rows;
     }
-    std::string Counts() const {
-        const TKvIStatistic& s = imp.Statistic();
-        return std::to_string(s.TotalImported) + " " + std::to_string(s.TotalAdded) + " " +
-               std::to_string(s.TotalUpdated) + " " + std::to_string(s.TotalDeleted) + " " +
-               std::to_string(s.TotalSkipped) + " " + std::to_string(s.TotalErrors);
-    }
+    std::string Counts() const { return test::CountsOf(imp.Statistic()); }
 
     test::ScopedFormatSettings settings_;
     test::TempDir dir;

@@ -64,6 +64,7 @@ TEST(BinaryReader, TruncatedReadsOfEveryWidthFailWhereTheyStartAndMoveNothing) {
             EXPECT_EQ(test::ErrorOf([&] { memoryWidths[i].Read(plain); }), "Stream read error");
             EXPECT_EQ(r.Position(), 21u);
             EXPECT_EQ(m.Position(), 21u);
+            EXPECT_EQ(plain.Position(), 21u);
             if (left) {
                 EXPECT_EQ(r.ReadU8(), static_cast<uint8_t>(21 * 7 + 1)); // still readable after it
             }
@@ -170,6 +171,9 @@ TEST(BinaryReader, ReadsSeeksAndSkipsPastTheEndFailWithoutAllocating) {
     EXPECT_EQ(FormatErrorOf([&] { m.Seek(11); }),
               "XLS: unexpected end of data at byte 500: seeking to byte 511 of 510");
     EXPECT_THROW(m.ReadBytes(SIZE_MAX), EKvFormatError);
+    TByteReader plain(bytes);
+    EXPECT_THROW(plain.Seek(11), EReadError);
+    EXPECT_THROW(plain.ReadBytes(SIZE_MAX), EReadError);
 }
 
 TEST(BinaryReader, ReadsFilesFromWhereTheyStandAndAcrossBlocks) {

@@ -1,8 +1,7 @@
-// Streams and the bounds-checked byte reader.
+// Memory and file streams. The byte reader's bounds are BinaryReaderTest's.
 
 #include "platform/Streams.h"
 #include "TestSupport.h"
-#include "platform/ByteReader.h"
 #include "platform/Exceptions.h"
 #include "platform/StringList.h"
 
@@ -56,22 +55,6 @@ TEST(Streams, FileRoundTripAndStringListLoading) {
     TFileStream copy(dir.File("copy.bin"), fmCreate);
     EXPECT_EQ(copy.CopyFrom(m, 0), m.Size());
     EXPECT_EQ(copy.Size(), m.Size());
-}
-
-TEST(ByteReader, EveryReadIsBoundsChecked) {
-    const std::string bytes("\x01\x02\x03\x04\x05\x06\x07\x08\x09", 9);
-    TByteReader r(bytes);
-    EXPECT_EQ(r.ReadU16LE(), 0x0201);
-    EXPECT_EQ(r.ReadU16BE(), 0x0304);
-    EXPECT_EQ(r.ReadU32LE(), 0x08070605u);
-    EXPECT_EQ(r.Remaining(), 1u);
-    EXPECT_THROW(r.ReadU16LE(), EReadError);
-    EXPECT_EQ(r.Position(), 8u); // a failed read moves nothing
-    EXPECT_FALSE(r.Has(2));
-    EXPECT_THROW(r.ReadBytes(SIZE_MAX), EReadError);
-    EXPECT_THROW(r.Seek(10), EReadError);
-    r.Seek(0);
-    EXPECT_EQ(r.ReadBytes(3), std::string_view("\x01\x02\x03", 3));
 }
 
 } // namespace

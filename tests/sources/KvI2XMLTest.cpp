@@ -1,5 +1,5 @@
 // The XML source joined to the engine: columns and their types, mappings over rows read as a stream,
-// row ranges, counts and places, and the specification file.
+// row ranges, counts and places. The row element in a specification file is the command line's test.
 
 #include "sources/KvI2XML.h"
 
@@ -90,17 +90,6 @@ TEST_F(XMLSource, MappingsRowRangesCountsAndPlaces) {
     EXPECT_EQ(dest.RowCount(), 1);
     EXPECT_EQ(errors.size(), 1u);
     EXPECT_EQ(xml.Statistic().TotalCount, 3);
-}
-
-TEST_F(XMLSource, TheSpecificationKeepsTheRowElement) {
-    xml.SetRowElement("p:row");
-    TStringStream spec;
-    xml.SaveSpecificationToStream(spec, "rows");
-    TKvImportFromXML other;
-    spec.SetPosition(0);
-    other.LoadSpecificationFromStream(spec);
-    EXPECT_EQ(other.RowElement(), "p:row");
-    EXPECT_EQ(other.TableType(), teXML);
 }
 
 TEST_F(XMLSource, ADocumentWithoutRowsFailsSayingWhy) {

@@ -1,5 +1,5 @@
-// Real-looking text files on which an import could change or lose data without a word: each class of
-// trap is a case that imports a file as a user would and checks the table, what was said, and the status.
+// Text files imported as a user would, on which an import could change or lose data without a word: each
+// case checks the table, what was said, and the status.
 
 #include "TestSupport.h"
 
@@ -48,9 +48,20 @@ TEST_P(TextTrust, ImportsWithoutSilentChanges) {
         EXPECT_EQ(r.Err, "");
 }
 
+const char* const kOrders = "id,amount,day,name,paid\r\n1,\"1,234.50\",2024-01-05,\"Doe, J\",true\r\n"
+                            "2,7,2024-02-29,\"say \"\"hi\"\"\",false\r\n";
+
 // One case a line: name, file, bytes, SQL first, options, status, query, its result, what stderr holds.
 // clang-format off
 const TrustCase kCases[] = {
+    {"ACommonCsvNeedsNoOptions", "orders.csv", kOrders, "", {}, 0, "SELECT * FROM t",
+     "1|1234.5|2024-01-05|Doe, J|1\n2|7.0|2024-02-29|say \"hi\"|0", ""},
+    {"ACommonCsvGetsTypedColumns", "orders.csv", kOrders, "", {}, 0,
+     "SELECT group_concat(name || ' ' || type, ', ') FROM pragma_table_info('t')",
+     "id INTEGER, amount REAL, day DATE, name TEXT, paid BOOLEAN", ""},
+    {"FixedWidthWithMappings", "codes.txt", "AB1  12.5\r\nZ9Z100000\r\n", "CREATE TABLE t(code TEXT, amount REAL)",
+     {"--fixed", "--names-row", "0", "--map", "code=Text1-3", "--map", "amount=Text4-9"}, 0, "SELECT * FROM t",
+     "AB1|12.5\nZ9Z|100000.0", ""},
     {"ValueEqualToItsColumnsName", "years.csv", "year,2019\n2019,2019\n2020,5\n", "", {}, 0,
      "SELECT \"2019\" FROM t", "2019\n5", ""},
     {"AColumnNamedLikeAFunction", "pi.csv", "PI,x\n7,1\n", "", {}, 0, "SELECT PI FROM t", "7", ""},
