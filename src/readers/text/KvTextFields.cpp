@@ -36,9 +36,8 @@ int64_t NextStop(const unsigned char* s, int64_t i, int64_t length, unsigned cha
         const int hits = _mm_movemask_epi8(_mm_or_si128(_mm_cmpeq_epi8(x, d), _mm_cmpeq_epi8(x, q)));
         if (hits) return i + __builtin_ctz(static_cast<unsigned>(hits));
     }
-    for (; i < length; ++i)
-        if (s[i - 1] == delimiter || s[i - 1] == qualifier) return i;
-    return length;
+    return NextStop<char>(reinterpret_cast<const char*>(s), i, length, static_cast<char>(delimiter),
+                          static_cast<char>(qualifier)); // the tail, byte by byte
 }
 #endif
 
