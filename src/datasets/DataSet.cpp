@@ -163,11 +163,12 @@ TField::TField(TDataSet& dataSet, const TFieldDef& def, int index)
     }
 }
 
-Variant TField::Value() const {
+const Variant& TField::ValueRef() const {
+    static const Variant null = Variant::Null();
     const TDataSet& ds = *dataSet_;
     if (ds.state_ == dsInsert || ds.state_ == dsEdit) {
         if (ds.assigned_[static_cast<size_t>(index_)]) return ds.buffer_[static_cast<size_t>(index_)];
-        if (ds.state_ == dsInsert) return Variant::Null();
+        if (ds.state_ == dsInsert) return null;
     }
     return ds.CurrentValue(index_);
 }

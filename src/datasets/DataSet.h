@@ -143,7 +143,9 @@ public:
     bool IsBlob() const { return IsBlobType(def_.DataType); }
 
     /// The current record's value (Null when there is no current record).
-    Variant Value() const;
+    Variant Value() const { return ValueRef(); }
+    /// The same, valid until the dataset moves or changes.
+    const Variant& ValueRef() const;
     /// Sets the value in the edit buffer, converted to the field's type; EDatabaseError "Dataset not in
     /// edit or insert mode" when the dataset is not editing, "Field 'X' cannot be modified" when ReadOnly.
     void SetValue(Variant value) { Store(value, true); }

@@ -57,7 +57,7 @@ int TKvImportFromDataSet::ResolveSourceColumn(const std::string& name) {
 }
 
 bool TKvImportFromDataSet::ReadSourceColumn(int handle, Variant& value) {
-    value = resolved_[static_cast<size_t>(handle)]->Value();
+    value = resolved_[static_cast<size_t>(handle)]->ValueRef();
     // Only a text (or bytes) has anything to finish: trimming, an empty one made Null, a conversion.
     return !value.IsString() && value.VarType() != varBytes && !value.IsNullOrEmpty();
 }

@@ -704,20 +704,26 @@ char* PutDigits(char* p, int value, int width) {
     return p + width;
 }
 
+char* PutTwoDigits(char* p, int value) {
+    p[0] = static_cast<char>('0' + value / 10);
+    p[1] = static_cast<char>('0' + value % 10);
+    return p + 2;
+}
+
 char* PutDate(char* p, const TDateTimeParts& d) {
     p = PutDigits(p, d.Year, 4);
     *p++ = '-';
-    p = PutDigits(p, d.Month, 2);
+    p = PutTwoDigits(p, d.Month);
     *p++ = '-';
-    return PutDigits(p, d.Day, 2);
+    return PutTwoDigits(p, d.Day);
 }
 
 char* PutTime(char* p, const TDateTimeParts& d) {
-    p = PutDigits(p, d.Hour, 2);
+    p = PutTwoDigits(p, d.Hour);
     *p++ = ':';
-    p = PutDigits(p, d.Minute, 2);
+    p = PutTwoDigits(p, d.Minute);
     *p++ = ':';
-    p = PutDigits(p, d.Second, 2);
+    p = PutTwoDigits(p, d.Second);
     if (d.MSec) {
         *p++ = '.';
         p = PutDigits(p, d.MSec, 3);

@@ -50,10 +50,19 @@ public:
     Variant(const Variant& other) : type_(other.type_) { CopyFrom(other); }
     Variant(Variant&& other) noexcept : type_(other.type_) { MoveFrom(other); }
     Variant& operator=(const Variant& other) {
-        if (this != &other) {
-            Variant copy(other);
-            *this = std::move(copy);
+        if (this == &other) return *this;
+        if (type_ == varArray || other.type_ == varArray) {
+            Variant copy(other); // one array may hold the other variant
+            return *this = std::move(copy);
         }
+        if (HasText() && other.HasText()) {
+            u_.s = other.u_.s; // reuses the room this text already has
+        } else {
+            Release();
+            type_ = varEmpty; // whole, should the copy fail
+            CopyFrom(other);
+        }
+        type_ = other.type_;
         return *this;
     }
     Variant& operator=(Variant&& other) noexcept {

@@ -114,5 +114,34 @@ TEST_F(VariantTest, ArraysAndBytes) {
     EXPECT_FALSE(b.Identical(Variant(std::string("\0\1", 2))));
 }
 
+TEST_F(VariantTest, CopyAssignmentBetweenEveryKind) {
+    const std::string longText(40, 'x'); // past the inline room, so a held text is reused
+    const Variant kinds[] = {Variant(),
+                             Variant::Null(),
+                             Variant(true),
+                             Variant(7),
+                             Variant(7LL << 40),
+                             Variant(2.5),
+                             Variant::FromDateTime(EncodeDate(2024, 2, 29)),
+                             Variant("short"),
+                             Variant(longText),
+                             Variant::FromBytes(std::string("\0\1", 2)),
+                             Variant::FromArray({Variant(1), Variant(longText)})};
+    for (const Variant& from : kinds) {
+        for (const Variant& to : kinds) {
+            Variant target = to;
+            target = from;
+            EXPECT_TRUE(target.Identical(from)) << Typed(to) << " given " << Typed(from);
+        }
+    }
+    Variant array = Variant::FromArray({Variant(longText), Variant(2)});
+    array = array.Item(0); // the array holds what replaces it
+    EXPECT_EQ(Typed(array), "string:" + longText);
+    Variant self = Variant(longText);
+    const Variant& alias = self;
+    self = alias;
+    EXPECT_EQ(self.StringRef(), longText);
+}
+
 } // namespace
 } // namespace kv
