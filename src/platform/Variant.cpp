@@ -192,6 +192,22 @@ const std::string& Variant::EmptyText() {
     return empty;
 }
 
+void Variant::AssignHeld(const Variant& other) {
+    if (type_ == varArray || other.type_ == varArray) {
+        Variant copy(other); // one array may hold the other variant
+        *this = std::move(copy);
+        return;
+    }
+    if (HasText() && other.HasText()) {
+        u_.s = other.u_.s; // reuses the room this text already has
+    } else {
+        Release();
+        type_ = varEmpty; // whole, should the copy fail
+        CopyFrom(other);
+    }
+    type_ = other.type_;
+}
+
 const Variant& Variant::Item(size_t index) const {
     if (type_ != varArray || !u_.a || index >= u_.a->size())
         throw EVariantBadIndexError("Variant or safe array index out of bounds");

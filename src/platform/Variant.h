@@ -50,19 +50,12 @@ public:
     Variant(const Variant& other) : type_(other.type_) { CopyFrom(other); }
     Variant(Variant&& other) noexcept : type_(other.type_) { MoveFrom(other); }
     Variant& operator=(const Variant& other) {
-        if (this == &other) return *this;
-        if (type_ == varArray || other.type_ == varArray) {
-            Variant copy(other); // one array may hold the other variant
-            return *this = std::move(copy);
+        if (IsScalar() && other.IsScalar()) {
+            u_.i64 = other.u_.i64;
+            type_ = other.type_;
+        } else if (this != &other) {
+            AssignHeld(other);
         }
-        if (HasText() && other.HasText()) {
-            u_.s = other.u_.s; // reuses the room this text already has
-        } else {
-            Release();
-            type_ = varEmpty; // whole, should the copy fail
-            CopyFrom(other);
-        }
-        type_ = other.type_;
         return *this;
     }
     Variant& operator=(Variant&& other) noexcept {
@@ -175,6 +168,8 @@ public:
 
 private:
     bool HasText() const { return type_ == varString || type_ == varBytes; }
+    bool IsScalar() const { return !HasText() && type_ != varArray; }
+    void AssignHeld(const Variant& other);
     static const std::string& EmptyText();
     void CopyFrom(const Variant& other) {
         if (other.HasText())
