@@ -5,9 +5,12 @@ Each benchmark is a list of (label, setup, command) entries: `setup` (a shell co
 prepares a fresh destination, `command` is timed. Rounds alternate the tools so that a noisy machine
 hurts all of them alike.
 
-    bench/compare.py csv      [--rows N] [--rounds R] [--baseline KVIMPORT]   CSV into a typed SQLite table
+    bench/compare.py csv      [--rows N] [--rounds R] [--baseline KVIMPORT] [--one-core]   CSV into a typed SQLite
+                                                        table
     bench/compare.py sqlite   [--rows N] [--rounds R]   table to table in SQLite, append and appendupdate
     bench/compare.py check    [--rows N]   the CSV import's tables: the floor's and kvimport's row for row
+    bench/compare.py keys     [--rounds R]   appendupdate by a key with and without an index, 10,000 to 100,000 rows
+    bench/compare.py memory   peak memory of the CSV import at 100,000, one million and four million rows
     bench/compare.py dbf      [--rows N] [--rounds R]   a dBase table into a typed SQLite table, and read alone
     bench/compare.py xls      [--rows N] [--rounds R]   an Excel workbook into SQLite, and read alone (N <= 65,535)
     bench/compare.py zip      [--rows N] [--rounds R]   a deflated CSV member of a zip archive written to stdout
@@ -67,15 +70,24 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(HERE)
 
 
+GNU_TIME = "/usr/bin/time"
+
+
 def run_timed(command):
-    start = time.monotonic()
-    proc = subprocess.Popen(command, shell=True, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
-    _, status, usage = os.wait4(proc.pid, 0)
-    elapsed = time.monotonic() - start
-    err = proc.stderr.read().decode(errors="replace")
-    if os.waitstatus_to_exitcode(status) != 0:
-        sys.exit(f"failed: {command}\n{err}")
-    return elapsed, usage.ru_maxrss / 1024.0, usage.ru_utime + usage.ru_stime  # s, MiB, s
+    # A child forked from this Python process starts with Python's pages, which its peak memory would count
+    # after the exec: GNU time, a small process, forks the command and reports its peak instead.
+    with tempfile.NamedTemporaryFile(mode="r", suffix=".peak") as peak:
+        timed = os.path.exists(GNU_TIME)
+        wrapped = f"{GNU_TIME} -f %M -o {peak.name} sh -c {shlex.quote(command)}" if timed else command
+        start = time.monotonic()
+        proc = subprocess.Popen(wrapped, shell=True, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+        _, status, usage = os.wait4(proc.pid, 0)
+        elapsed = time.monotonic() - start
+        err = proc.stderr.read().decode(errors="replace")
+        if os.waitstatus_to_exitcode(status) != 0:
+            sys.exit(f"failed: {command}\n{err}")
+        memory = int(peak.read().strip() or 0) / 1024.0 if timed else usage.ru_maxrss / 1024.0
+    return elapsed, memory, usage.ru_utime + usage.ru_stime  # s, MiB, s
 
 
 def compare(title, entries, rounds, versus="kvimport"):
@@ -132,6 +144,10 @@ def csv_benchmark(args, work, kvimport):
     if args.baseline:
         entries.append(("kvimport import (baseline build)", fresh,
                         f"{args.baseline} import {data} --db {db} --table orders --quiet"))
+    if args.one_core:
+        # Both of kvimport's threads on one core: what a machine whose other core is busy leaves it.
+        entries.append(("kvimport import, pinned to one core", fresh,
+                        f"taskset -c 0 {kvimport} import {data} --db {db} --table orders --quiet"))
     entries += [
         ("sqlite3 .import --csv", fresh, f"sqlite3 {db} '.import --csv --skip 1 {data} orders'"),
         ("Python csv + executemany", fresh, python),
@@ -260,6 +276,53 @@ def dbfread_python():
         if subprocess.run([python, "-c", "import dbfread"], capture_output=True).returncode == 0:
             return python
     return None
+
+
+def keys_benchmark(args, work, kvimport):
+    # Half of the rows are already in the table, so every other row is an update found by its key.
+    db = os.path.join(work, "keys.sqlite")
+    sizes = (10000, 40000, 100000)
+    print(f"\n### appendupdate by key over a table holding half of the rows (median of {args.rounds})\n")
+    print("| rows | without an index | with an index | without, vs. 10,000 rows |")
+    print("|---|---|---|---|")
+    first = None
+    for n in sizes:
+        data = os.path.join(work, f"keys-{n}.csv")
+        if not os.path.exists(data):
+            with open(data, "w") as out:
+                out.write("id,name\n")
+                out.writelines(f"{i},name {i}\n" for i in range(1, n + 1))
+        command = f"{kvimport} import {data} --db {db} --table t --mode appendupdate --keys id --quiet"
+        times = {}
+        for index in ("", "CREATE INDEX t_id ON t(id);"):
+            setup = (f"rm -f {db} && sqlite3 {db} \"CREATE TABLE t(id INTEGER, name TEXT); {index} WITH RECURSIVE "
+                     f"n(i) AS (SELECT 2 UNION ALL SELECT i + 2 FROM n WHERE i + 2 <= {n}) "
+                     f"INSERT INTO t SELECT i, 'old ' || i FROM n;\"")
+            rounds = []
+            for _ in range(args.rounds):
+                subprocess.run(setup, shell=True, check=True)
+                rounds.append(run_timed(command)[0])
+            times[bool(index)] = statistics.median(rounds)
+        first = first or times[False]
+        print(f"| {n:,} | {times[False]:.3f} s | {times[True]:.3f} s | {times[False] / first:.1f} |")
+    print(f"\n- `{command.replace(ROOT + os.sep, '')}` (N = 10,000, 40,000 and 100,000), over "
+          "`t(id INTEGER, name TEXT)` holding the even ids, once without and once with `CREATE INDEX t_id ON t(id)`")
+
+
+def memory_benchmark(args, work, kvimport):
+    db = os.path.join(work, "orders.sqlite")
+    print("\n### Peak memory of the CSV import\n")
+    print("| rows | peak memory | wall time |")
+    print("|---|---|---|")
+    command = ""
+    for n in (100000, 1000000, 4000000):
+        args.rows = n
+        data = orders_csv(args, work)
+        subprocess.run(f"rm -f {db} && sqlite3 {db} '{ORDERS_SCHEMA}'", shell=True, check=True)
+        command = f"{kvimport} import {data} --db {db} --table orders --quiet"
+        elapsed, memory, _ = run_timed(command)
+        print(f"| {n:,} | {memory:.1f} MiB | {elapsed:.2f} s |")
+    print(f"\n- `{command.replace(ROOT + os.sep, '').replace('4000000', 'N')}` over files of `bench/make_csv.py N`")
 
 
 def dbf_benchmark(args, work, kvimport):
@@ -664,14 +727,15 @@ def pg_benchmark(args, work, kvimport):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("benchmark", choices=["csv", "sqlite", "check", "dbf", "xls", "zip", "xml", "sav",
-                                              "workbook", "pg"])
+    parser.add_argument("benchmark", choices=["csv", "sqlite", "check", "keys", "memory", "dbf", "xls", "zip",
+                                              "xml", "sav", "workbook", "pg"])
     parser.add_argument("--rows", type=int,
                         help="rows (default 1000000; 65000 for xls, 1300000 for zip, 200000 for workbook)")
     parser.add_argument("--rounds", type=int, default=3)
     parser.add_argument("--megabytes", type=float, default=100, help="size of the XML document (default 100)")
     parser.add_argument("--kvimport", default=os.path.join(ROOT, "build", "kvimport"))
     parser.add_argument("--baseline", help="another kvimport build to time beside this one (csv only)")
+    parser.add_argument("--one-core", action="store_true", help="also time kvimport pinned to one core (csv only)")
     parser.add_argument("--floor", default=os.path.join(ROOT, "build-bench", "bench", "floor_import"))
     parser.add_argument("--floor-copy", default=os.path.join(ROOT, "build-bench", "bench", "floor_copy"))
     parser.add_argument("--dbf-read", default=os.path.join(ROOT, "build-bench", "bench", "dbf_read"))
@@ -687,7 +751,8 @@ def main():
         if not shutil.which(tool):
             sys.exit(f"{tool} is needed (run scripts/setup.sh)")
     os.makedirs(args.work, exist_ok=True)
-    benchmarks = {"csv": csv_benchmark, "sqlite": sqlite_benchmark, "check": check_benchmark, "dbf": dbf_benchmark,
+    benchmarks = {"csv": csv_benchmark, "sqlite": sqlite_benchmark, "check": check_benchmark,
+                  "keys": keys_benchmark, "memory": memory_benchmark, "dbf": dbf_benchmark,
                   "xls": xls_benchmark, "zip": zip_benchmark, "xml": xml_benchmark, "sav": sav_benchmark,
                   "workbook": workbook_benchmark, "pg": pg_benchmark}
     benchmarks[args.benchmark](args, args.work, args.kvimport)
