@@ -144,7 +144,8 @@ void TKvIValueConverter::Convert(TFieldType type, Variant& value) {
             value = Variant(false);
         else if (t == "-1"sv)
             value = Variant::Null(); // deliberately: "-1" is no answer
-        else if ((t.size() == 4 && SameText(t, "True"sv)) || (t.size() == 5 && SameText(t, "False"sv)))
+        else if (t == "true"sv || t == "false"sv || (t.size() == 4 && SameText(t, "True"sv)) ||
+                 (t.size() == 5 && SameText(t, "False"sv)))
             value = Variant(t.size() == 4); // as the field itself reads them, in any case
     } else if (IsIntegerType(type) || type == ftFloat || type == ftCurrency || type == ftBCD) {
         if (trimmed.empty()) {

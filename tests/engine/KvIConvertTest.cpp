@@ -111,6 +111,9 @@ TEST_F(Convert, TextIntoTypedFields) {
     const Case cases[] = {
         {ftBoolean, "True", "True"},
         {ftBoolean, "true", "True"}, // left to the field, which reads it
+        {ftBoolean, "false", "False"},
+        {ftBoolean, "tRuE", "True"},
+        {ftBoolean, "FALSE", "False"},
         {ftBoolean, "yes", "error:Could not convert variant of type (String) into type (Boolean)"},
         {ftInteger, " 42 ", "42"},
         {ftLargeint, "9000000000", "9000000000"},
