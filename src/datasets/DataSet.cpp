@@ -60,6 +60,11 @@ bool IsDateTimeType(TFieldType type) {
 
 namespace {
 
+const Variant& NullValue() {
+    static const Variant null = Variant::Null();
+    return null;
+}
+
 Variant CheckedInteger(const Variant& value, const std::string& fieldName, int64_t low, int64_t high) {
     const int64_t v = value.AsInt64();
     if (v < low || v > high)
@@ -164,11 +169,10 @@ TField::TField(TDataSet& dataSet, const TFieldDef& def, int index)
 }
 
 const Variant& TField::ValueRef() const {
-    static const Variant null = Variant::Null();
     const TDataSet& ds = *dataSet_;
     if (ds.state_ == dsInsert || ds.state_ == dsEdit) {
         if (ds.assigned_[static_cast<size_t>(index_)]) return ds.buffer_[static_cast<size_t>(index_)];
-        if (ds.state_ == dsInsert) return null;
+        if (ds.state_ == dsInsert) return NullValue();
     }
     return ds.CurrentValue(index_);
 }
@@ -210,8 +214,7 @@ void TDataSet::CheckBrowseMode() {
 }
 
 const Variant& TDataSet::CurrentValue(int index) const {
-    static const Variant null = Variant::Null();
-    if (!hasRecord_ || state_ == dsInactive) return null;
+    if (!hasRecord_ || state_ == dsInactive) return NullValue();
     if (!loaded_) {
         current_.clear();
         const_cast<TDataSet*>(this)->InternalReadRecord(current_);

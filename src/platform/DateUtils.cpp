@@ -699,34 +699,28 @@ bool IsIsoDateTimeWithZone(std::string_view text) {
 namespace {
 
 // Digits written straight into a buffer: ISO texts are made for every date a database receives.
-char* PutDigits(char* p, int value, int width) {
-    for (int i = width - 1; i >= 0; --i, value /= 10) p[i] = static_cast<char>('0' + value % 10);
-    return p + width;
-}
-
-char* PutTwoDigits(char* p, int value) {
-    p[0] = static_cast<char>('0' + value / 10);
-    p[1] = static_cast<char>('0' + value % 10);
-    return p + 2;
+template <int Width> char* PutDigits(char* p, int value) {
+    for (int i = Width - 1; i >= 0; --i, value /= 10) p[i] = static_cast<char>('0' + value % 10);
+    return p + Width;
 }
 
 char* PutDate(char* p, const TDateTimeParts& d) {
-    p = PutDigits(p, d.Year, 4);
+    p = PutDigits<4>(p, d.Year);
     *p++ = '-';
-    p = PutTwoDigits(p, d.Month);
+    p = PutDigits<2>(p, d.Month);
     *p++ = '-';
-    return PutTwoDigits(p, d.Day);
+    return PutDigits<2>(p, d.Day);
 }
 
 char* PutTime(char* p, const TDateTimeParts& d) {
-    p = PutTwoDigits(p, d.Hour);
+    p = PutDigits<2>(p, d.Hour);
     *p++ = ':';
-    p = PutTwoDigits(p, d.Minute);
+    p = PutDigits<2>(p, d.Minute);
     *p++ = ':';
-    p = PutTwoDigits(p, d.Second);
+    p = PutDigits<2>(p, d.Second);
     if (d.MSec) {
         *p++ = '.';
-        p = PutDigits(p, d.MSec, 3);
+        p = PutDigits<3>(p, d.MSec);
     }
     return p;
 }
